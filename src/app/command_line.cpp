@@ -1,0 +1,187 @@
+#include "app/command_line.h"
+
+#include <csignal>
+#include <cstdio>
+#include <exception>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "app/system.h"
+#include "base/error.h"
+#include "base/queues.h"
+#include "cloud/record_id.h"
+
+namespace corvane {
+
+namespace {
+
+constexpr const char* kUsage =
+    "usage: corvane serve [--port N]\n"
+    "       corvane create NAME\n"
+    "       corvane list\n"
+    "       corvane delete NAME\n";
+
+class UsageError : public Error {
+  public:
+    using Error::Error;
+};
+
+std::uint16_t parsePort(const std::string& text) {
+    std::size_t end = 0;
+    unsigned long value = 0;
+    try {
+        value = std::stoul(text, &end);
+    } catch (const std::exception&) {
+        end = 0;
+    }
+    if (end != text.size() || text.empty() || value > 65535) throw Error("Invalid port: " + text);
+    return static_cast<std::uint16_t>(value);
+}
+
+// The name in messages, quoted.
+std::string quoted(const std::string& name) {
+    return "'" + name + "'";
+}
+
+// Runs an asynchronous backend operation on a plain main loop until it completes.
+template <typename T, typename Start>
+T await(LoopMainQueue& mainQueue, Start start) {
+    std::optional<Result<T>> outcome;
+    start([&](Result<T> result) {
+        outcome.emplace(std::move(result));
+        mainQueue.stop();
+    });
+    mainQueue.run();
+    return std::move(outcome->value());
+}
+
+Backend::Callbacks quietCallbacks() {
+    return {[](std::shared_ptr<Repository>) {}, [](auto&) {}};
+}
+
+// Serves until SIGINT or SIGTERM. The signals are blocked in every thread and taken by one
+// waiting thread, which ends the main loop.
+int serve(const std::vector<std::string>& args) {
+    std::uint16_t port = Server::kDefaultPort;
+    for (std::size_t i = 0; i < args.size(); ++i) {
+        if (args[i] == "--port" && i + 1 < args.size()) {
+            port = parsePort(args[++i]);
+        } else {
+            throw UsageError("Unknown option: " + args[i]);
+        }
+    }
+
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+
+    LoopMainQueue mainQueue;
+    std::thread signalThread([&] {
+        setThreadName("signals");
+        int received = 0;
+        sigwait(&signals, &received);
+        mainQueue.stop();
+    });
+
+    int status = 0;
+    try {
+        System system(mainQueue, quietCallbacks());
+        if (system.startServer(port)) {
+            mainQueue.run();
+        } else {
+            status = 1;
+        }
+    } catch (...) {
+        pthread_kill(signalThread.native_handle(), SIGTERM);
+        signalThread.join();
+        throw;
+    }
+    if (status != 0) pthread_kill(signalThread.native_handle(), SIGTERM);
+    signalThread.join();
+    return status;
+}
+
+std::shared_ptr<Repository> findOwn(Backend& backend, const std::string& name) {
+    return backend.fetchRepository(name, std::string(cloud::kCurrentUserDefaultName));
+}
+
+int create(const std::string& name) {
+    LoopMainQueue mainQueue;
+    System system(mainQueue, quietCallbacks());
+    try {
+        bool exists = true;
+        try {
+            findOwn(system.backend(), name);
+        } catch (const CloudError&) {
+            throw;
+        } catch (const Error&) {
+            exists = false;  // "does not exist": free to create
+        }
+        if (exists) throw Error("a repository with this name already exists");
+        auto repository = await<std::shared_ptr<Repository>>(
+            mainQueue, [&](auto done) { system.backend().createRepository(name, done); });
+        std::printf("%s\n", repository->url().c_str());
+    } catch (const std::exception& error) {
+        throw Error("Failed to create " + quoted(name) + ": " + error.what());
+    }
+    return 0;
+}
+
+int list() {
+    LoopMainQueue mainQueue;
+    System system(mainQueue, quietCallbacks());
+    auto repositories = await<std::vector<std::shared_ptr<Repository>>>(
+        mainQueue, [&](auto done) { system.backend().fetchRepositories(done); });
+    for (const auto& repository : repositories) {
+        std::printf("%s\t%s\n", repository->name().c_str(), repository->url().c_str());
+    }
+    return 0;
+}
+
+int remove(const std::string& name) {
+    LoopMainQueue mainQueue;
+    System system(mainQueue, quietCallbacks());
+    try {
+        auto repository = findOwn(system.backend(), name);
+        await<Done>(mainQueue,
+                    [&](auto done) { system.backend().deleteRepository(repository, done); });
+    } catch (const std::exception& error) {
+        throw Error("Failed to delete " + quoted(name) + ": " + error.what());
+    }
+    return 0;
+}
+
+std::string oneName(const std::vector<std::string>& args) {
+    if (args.size() != 1 || args[0].empty()) throw UsageError("Expected one repository name");
+    return args[0];
+}
+
+}  // namespace
+
+int runCommandLine(int argc, char** argv) {
+    std::vector<std::string> args(argv + 1, argv + argc);
+    if (args.empty()) {
+        std::fputs(kUsage, stderr);
+        return 2;
+    }
+    std::string command = args.front();
+    args.erase(args.begin());
+    try {
+        if (command == "serve") return serve(args);
+        if (command == "create") return create(oneName(args));
+        if (command == "list" && args.empty()) return list();
+        if (command == "delete") return remove(oneName(args));
+        throw UsageError("Unknown command: " + command);
+    } catch (const UsageError& error) {
+        std::fprintf(stderr, "%s\n%s", error.what(), kUsage);
+        return 2;
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "%s\n", error.what());
+        return 1;
+    }
+}
+
+}  // namespace corvane

@@ -1,0 +1,91 @@
+#include "cloud/asset_store.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <memory>
+
+#include "cloud/error_codes.h"
+
+namespace corvane::cloud {
+
+std::optional<CloudError> AssetStore::store(const std::filesystem::path& file,
+                                            const FileDigest& digest) {
+    if (queryInteger(connection_, "SELECT size FROM assets WHERE hash = ?", {digest.hash}))
+        return std::nullopt;
+
+    int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return CloudError(kAssetFileNotFound, "Cannot read the asset file " + file.string() + ": " +
+                                                  std::strerror(errno));
+    struct Closer {
+        int fd;
+        ~Closer() { ::close(fd); }
+    } closer{fd};
+
+    // The bytes are hashed again as they are stored: the file may have changed since it was
+    // first read, and a content must never be stored under another content's name.
+    Sha256 sha;
+    // One byte more than the digest counted lets a file that grew show itself.
+    auto capacity = static_cast<std::size_t>(std::min<std::uint64_t>(kChunkSize, digest.size + 1));
+    auto chunk = std::make_unique_for_overwrite<std::uint8_t[]>(capacity);
+    std::uint64_t total = 0;
+    for (std::int64_t seq = 0;; ++seq) {
+        std::size_t filled = 0;
+        while (filled < capacity) {
+            auto count = ::read(fd, chunk.get() + filled, capacity - filled);
+            if (count < 0 && errno == EINTR) continue;
+            if (count < 0)
+                return CloudError(
+                    kAssetFileNotFound,
+                    "Cannot read the asset file " + file.string() + ": " + std::strerror(errno));
+            if (count == 0) break;
+            filled += static_cast<std::size_t>(count);
+        }
+        if (filled == 0) break;
+        ByteView piece(chunk.get(), filled);
+        sha.update(piece);
+        total += filled;
+        connection_.execute("INSERT INTO asset_chunks (hash, seq, data) VALUES (?, ?, ?)",
+                            {digest.hash, seq, piece});
+        if (filled < capacity) break;
+    }
+    if (total != digest.size || sha.finishHex() != digest.hash)
+        return CloudError(kAssetFileModified,
+                          "The asset file " + file.string() + " changed while it was saved");
+    connection_.execute("INSERT INTO assets (hash, size) VALUES (?, ?)",
+                        {digest.hash, static_cast<std::int64_t>(digest.size)});
+    return std::nullopt;
+}
+
+void AssetStore::writeToCache(const StoredAsset& asset, const AssetCache& cache) {
+    if (cache.holds(asset.hash, asset.size)) return;
+    cache.write(asset.hash, asset.size, [&](const AssetCache::Sink& sink) {
+        connection_.execute("SELECT data FROM asset_chunks WHERE hash = ? ORDER BY seq",
+                            {asset.hash}, [&](const SqlRow& row) { sink(row.blob(0)); });
+    });
+}
+
+void AssetStore::collect(const std::set<std::string>& hashes) {
+    for (const auto& hash : hashes) {
+        auto removed = connection_.execute(
+            "DELETE FROM assets WHERE hash = ? AND NOT EXISTS "
+            "(SELECT 1 FROM asset_refs WHERE asset_refs.hash = ?)",
+            {hash, hash});
+        if (removed) connection_.execute("DELETE FROM asset_chunks WHERE hash = ?", {hash});
+    }
+}
+
+StorageUsage AssetStore::usage() {
+    StorageUsage usage;
+    connection_.execute("SELECT COUNT(*), SUM(size) FROM assets", {}, [&](const SqlRow& row) {
+        usage.assetCount = row.integer(0);
+        usage.assetBytes = row.integer(1);
+    });
+    return usage;
+}
+
+}  // namespace corvane::cloud

@@ -1,0 +1,67 @@
+#include "cloud/container.h"
+
+#include "cloud/asset_store.h"
+#include "cloud/cloud_location.h"
+#include "cloud/error_codes.h"
+#include "cloud/schema.h"
+#include "cloud/session.h"
+#include "cloud/share_access.h"
+#include "cloud/sqlite_connection.h"
+
+namespace corvane::cloud {
+
+std::unique_ptr<Container> Container::open(const std::filesystem::path& databaseFile,
+                                           const ContainerOptions& options) {
+    return open([databaseFile] { return SqliteConnection::open(databaseFile); }, options);
+}
+
+std::unique_ptr<Container> Container::open(ConnectionFactory connect,
+                                           const ContainerOptions& options) {
+    auto session =
+        std::make_unique<Session>(std::move(connect), AssetCache(options.assetCacheDirectory));
+    {
+        auto connection = session->pool.acquire();
+        prepareSchema(*connection);
+        session->account = openAccount(*connection, options.account);
+    }
+    session->assetCache.sweep();
+    return std::make_unique<Container>(Key{}, std::move(session));
+}
+
+Container::Container(Key, std::unique_ptr<Session> session)
+    : session_(std::move(session)),
+      private_(*session_, DatabaseScope::privateScope),
+      shared_(*session_, DatabaseScope::sharedScope) {}
+
+Container::~Container() = default;
+
+UserIdentity Container::currentUserIdentity() const {
+    return session_->account.identity();
+}
+
+std::optional<ShareParticipant> Container::fetchShareParticipant(std::string_view emailAddress) {
+    return lookUpParticipant(*session_, emailAddress);
+}
+
+ShareMetadata Container::fetchShareMetadata(std::string_view url, bool shouldFetchRootRecord) {
+    return cloud::fetchShareMetadata(*session_, url, shouldFetchRootRecord);
+}
+
+void Container::acceptShare(const ShareMetadata& metadata) {
+    cloud::acceptShare(*session_, metadata);
+}
+
+StorageUsage Container::storageUsage() {
+    auto connection = session_->pool.acquire();
+    return AssetStore(*connection).usage();
+}
+
+std::unique_ptr<Container> openContainer() {
+    auto location = cloudLocation();
+    if (location.serverAddress)
+        throw CloudError(kBadContainer, "PostgreSQL cloud databases are not supported yet");
+    return Container::open(location.databaseFile,
+                           ContainerOptions{location.assetCacheDirectory, AccountChoice{}});
+}
+
+}  // namespace corvane::cloud

@@ -1,0 +1,282 @@
+#include "cloud/record_writer.h"
+
+#include <map>
+#include <set>
+#include <string>
+#include <variant>
+
+#include "cloud/asset_store.h"
+#include "cloud/crypto.h"
+#include "cloud/error_codes.h"
+#include "cloud/field_codec.h"
+#include "cloud/record_reader.h"
+#include "cloud/share_store.h"
+#include "cloud/zone_access.h"
+
+namespace corvane::cloud {
+namespace {
+
+// A record on its way in: its contents hashed before the transaction starts, so the write lock
+// is held for database work only.
+struct Pending {
+    const Record* record = nullptr;
+    std::map<std::string, FileDigest> digests;  // by file path
+    std::optional<CloudError> error;
+};
+
+CloudError invalid(const std::string& message) {
+    return CloudError(kInvalidArguments, message);
+}
+
+void forEachAsset(const Record& record,
+                  const std::function<void(const std::string&, const Asset&)>& visit) {
+    for (const auto& [key, value] : record.fields) {
+        if (auto* asset = std::get_if<Asset>(&value)) visit(key, *asset);
+        if (auto* assets = std::get_if<std::vector<Asset>>(&value)) {
+            for (const auto& item : *assets)
+                visit(key, item);
+        }
+    }
+}
+
+std::optional<CloudError> check(const Record& record) {
+    const auto& id = record.recordId;
+    if (id.recordName.empty() || id.zoneId.zoneName.empty())
+        return invalid("A record needs a record name and a zone name");
+    if (record.recordType.empty()) return invalid("Record " + id.recordName + " has no type");
+    bool shareType = record.recordType == kShareRecordType;
+    if (shareType != record.share.has_value())
+        return invalid("Record " + id.recordName + " is not a share made with makeShare");
+    if (record.share && record.share->rootRecordName.empty())
+        return invalid("Share " + id.recordName + " has no root record");
+    if (record.parent && record.parent->recordId.zoneId != id.zoneId)
+        return invalid("The parent of record " + id.recordName + " is in another zone");
+    for (const auto& [key, value] : record.fields) {
+        if (key.empty()) return invalid("Record " + id.recordName + " has a field without a name");
+        auto* reference = std::get_if<Reference>(&value);
+        if (reference && reference->recordId.zoneId != id.zoneId)
+            return invalid("Field " + key + " of record " + id.recordName +
+                           " refers to a record in another zone");
+    }
+    return std::nullopt;
+}
+
+void digestAssets(Pending& pending, std::map<std::string, FileDigest>& known) {
+    forEachAsset(*pending.record, [&](const std::string& key, const Asset& asset) {
+        if (pending.error) return;
+        if (!asset.fileURL) {
+            pending.error = CloudError(kAssetFileNotFound, "Field " + key + " of record " +
+                                                               pending.record->recordId.recordName +
+                                                               " has no file");
+            return;
+        }
+        auto path = asset.fileURL->string();
+        auto it = known.find(path);
+        if (it == known.end()) {
+            try {
+                it = known.emplace(path, digestFile(*asset.fileURL)).first;
+            } catch (const CloudError& error) {
+                pending.error = error;
+                return;
+            }
+        }
+        pending.digests.emplace(path, it->second);
+    });
+}
+
+class Writer {
+  public:
+    Writer(Session& session, Connection& connection, DatabaseScope scope, SavePolicy policy)
+        : session_(session), connection_(connection), scope_(scope), policy_(policy) {}
+
+    // The stored record, or why this record is refused. The contents it stopped using are
+    // added to `released`.
+    std::variant<Record, CloudError> write(const Pending& pending, std::set<std::string>& released);
+
+  private:
+    std::optional<ZoneGrant> zone(const ZoneId& zoneId) {
+        auto it = zones_.find(zoneId);
+        if (it == zones_.end())
+            it = zones_.emplace(zoneId, findZone(connection_, session_.account, scope_, zoneId))
+                     .first;
+        return it->second;
+    }
+
+    Session& session_;
+    Connection& connection_;
+    DatabaseScope scope_;
+    SavePolicy policy_;
+    std::map<ZoneId, std::optional<ZoneGrant>> zones_;
+};
+
+std::variant<Record, CloudError> Writer::write(const Pending& pending,
+                                               std::set<std::string>& released) {
+    const Record& record = *pending.record;
+    const auto& name = record.recordId.recordName;
+    auto grant = zone(record.recordId.zoneId);
+    if (!grant)
+        return CloudError(kUnknownItem,
+                          "Record zone " + record.recordId.zoneId.zoneName + " does not exist");
+    if (!grant->owned && grant->permission != Permission::readWrite)
+        return CloudError(kPermissionFailure, "No permission to change records of zone " +
+                                                  record.recordId.zoneId.zoneName);
+    if (record.share && !grant->owned)
+        return CloudError(kPermissionFailure, "Only the owner of a zone can change its share");
+
+    struct Stored {
+        std::int64_t id;
+        std::string changeTag;
+        std::string type;
+        std::int64_t created;
+    };
+    std::optional<Stored> stored;
+    connection_.execute(
+        "SELECT id, change_tag, type, created FROM records WHERE zone_id = ? AND name = ?",
+        {grant->zoneRowId, name}, [&](const SqlRow& row) {
+            stored = Stored{row.integer(0), std::string(row.text(1)), std::string(row.text(2)),
+                            row.integer(3)};
+        });
+    if (policy_ == SavePolicy::ifServerRecordUnchanged) {
+        if (stored && record.recordChangeTag != stored->changeTag)
+            return CloudError(kServerRecordChanged,
+                              "Record " + name + " was changed by another save");
+        if (!stored && record.recordChangeTag)
+            return CloudError(kUnknownItem, "Record " + name + " does not exist any more");
+    }
+    if (stored && (stored->type == kShareRecordType) != record.share.has_value())
+        return invalid("Record " + name + " cannot change between share and plain record");
+
+    std::vector<ParticipantEntry> participants;
+    if (record.share) {
+        auto existing = shareRecordRowId(connection_, grant->zoneRowId);
+        if (existing && (!stored || *existing != stored->id))
+            return CloudError(kAlreadyShared,
+                              "Zone " + record.recordId.zoneId.zoneName + " is already shared");
+        auto resolved = resolveParticipants(connection_, session_.account, *record.share);
+        if (auto* error = std::get_if<CloudError>(&resolved)) return *error;
+        participants = std::get<std::vector<ParticipantEntry>>(std::move(resolved));
+    }
+
+    AssetStore assets(connection_);
+    std::set<std::string> uses;
+    for (const auto& [path, digest] : pending.digests) {
+        if (!uses.insert(digest.hash).second) continue;
+        if (auto error = assets.store(path, digest)) return *error;
+    }
+    auto fields = encodeFields(record.fields, [&](const Asset& asset) {
+        const auto& digest = pending.digests.at(asset.fileURL->string());
+        return StoredAsset{digest.hash, digest.size};
+    });
+
+    auto now = millisecondsOf(std::chrono::system_clock::now());
+    auto changeTag = randomHex(8);
+    SqlParam parent = std::monostate{};
+    if (record.parent) parent = std::string_view(record.parent->recordId.recordName);
+    std::int64_t rowId = 0;
+    std::int64_t created = now;
+    if (stored) {
+        rowId = stored->id;
+        created = stored->created;
+        connection_.execute(
+            "UPDATE records SET type = ?, parent = ?, fields = ?, change_tag = ?, modified = ? "
+            "WHERE id = ?",
+            {record.recordType, parent, fields, changeTag, now, rowId});
+        connection_.execute("SELECT hash FROM asset_refs WHERE record_id = ?", {rowId},
+                            [&](const SqlRow& row) {
+                                std::string hash(row.text(0));
+                                if (!uses.count(hash)) released.insert(std::move(hash));
+                            });
+        connection_.execute("DELETE FROM asset_refs WHERE record_id = ?", {rowId});
+    } else {
+        connection_.execute(
+            "INSERT INTO records (zone_id, name, type, parent, fields, change_tag, created, "
+            "modified) VALUES (?, ?, ?, ?, ?, ?, ?, ?) RETURNING id",
+            {grant->zoneRowId, name, record.recordType, parent, fields, changeTag, now, now},
+            [&](const SqlRow& row) { rowId = row.integer(0); });
+    }
+    for (const auto& hash : uses)
+        connection_.execute("INSERT INTO asset_refs (record_id, hash) VALUES (?, ?)",
+                            {rowId, hash});
+
+    Record saved = record;
+    saved.recordChangeTag = changeTag;
+    saved.creationDate = dateFromMilliseconds(created);
+    saved.modificationDate = dateFromMilliseconds(now);
+    if (record.share)
+        saved.share = writeShare(connection_, grant->zoneRowId, rowId, session_.account,
+                                 *record.share, participants);
+    return saved;
+}
+
+std::vector<SaveOutcome> failAll(const std::vector<Pending>& pending) {
+    std::vector<SaveOutcome> outcomes;
+    for (const auto& item : pending) {
+        auto error = item.error.value_or(
+            CloudError(kBatchRequestFailed, "Record " + item.record->recordId.recordName +
+                                                " was not saved because another record failed"));
+        outcomes.push_back({item.record->recordId, std::nullopt, std::move(error)});
+    }
+    return outcomes;
+}
+
+}  // namespace
+
+std::vector<SaveOutcome> saveRecords(Session& session, DatabaseScope scope,
+                                     const std::vector<Record>& records, SavePolicy policy,
+                                     bool atomic) {
+    std::set<RecordId> ids;
+    for (const auto& record : records) {
+        if (!ids.insert(record.recordId).second)
+            throw invalid("Record " + record.recordId.recordName + " is saved twice in one save");
+    }
+
+    std::vector<Pending> pending(records.size());
+    std::map<std::string, FileDigest> digests;
+    bool anyRefused = false;
+    for (std::size_t i = 0; i < records.size(); ++i) {
+        pending[i].record = &records[i];
+        pending[i].error = check(records[i]);
+        if (!pending[i].error) digestAssets(pending[i], digests);
+        anyRefused = anyRefused || pending[i].error;
+    }
+    if (atomic && anyRefused) return failAll(pending);
+    bool anyToWrite = false;
+    for (const auto& item : pending)
+        anyToWrite = anyToWrite || !item.error;
+    if (!anyToWrite) return failAll(pending);
+
+    auto connection = session.pool.acquire();
+    Transaction transaction(*connection, TransactionMode::write);
+    Writer writer(session, *connection, scope, policy);
+    std::vector<SaveOutcome> outcomes;
+    std::set<std::string> released;
+    for (auto& item : pending) {
+        const auto& id = item.record->recordId;
+        if (item.error) {
+            outcomes.push_back({id, std::nullopt, item.error});
+            continue;
+        }
+        // Without atomicity a refused record must leave no trace while the others stay.
+        if (!atomic) connection->execute("SAVEPOINT record_save");
+        std::set<std::string> releasedHere;
+        auto result = writer.write(item, releasedHere);
+        if (auto* error = std::get_if<CloudError>(&result)) {
+            if (atomic) {
+                item.error = *error;
+                return failAll(pending);  // the transaction rolls back as it goes
+            }
+            connection->execute("ROLLBACK TO SAVEPOINT record_save");
+            connection->execute("RELEASE SAVEPOINT record_save");
+            outcomes.push_back({id, std::nullopt, *error});
+            continue;
+        }
+        if (!atomic) connection->execute("RELEASE SAVEPOINT record_save");
+        released.merge(releasedHere);
+        outcomes.push_back({id, std::get<Record>(std::move(result)), std::nullopt});
+    }
+    AssetStore(*connection).collect(released);
+    transaction.commit();
+    return outcomes;
+}
+
+}  // namespace corvane::cloud

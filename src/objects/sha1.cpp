@@ -1,0 +1,82 @@
+#include "objects/sha1.h"
+
+#include <openssl/evp.h>
+
+#include <stdexcept>
+
+namespace corvane {
+
+bool isObjectId(std::string_view text) {
+    if (text.size() != 40) return false;
+    for (char c : text) {
+        bool digit = (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f');
+        if (!digit) return false;
+    }
+    return true;
+}
+
+std::string hexString(ByteView bytes) {
+    static constexpr char kDigits[] = "0123456789abcdef";
+    std::string text(bytes.size() * 2, '0');
+    for (std::size_t i = 0; i < bytes.size(); ++i) {
+        text[2 * i] = kDigits[bytes[i] >> 4];
+        text[2 * i + 1] = kDigits[bytes[i] & 0x0f];
+    }
+    return text;
+}
+
+Digest sha1(ByteView data) {
+    SHA1Context context;
+    context.update(data);
+    return context.finish();
+}
+
+// The libcrypto digest state; EVP picks the CPU's SHA instructions where it has them.
+struct SHA1Context::State {
+    EVP_MD_CTX* ctx = EVP_MD_CTX_new();
+    ~State() { EVP_MD_CTX_free(ctx); }
+};
+
+SHA1Context::SHA1Context() : state_(std::make_unique<State>()) {
+    // Failing to set up a digest means libcrypto itself is unusable, not bad input.
+    if (!state_->ctx || EVP_DigestInit_ex(state_->ctx, EVP_sha1(), nullptr) != 1)
+        throw std::logic_error("SHA-1 unavailable");
+}
+
+SHA1Context::SHA1Context(const SHA1Context& other) : state_(std::make_unique<State>()) {
+    if (!state_->ctx || EVP_MD_CTX_copy_ex(state_->ctx, other.state_->ctx) != 1)
+        throw std::logic_error("SHA-1 unavailable");
+}
+
+SHA1Context& SHA1Context::operator=(const SHA1Context& other) {
+    if (this != &other) *this = SHA1Context(other);
+    return *this;
+}
+
+SHA1Context::~SHA1Context() = default;
+
+void SHA1Context::update(ByteView data) {
+    if (data.empty()) return;
+    EVP_DigestUpdate(state_->ctx, data.data(), data.size());
+}
+
+Digest SHA1Context::finish() {
+    Digest digest{};
+    unsigned int length = 0;
+    EVP_DigestFinal_ex(state_->ctx, digest.data(), &length);
+    return digest;
+}
+
+std::string objectId(ObjectType type, ByteView data) {
+    std::string header(typeName(type));
+    header += ' ';
+    header += std::to_string(data.size());
+    header += '\0';
+    SHA1Context context;
+    context.update(asBytes(header));
+    context.update(data);
+    auto digest = context.finish();
+    return hexString(digest);
+}
+
+}  // namespace corvane

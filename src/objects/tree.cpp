@@ -1,0 +1,48 @@
+#include "objects/tree.h"
+
+#include <charconv>
+#include <cstring>
+
+#include "base/error.h"
+#include "base/utf8.h"
+#include "objects/sha1.h"
+
+namespace corvane {
+
+namespace {
+
+constexpr std::size_t kRawIdSize = 20;
+
+}  // namespace
+
+// Each entry: "<octal mode> <name>" NUL, then the entry's 20-byte raw id.
+Tree parseTree(const Object& object) {
+    ByteView data = object.data();
+    Tree tree;
+    tree.id = object.id();
+    auto corrupted = [&] { return Error("Corrupted tree object " + object.id()); };
+    std::size_t position = 0;
+    while (position < data.size()) {
+        const void* nul = std::memchr(data.data() + position, 0, data.size() - position);
+        if (!nul) throw corrupted();
+        std::size_t end =
+            static_cast<std::size_t>(static_cast<const std::uint8_t*>(nul) - data.data());
+        std::string_view head = asText(data.subspan(position, end - position));
+        if (!isValidUtf8(head)) throw corrupted();
+        auto space = head.find(' ');
+        if (space == std::string_view::npos) throw corrupted();
+
+        TreeEntry entry;
+        const char* modeEnd = head.data() + space;
+        auto [stop, status] = std::from_chars(head.data(), modeEnd, entry.mode, 8);
+        if (status != std::errc() || stop != modeEnd) throw corrupted();
+        if (data.size() - (end + 1) < kRawIdSize) throw corrupted();
+        entry.id = hexString(data.subspan(end + 1, kRawIdSize));
+        entry.name = head.substr(space + 1);
+        tree.entries.push_back(std::move(entry));
+        position = end + 1 + kRawIdSize;
+    }
+    return tree;
+}
+
+}  // namespace corvane

@@ -1,0 +1,33 @@
+// Tree and TreeEntry: a tree object's entries in their stored order, parsed from the object's
+// bytes. Pure functions, any thread.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "objects/object.h"
+
+namespace corvane {
+
+struct TreeEntry {
+    std::string id;
+    std::string name;
+    // The octal mode as a number: 0100644 file, 0100755 executable, 0120000 symlink,
+    // 040000 directory, 0160000 submodule.
+    std::uint16_t mode = 0;
+
+    bool operator==(const TreeEntry&) const = default;
+};
+
+struct Tree {
+    std::string id;
+    std::vector<TreeEntry> entries;
+
+    bool operator==(const Tree&) const = default;
+};
+
+// Parses the contents of a tree object. Fails with "Corrupted tree object <id>".
+Tree parseTree(const Object& object);
+
+}  // namespace corvane

@@ -1,0 +1,64 @@
+#include "protocol/capability.h"
+
+#include "base/version.h"
+
+namespace corvane {
+
+namespace {
+
+constexpr Capability kAll[] = {
+    Capability::atomic,   Capability::deleteRefs,   Capability::quiet,    Capability::noProgress,
+    Capability::ofsDelta, Capability::reportStatus, Capability::sideBand, Capability::sideBand64k};
+
+}  // namespace
+
+std::string_view capabilityName(Capability capability) {
+    switch (capability) {
+        case Capability::atomic:
+            return "atomic";
+        case Capability::deleteRefs:
+            return "delete-refs";
+        case Capability::quiet:
+            return "quiet";
+        case Capability::noProgress:
+            return "no-progress";
+        case Capability::ofsDelta:
+            return "ofs-delta";
+        case Capability::reportStatus:
+            return "report-status";
+        case Capability::sideBand:
+            return "side-band";
+        case Capability::sideBand64k:
+            return "side-band-64k";
+    }
+    return "";
+}
+
+std::optional<Capability> capabilityFromName(std::string_view name) {
+    for (auto capability : kAll) {
+        if (capabilityName(capability) == name) return capability;
+    }
+    return std::nullopt;
+}
+
+Capabilities parseCapabilities(std::string_view words) {
+    Capabilities capabilities;
+    while (!words.empty()) {
+        auto space = words.find(' ');
+        auto word = words.substr(0, space);
+        if (auto capability = capabilityFromName(word)) capabilities.insert(*capability);
+        if (space == std::string_view::npos) break;
+        words.remove_prefix(space + 1);
+    }
+    return capabilities;
+}
+
+const std::string& agentCapability() {
+    static const std::string agent = [] {
+        auto version = versionString();
+        return version ? "agent=Corvane/" + *version : std::string("agent=Corvane");
+    }();
+    return agent;
+}
+
+}  // namespace corvane

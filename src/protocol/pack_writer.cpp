@@ -1,0 +1,108 @@
+#include "protocol/pack_writer.h"
+
+#include <sys/socket.h>
+
+#include <limits>
+
+#include "base/error.h"
+#include "objects/zlib.h"
+
+namespace corvane {
+
+namespace {
+
+// zlibDeflate gives nothing for nothing, but a pack entry always needs a whole zlib stream:
+// this is the stream of zero bytes.
+constexpr std::uint8_t kEmptyStream[] = {0x78, 0x9c, 0x03, 0x00, 0x00, 0x00, 0x00, 0x01};
+
+}  // namespace
+
+PackWriter::PackWriter(GitSocket& socket, Store& store, unsigned workers)
+    : socket_(socket), store_(store) {
+    workers_.emplace("pack-writer", workers);
+}
+
+Bytes PackWriter::entryHeader(ObjectType type, std::uint64_t size) {
+    Bytes header;
+    std::uint8_t byte =
+        static_cast<std::uint8_t>((static_cast<unsigned>(type) << 4) | (size & 0x0f));
+    size >>= 4;
+    while (size > 0) {
+        header.push_back(byte | 0x80);
+        byte = static_cast<std::uint8_t>(size & 0x7f);
+        size >>= 7;
+    }
+    header.push_back(byte);
+    return header;
+}
+
+void PackWriter::begin(std::size_t objectCount) {
+    if (objectCount > std::numeric_limits<std::uint32_t>::max()) {
+        throw Error("Too many objects for one pack: " + std::to_string(objectCount));
+    }
+    auto count = static_cast<std::uint32_t>(objectCount);
+    const std::uint8_t header[12] = {'P',
+                                     'A',
+                                     'C',
+                                     'K',
+                                     0,
+                                     0,
+                                     0,
+                                     2,
+                                     static_cast<std::uint8_t>(count >> 24),
+                                     static_cast<std::uint8_t>(count >> 16),
+                                     static_cast<std::uint8_t>(count >> 8),
+                                     static_cast<std::uint8_t>(count)};
+    socket_.writeSideBandData(header);
+}
+
+void PackWriter::add(const std::string& id) {
+    workers_->async([this, id] { write(id); });
+}
+
+void PackWriter::write(const std::string& id) {
+    {
+        std::lock_guard lock(writeMutex_);
+        if (failed_) return;
+    }
+    Bytes header;
+    Bytes compressed;
+    try {
+        Object object = store_.getObject(id);
+        header = entryHeader(object.type(), object.data().size());
+        compressed = object.data().empty() ? Bytes(std::begin(kEmptyStream), std::end(kEmptyStream))
+                                           : zlibDeflate(object.data());
+    } catch (const std::exception& error) {
+        fail(error.what());
+        return;
+    }
+    std::lock_guard lock(writeMutex_);
+    if (failed_) return;
+    try {
+        socket_.writeSideBandData(header);
+        socket_.writeSideBandData(compressed);
+    } catch (const std::exception&) {
+        // The connection is gone; finish() reports it when it writes the trailer.
+        failed_ = true;
+    }
+}
+
+void PackWriter::fail(const std::string& message) {
+    std::lock_guard lock(writeMutex_);
+    if (failed_) return;
+    failed_ = true;
+    try {
+        if (socket_.hasSideBand()) socket_.writeError(message);
+    } catch (const std::exception&) {
+    }
+    ::shutdown(socket_.sock(), SHUT_WR);
+}
+
+void PackWriter::finish() {
+    workers_.reset();  // runs what is queued, then joins
+    Digest digest = socket_.packHash().finish();
+    socket_.writeSideBandData(digest);
+    socket_.drainPackBuffer();
+}
+
+}  // namespace corvane

@@ -1,0 +1,48 @@
+// PackWriter: writes one pack (version 2) to a connection while objects arrive in any order:
+// workers compress objects in parallel, and one lock keeps every entry whole on the wire.
+// Layout: "PACK" | version 2 | object count (both 4 bytes, big-endian) | entries | SHA-1 trailer.
+// An entry is the type-and-size header, then the zlib stream of the object's whole contents.
+// Thread safety: add() from any thread; begin() and finish() from the owning thread.
+#pragma once
+
+#include <atomic>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "base/queues.h"
+#include "objects/object.h"
+#include "protocol/git_socket.h"
+#include "storage/store.h"
+
+namespace corvane {
+
+class PackWriter {
+  public:
+    PackWriter(GitSocket& socket, Store& store, unsigned workers);
+
+    // The pack header; fails before anything is sent when the count exceeds 32 bits.
+    void begin(std::size_t objectCount);
+    // Queues the object (already in the cache) to be read, compressed and written.
+    void add(const std::string& id);
+    // Reports a failure: sent on band 3 when the client has a side-band, then the connection
+    // stops sending. Later objects are ignored.
+    void fail(const std::string& message);
+    // Waits for the queued objects, then writes the trailer and drains the side-band buffer.
+    void finish();
+
+    // The entry header: type in bits 4-6 and size bits 0-3 in the first byte, then 7 size
+    // bits per byte, bit 7 marking that another byte follows.
+    static Bytes entryHeader(ObjectType type, std::uint64_t size);
+
+  private:
+    void write(const std::string& id);
+
+    GitSocket& socket_;
+    Store& store_;
+    std::mutex writeMutex_;  // one entry at a time on the wire; guards failed_
+    bool failed_ = false;
+    std::optional<WorkQueue> workers_;
+};
+
+}  // namespace corvane

@@ -1,0 +1,56 @@
+// ReceivePack: the server side of push. Advertises the references, reads the update commands,
+// reads the pack object by object (resolving ref-deltas, fetching bases the client assumes we
+// have), summarises every object, uploads the new ones, moves the references, saves the
+// metadata and reports the status. A push completes whole or fails with one message.
+// Runs on its connection's thread and holds the repository's update lock while it changes it.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <unordered_set>
+#include <vector>
+
+#include "protocol/git_socket.h"
+#include "protocol/server_command.h"
+#include "storage/backend.h"
+#include "storage/repository.h"
+
+namespace corvane {
+
+struct RefUpdate {
+    std::string ref;
+    std::optional<std::string> old;   // absent: the reference does not exist yet
+    std::optional<std::string> new_;  // absent: delete the reference
+    bool operator==(const RefUpdate&) const = default;
+};
+
+class ReceivePack : public ServerCommand {
+  public:
+    ReceivePack(GitSocket& socket, std::shared_ptr<Repository> repository, Backend& backend);
+
+    void run() override;
+
+    // The offered capabilities and the agent, space-separated.
+    static std::string capabilityText();
+    // One command line "<old> <new> <ref>"; fails with "Invalid receive-pack command".
+    static RefUpdate parseCommand(std::string_view line);
+
+  private:
+    void advertiseRefs(const RepositoryContent& content);
+    std::vector<RefUpdate> readCommands();
+    // Reads the pack into the cache and the update's content; returns the ids received and
+    // fills `existing` with the ids the repository had before.
+    std::vector<std::string> readPack(RepositoryContent& content,
+                                      std::unordered_set<std::string>& existing);
+    Object readObject();
+    Object loadBase(const std::string& id);
+    void upload(const std::vector<std::string>& newIds, Repository::ContentUpdate& update);
+    void report(const std::vector<RefUpdate>& commands);
+
+    GitSocket& socket_;
+    std::shared_ptr<Repository> repository_;
+    Backend& backend_;
+};
+
+}  // namespace corvane

@@ -1,0 +1,30 @@
+#include "protocol/request_line.h"
+
+#include "base/error.h"
+
+namespace corvane {
+
+RequestLine parseRequestLine(std::string_view line) {
+    auto nul = line.find('\0');
+    if (nul == std::string_view::npos) throw Error("Invalid request");
+    auto request = line.substr(0, nul);  // host and other parameters after the NUL are unused
+    auto space = request.find(' ');
+    if (space == std::string_view::npos) throw Error("Invalid request");
+
+    RequestLine result;
+    result.command = request.substr(0, space);
+    result.path = request.substr(space + 1);
+    std::string_view path = result.path;
+    if (!path.empty()) path.remove_prefix(1);
+    auto slash = path.find('/');
+    if (slash == std::string_view::npos) {
+        result.owner = kCurrentUserDefaultName;
+        result.name = path;
+    } else {
+        result.owner = path.substr(0, slash);
+        result.name = path.substr(slash + 1);
+    }
+    return result;
+}
+
+}  // namespace corvane

@@ -1,0 +1,153 @@
+#include "protocol/server.h"
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <exception>
+
+#include "base/error.h"
+#include "base/queues.h"
+#include "base/trace.h"
+#include "protocol/git_socket.h"
+#include "protocol/request_line.h"
+
+namespace corvane {
+
+namespace {
+
+constexpr const char* kAddress = "127.0.0.1";
+constexpr int kBacklog = 5;
+// How long and how much a finished connection keeps reading what the client still sends.
+constexpr auto kLingerTime = std::chrono::seconds(1);
+constexpr std::size_t kLingerBytes = 1 << 20;
+
+}  // namespace
+
+Server::Server(RepositoryLookup lookup, CommandTable commands)
+    : lookup_(std::move(lookup)), commands_(std::move(commands)) {}
+
+Server::~Server() {
+    std::unique_lock lock(mutex_);
+    stopping_ = true;
+    // Shutting the sockets down wakes the blocked accept and every blocked recv.
+    if (listener_) ::shutdown(listener_->sock(), SHUT_RDWR);
+    for (int descriptor : connections_)
+        ::shutdown(descriptor, SHUT_RDWR);
+    lock.unlock();
+    if (acceptThread_.joinable()) acceptThread_.join();
+    lock.lock();
+    connectionsChanged_.wait(lock, [&] { return active_ == 0; });
+    if (listener_) ::close(listener_->sock());
+}
+
+bool Server::start(std::uint16_t port) {
+    auto fail = [&](int descriptor) {
+        if (descriptor >= 0) ::close(descriptor);
+        trace(TraceModule::error, "Failed to start server on port " + std::to_string(port));
+        return false;
+    };
+    int descriptor = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (descriptor < 0) return fail(descriptor);
+    std::unique_ptr<GitSocket> listener;
+    try {
+        listener = std::make_unique<GitSocket>(descriptor);
+    } catch (const Error&) {
+        return fail(descriptor);
+    }
+    if (!listener->setKeepAlive() || !listener->setNoSigPipe() || !listener->setReuseAddress() ||
+        !listener->bind(kAddress, port) || ::listen(descriptor, kBacklog) != 0) {
+        return fail(descriptor);
+    }
+    sockaddr_in bound{};
+    socklen_t length = sizeof bound;
+    if (::getsockname(descriptor, reinterpret_cast<sockaddr*>(&bound), &length) != 0) {
+        return fail(descriptor);
+    }
+    port_ = ntohs(bound.sin_port);
+    listener_ = std::move(listener);
+    trace(TraceModule::info, "Listening on port " + std::to_string(port_));
+    acceptThread_ = std::thread([this] { acceptLoop(); });
+    return true;
+}
+
+void Server::acceptLoop() {
+    setThreadName("server");
+    for (;;) {
+        std::unique_ptr<GitSocket> connection;
+        try {
+            connection = listener_->accept();
+        } catch (const Error&) {
+            return;  // the listener was shut down, or accepting failed for good
+        }
+        int one = 1;
+        ::setsockopt(connection->sock(), IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+        std::lock_guard lock(mutex_);
+        if (stopping_) {
+            ::close(connection->sock());
+            return;
+        }
+        connections_.insert(connection->sock());
+        ++active_;
+        std::thread([this, c = std::move(connection)]() mutable {
+            setThreadName("server-conn");
+            handleConnection(std::move(c));
+        }).detach();
+    }
+}
+
+void Server::handleConnection(std::unique_ptr<GitSocket> connection) {
+    try {
+        handleRequest(*connection);
+    } catch (const std::exception& error) {
+        trace(TraceModule::error, error.what());
+    }
+    int descriptor = connection->sock();
+    connection.reset();
+    {
+        // Out of the set before the close, so the destructor never shuts down a reused number.
+        std::lock_guard lock(mutex_);
+        connections_.erase(descriptor);
+    }
+    closeConnection(descriptor);
+    std::lock_guard lock(mutex_);
+    --active_;
+    connectionsChanged_.notify_all();
+}
+
+void Server::handleRequest(GitSocket& connection) {
+    auto request = parseRequestLine(connection.readPktLine());
+    trace(TraceModule::info, request.command + " " + request.path);
+    try {
+        auto repository = lookup_(request.name, request.owner);
+        auto factory = commands_.find(request.command);
+        if (factory == commands_.end()) throw Error("Invalid command: " + request.command);
+        factory->second(connection, std::move(repository))->run();
+    } catch (const std::exception& error) {
+        trace(TraceModule::error, error.what());
+        if (connection.hasSideBand()) connection.writeError(error.what());
+    }
+}
+
+void Server::closeConnection(int descriptor) {
+    ::shutdown(descriptor, SHUT_WR);
+    auto deadline = std::chrono::steady_clock::now() + kLingerTime;
+    std::size_t discarded = 0;
+    char scratch[4096];
+    while (discarded < kLingerBytes) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0) break;
+        pollfd waiting{descriptor, POLLIN, 0};
+        if (::poll(&waiting, 1, static_cast<int>(left.count())) <= 0) break;
+        ssize_t received = ::recv(descriptor, scratch, sizeof scratch, 0);
+        if (received <= 0) break;
+        discarded += static_cast<std::size_t>(received);
+    }
+    ::close(descriptor);
+}
+
+}  // namespace corvane

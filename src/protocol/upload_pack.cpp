@@ -1,0 +1,218 @@
+#include "protocol/upload_pack.h"
+
+#include <algorithm>
+#include <thread>
+#include <unordered_set>
+
+#include "base/error.h"
+#include "protocol/pack_writer.h"
+
+namespace corvane {
+
+namespace {
+
+constexpr Capability kOffered[] = {Capability::sideBand, Capability::sideBand64k,
+                                   Capability::noProgress};
+
+std::vector<std::string_view> splitSpaces(std::string_view line) {
+    std::vector<std::string_view> parts;
+    std::size_t start = 0;
+    for (;;) {
+        auto space = line.find(' ', start);
+        parts.push_back(line.substr(start, space - start));
+        if (space == std::string_view::npos) return parts;
+        start = space + 1;
+    }
+}
+
+// Marks a tree and everything below it as seen.
+void markTreeSeen(const RepositoryContent& content, const std::string& root,
+                  std::unordered_set<std::string>& seen) {
+    std::vector<std::string> pending{root};
+    while (!pending.empty()) {
+        std::string id = std::move(pending.back());
+        pending.pop_back();
+        if (!seen.insert(id).second) continue;
+        auto tree = content.trees.find(id);
+        if (tree == content.trees.end()) continue;
+        for (const auto& subtree : tree->second.trees)
+            pending.push_back(subtree);
+        for (const auto& blob : tree->second.blobs)
+            seen.insert(blob);
+    }
+}
+
+}  // namespace
+
+UploadPack::UploadPack(GitSocket& socket, std::shared_ptr<Repository> repository, Store& store,
+                       ObjectFetcher& fetcher)
+    : socket_(socket), repository_(std::move(repository)), store_(store), fetcher_(fetcher) {}
+
+std::optional<std::string> UploadPack::headReference(const RepositoryContent& content) {
+    for (const char* preferred : {"refs/heads/master", "refs/heads/main"}) {
+        if (content.refs.contains(preferred)) return std::string(preferred);
+    }
+    auto first = content.refs.lower_bound("refs/heads/");
+    if (first != content.refs.end() && first->first.starts_with("refs/heads/")) return first->first;
+    return std::nullopt;
+}
+
+std::string UploadPack::capabilityText(const std::optional<std::string>& headReference) {
+    std::string text;
+    for (auto capability : kOffered) {
+        text += capabilityName(capability);
+        text += ' ';
+    }
+    // Without it a client cloning a repository whose branch is not master checks nothing out.
+    if (headReference) text += "symref=HEAD:" + *headReference + " ";
+    text += agentCapability();
+    return text;
+}
+
+void UploadPack::run() {
+    auto content = repository_->content();
+    advertiseRefs(*content);
+    Capabilities capabilities;
+    auto wants = readWants(capabilities);
+    if (wants.empty()) return;  // a reference listing
+    socket_.setCapabilities(capabilities);
+    auto haves = negotiate(*content);
+    sendPack(*content, wants, haves);
+}
+
+void UploadPack::advertiseRefs(const RepositoryContent& content) {
+    if (content.refs.empty()) {
+        socket_.writePktLine(kFlush);
+        return;
+    }
+    std::vector<std::pair<std::string, std::string>> lines(content.refs.begin(),
+                                                           content.refs.end());
+    auto head = headReference(content);
+    if (head) lines.insert(lines.begin(), {"HEAD", content.refs.at(*head)});
+    bool first = true;
+    for (const auto& [name, id] : lines) {
+        std::string line = id + " " + name;
+        if (first) {
+            line += '\0';
+            line += capabilityText(head);
+            first = false;
+        }
+        line += '\n';
+        socket_.writePktLine(line);
+    }
+    socket_.writePktLine(kFlush);
+}
+
+std::vector<std::string> UploadPack::readWants(Capabilities& capabilities) {
+    std::vector<std::string> wants;
+    for (;;) {
+        std::string line = socket_.readPktLine();
+        if (line.empty()) return wants;
+        auto parts = splitSpaces(line);
+        if (parts.size() < 2 || parts[0] != "want") throw Error("Invalid upload-pack want");
+        if (wants.empty()) {
+            for (std::size_t i = 2; i < parts.size(); ++i) {
+                if (auto capability = capabilityFromName(parts[i]))
+                    capabilities.insert(*capability);
+            }
+        }
+        wants.emplace_back(parts[1]);
+    }
+}
+
+// Reads haves batch by batch until "done". A flush ends a batch: it gets "NAK" while nothing
+// is in common; the first known commit gets one "ACK" at once; "done" gets a final "NAK" when
+// nothing was in common. Every line the client sends is read, however far ahead it is.
+std::vector<std::string> UploadPack::negotiate(const RepositoryContent& content) {
+    std::vector<std::string> haves;
+    bool common = false;
+    for (;;) {
+        std::string line = socket_.readPktLine();
+        if (line == "done") break;
+        if (line.empty()) {
+            if (!common) socket_.writePktLine("NAK\n");
+            continue;
+        }
+        auto parts = splitSpaces(line);
+        if (parts.size() != 2 || parts[0] != "have") throw Error("Invalid upload-pack have");
+        haves.emplace_back(parts[1]);
+        if (!common && content.commits.contains(haves.back())) {
+            common = true;
+            socket_.writePktLine("ACK " + haves.back() + "\n");
+        }
+    }
+    if (!common) socket_.writePktLine("NAK\n");
+    return haves;
+}
+
+std::vector<std::string> UploadPack::selectObjects(const RepositoryContent& content,
+                                                   const std::vector<std::string>& wants,
+                                                   const std::vector<std::string>& haves) {
+    std::unordered_set<std::string> seen(haves.begin(), haves.end());
+    // What a known have reaches through its tree, the client has already.
+    for (const auto& have : haves) {
+        auto commit = content.commits.find(have);
+        if (commit != content.commits.end()) markTreeSeen(content, commit->second.tree, seen);
+    }
+    std::vector<std::string> output;
+    std::vector<std::string> pendingCommits;
+    std::vector<std::string> pendingTrees;
+    for (const auto& want : wants) {
+        auto tag = content.tags.find(want);
+        if (tag == content.tags.end()) {
+            pendingCommits.push_back(want);
+            continue;
+        }
+        if (seen.insert(want).second) output.push_back(want);
+        if (tag->second.type == ObjectType::commit) pendingCommits.push_back(tag->second.target);
+        if (tag->second.type == ObjectType::tree) pendingTrees.push_back(tag->second.target);
+    }
+    while (!pendingCommits.empty()) {
+        std::string id = std::move(pendingCommits.back());
+        pendingCommits.pop_back();
+        if (!seen.insert(id).second) continue;
+        auto commit = content.commits.find(id);
+        if (commit == content.commits.end()) throw Error("Commit " + id + " not found on server");
+        for (const auto& parent : commit->second.parents)
+            pendingCommits.push_back(parent);
+        pendingTrees.push_back(commit->second.tree);
+        output.push_back(id);
+    }
+    std::vector<std::string> blobs;
+    std::unordered_set<std::string> blobSet;
+    while (!pendingTrees.empty()) {
+        std::string id = std::move(pendingTrees.back());
+        pendingTrees.pop_back();
+        if (!seen.insert(id).second) continue;
+        auto tree = content.trees.find(id);
+        if (tree == content.trees.end()) throw Error("Tree " + id + " not found on server");
+        for (const auto& subtree : tree->second.trees)
+            pendingTrees.push_back(subtree);
+        for (const auto& blob : tree->second.blobs) {
+            if (!seen.contains(blob) && blobSet.insert(blob).second) blobs.push_back(blob);
+        }
+        output.push_back(id);
+    }
+    output.insert(output.end(), blobs.begin(), blobs.end());
+    return output;
+}
+
+void UploadPack::sendPack(const RepositoryContent& content, const std::vector<std::string>& wants,
+                          const std::vector<std::string>& haves) {
+    auto ids = selectObjects(content, wants, haves);
+    unsigned workers = std::max(2u, std::thread::hardware_concurrency());
+    PackWriter writer(socket_, store_, workers);
+    writer.begin(ids.size());
+    fetcher_.fetchObjects(ids, *repository_,
+                          [&](const std::string& id, const std::optional<std::string>& error) {
+                              if (error) {
+                                  writer.fail("Failed to fetch object " + id + ": " + *error);
+                              } else {
+                                  writer.add(id);
+                              }
+                          });
+    writer.finish();
+    socket_.writePktLine(kFlush);
+}
+
+}  // namespace corvane

@@ -1,0 +1,387 @@
+#include "storage/backend.h"
+
+#include <algorithm>
+
+#include "base/error.h"
+#include "base/trace.h"
+#include "cloud/partial_failure.h"
+#include "objects/sha1.h"
+#include "storage/file_io.h"
+#include "storage/repository_meta.h"
+#include "storage/stored_records.h"
+
+namespace corvane {
+
+namespace {
+
+using cloud::DatabaseScope;
+
+std::string scopeText(const cloud::Database& database) {
+    return std::string(cloud::scopeName(database.databaseScope()));
+}
+
+cloud::ZoneId zoneOf(const std::string& name, const std::string& owner) {
+    return {hexString(sha1(asBytes(name))), owner};
+}
+
+template <typename T>
+std::vector<std::vector<T>> groupsOf(const std::vector<T>& items, std::size_t size) {
+    std::vector<std::vector<T>> groups;
+    for (std::size_t start = 0; start < items.size(); start += size) {
+        auto end = std::min(items.size(), start + size);
+        groups.emplace_back(items.begin() + static_cast<std::ptrdiff_t>(start),
+                            items.begin() + static_cast<std::ptrdiff_t>(end));
+    }
+    return groups;
+}
+
+}  // namespace
+
+Backend::Backend(cloud::Container& container, Store& store, MainQueue& mainQueue,
+                 Callbacks callbacks)
+    : container_(container),
+      store_(store),
+      mainQueue_(mainQueue),
+      callbacks_(std::move(callbacks)) {
+    fetcher_ = std::make_unique<ObjectFetcher>(
+        store_,
+        [this](const std::string& name, const std::string& owner,
+               const std::set<std::string>& packIds) { return fetchPacks(name, owner, packIds); },
+        [this](const std::set<std::string>& ids) {
+            if (callbacks_.objectsLoaded) {
+                mainQueue_.async([this, ids] { callbacks_.objectsLoaded(ids); });
+            }
+        });
+    queue_ = std::make_unique<WorkQueue>("backend", 4);
+}
+
+Backend::~Backend() {
+    queue_.reset();
+    fetcher_.reset();
+}
+
+cloud::Database& Backend::databaseFor(const std::string& owner) {
+    return owner == cloud::kCurrentUserDefaultName ? container_.privateCloudDatabase()
+                                                   : container_.sharedCloudDatabase();
+}
+
+template <typename T, typename Work>
+void Backend::runAsync(Completion<T> done, Work work) {
+    queue_->async([this, done = std::move(done), work = std::move(work)]() mutable {
+        std::optional<Result<T>> outcome;
+        try {
+            outcome.emplace(work());
+        } catch (...) {
+            outcome.emplace(std::current_exception());
+        }
+        mainQueue_.async([done = std::move(done), result = std::move(*outcome)]() mutable {
+            done(std::move(result));
+        });
+    });
+}
+
+// Fetches records in groups; every id gets a result.
+std::map<cloud::RecordId, cloud::FetchResult> Backend::fetchRecords(
+    cloud::Database& database, const std::vector<cloud::RecordId>& ids) {
+    std::map<cloud::RecordId, cloud::FetchResult> results;
+    for (const auto& group : groupsOf(ids, kFetchGroup)) {
+        for (auto& result : database.fetchRecords(group)) {
+            auto id = result.recordId;
+            results.insert_or_assign(id, std::move(result));
+        }
+    }
+    return results;
+}
+
+void Backend::saveRecords(cloud::Database& database, const std::vector<cloud::Record>& records) {
+    const std::string scope = scopeText(database);
+    trace(TraceModule::request,
+          "saving " + std::to_string(records.size()) + " " + scope + " records");
+    for (const auto& group : groupsOf(records, kSaveGroup)) {
+        cloud::ModifyRecordsOperation operation;
+        operation.recordsToSave = group;
+        operation.savePolicy = cloud::SavePolicy::ifServerRecordUnchanged;
+        operation.atomic = true;
+        database.modifyRecords(operation);
+        trace(TraceModule::response,
+              "saved " + std::to_string(group.size()) + " " + scope + " records");
+    }
+}
+
+std::shared_ptr<Repository> Backend::loadRepository(cloud::Database& database,
+                                                    const cloud::ZoneId& zone,
+                                                    const std::string& name) {
+    auto results =
+        fetchRecords(database, {{kRepositoryRecordName, zone}, {kShareRecordName, zone}});
+    auto& repository = results[{kRepositoryRecordName, zone}];
+    auto& share = results[{kShareRecordName, zone}];
+    const std::string scope = scopeText(database);
+    if (!repository.record || !share.record || !share.record->isShare()) {
+        throw Error(scope + " repository " + name + " does not exist");
+    }
+    return decodeRepositoryRecord(*repository.record, *share.record);
+}
+
+std::shared_ptr<Repository> Backend::fetchRepository(const std::string& name,
+                                                     const std::string& owner) {
+    auto& database = databaseFor(owner);
+    const std::string scope = scopeText(database);
+    trace(TraceModule::request, "Fetching " + scope + " repository " + name);
+    auto repository = loadRepository(database, zoneOf(name, owner), name);
+    trace(TraceModule::response, "Fetched " + scope + " repository " + name);
+    return repository;
+}
+
+void Backend::fetchRepository(const std::string& name, const std::string& owner,
+                              Completion<std::shared_ptr<Repository>> done) {
+    runAsync<std::shared_ptr<Repository>>(std::move(done),
+                                          [=, this] { return fetchRepository(name, owner); });
+}
+
+std::vector<std::shared_ptr<Repository>> Backend::listRepositories(cloud::Database& database) {
+    const std::string scope = scopeText(database);
+    trace(TraceModule::request, "fetching " + scope + " zones");
+    auto zones = database.fetchAllRecordZones();
+    trace(TraceModule::response,
+          "fetched " + std::to_string(zones.size()) + " " + scope + " zones");
+    std::vector<cloud::RecordId> ids;
+    for (const auto& zone : zones) {
+        ids.push_back({kRepositoryRecordName, zone});
+        ids.push_back({kShareRecordName, zone});
+    }
+    trace(TraceModule::request,
+          "fetching " + std::to_string(zones.size()) + " " + scope + " repositories");
+    auto results = fetchRecords(database, ids);
+    std::vector<std::shared_ptr<Repository>> repositories;
+    std::string names;
+    for (const auto& zone : zones) {
+        const auto& record = results[{kRepositoryRecordName, zone}].record;
+        const auto& share = results[{kShareRecordName, zone}].record;
+        if (!record) {
+            trace(TraceModule::error, "Missing repository record for zone " + zone.zoneName);
+            continue;
+        }
+        if (!share || !share->isShare()) {
+            const auto* name = record->get<std::string>("name");
+            trace(TraceModule::error,
+                  "Missing share record for repository " + (name ? *name : zone.zoneName));
+            continue;
+        }
+        repositories.push_back(decodeRepositoryRecord(*record, *share));
+        names += (names.empty() ? "" : ", ") + repositories.back()->name();
+    }
+    trace(TraceModule::response, "Fetched " + std::to_string(repositories.size()) + " " + scope +
+                                     " repositories: " + names);
+    return repositories;
+}
+
+void Backend::fetchRepositories(Completion<std::vector<std::shared_ptr<Repository>>> done) {
+    runAsync<std::vector<std::shared_ptr<Repository>>>(std::move(done), [this] {
+        auto all = listRepositories(container_.privateCloudDatabase());
+        auto shared = listRepositories(container_.sharedCloudDatabase());
+        all.insert(all.end(), shared.begin(), shared.end());
+        return all;
+    });
+}
+
+void Backend::createRepository(const std::string& name,
+                               Completion<std::shared_ptr<Repository>> done) {
+    runAsync<std::shared_ptr<Repository>>(std::move(done), [=, this] {
+        auto& database = container_.privateCloudDatabase();
+        const std::string scope = scopeText(database);
+        cloud::ZoneId zone = zoneOf(name, std::string(cloud::kCurrentUserDefaultName));
+        trace(TraceModule::request, "creating " + scope + " zone " + zone.zoneName);
+        database.saveRecordZone(zone);
+        trace(TraceModule::response, "zone created");
+
+        cloud::Record record(kRepositoryRecordType, {kRepositoryRecordName, zone});
+        record.set("name", name);
+        record.set("version", std::int64_t{2});
+        cloud::Record share = cloud::makeShare(record, kShareRecordName);
+        share.share->title = name;
+        saveRecords(database, {record, share});
+        // Read back what the store stamped (dates, change tags, the share's URL).
+        return loadRepository(database, zone, name);
+    });
+}
+
+void Backend::joinRepository(const std::string& shareURL, Completion<Done> done) {
+    runAsync<Done>(std::move(done), [=, this] {
+        container_.acceptShare(container_.fetchShareMetadata(shareURL, true));
+        return Done{};
+    });
+}
+
+void Backend::acceptShare(const cloud::ShareMetadata& metadata, Completion<Done> done) {
+    runAsync<Done>(std::move(done), [=, this] {
+        container_.acceptShare(metadata);
+        return Done{};
+    });
+}
+
+void Backend::deleteRepository(std::shared_ptr<Repository> repository, Completion<Done> done) {
+    runAsync<Done>(std::move(done), [=, this] {
+        auto& database = databaseFor(repository->owner());
+        trace(TraceModule::request,
+              "deleting " + scopeText(database) + " zone " + repository->id());
+        database.deleteRecordZone({repository->id(), repository->owner()});
+        trace(TraceModule::response, "zone deleted");
+        return Done{};
+    });
+}
+
+void Backend::addContributor(std::shared_ptr<Repository> repository, const std::string& email,
+                             Completion<Done> done) {
+    runAsync<Done>(std::move(done), [=, this] {
+        if (!repository->record() || !repository->share() || !repository->share()->share) {
+            throw Error("Failed to add contributor " + email);
+        }
+        auto participant = container_.fetchShareParticipant(email);
+        if (!participant) throw Error("Invalid email: " + email);
+        participant->permission = cloud::Permission::readWrite;
+        cloud::Record share = *repository->share();
+        share.share->addParticipant(*participant);
+        saveRecords(databaseFor(repository->owner()), {share, *repository->record()});
+        return Done{};
+    });
+}
+
+void Backend::deleteContributor(std::shared_ptr<Repository> repository,
+                                const Participant& participant, Completion<Done> done) {
+    runAsync<Done>(std::move(done), [=, this] {
+        if (!repository->record() || !repository->share() || !repository->share()->share ||
+            !participant.shareParticipant) {
+            throw Error("Failed to delete contributor");
+        }
+        cloud::Record share = *repository->share();
+        share.share->removeParticipant(*participant.shareParticipant);
+        saveRecords(databaseFor(repository->owner()), {share, *repository->record()});
+        return Done{};
+    });
+}
+
+std::map<std::string, std::int64_t> Backend::savePacks(
+    const std::vector<std::string>& ids, const Repository& repository,
+    const RepositoryContent& content,
+    const std::function<void(const std::vector<std::string>&)>& progress) {
+    std::set<std::string> packIds;
+    for (const auto& id : ids)
+        packIds.insert(id.substr(0, 3));
+
+    // Every record lists all objects of its prefix, so the cache must hold them all first.
+    std::map<std::string, std::vector<std::string>> contents;
+    std::vector<std::string> missing;
+    for (const auto& packId : packIds) {
+        contents[packId] = packContents(content, packId);
+        for (const auto& id : contents[packId]) {
+            if (!store_.hasObject(id)) missing.push_back(id);
+        }
+    }
+    if (!missing.empty()) fetcher_->fetchObjects(missing, repository);
+
+    cloud::ZoneId zone{repository.id(), repository.owner()};
+    std::map<std::string, std::int64_t> sizes;
+    std::vector<cloud::Record> records;
+    for (const auto& [packId, packIds2] : contents) {
+        std::int64_t size = 0;
+        records.push_back(buildPackRecord(packId, packIds2, zone, store_, size));
+        sizes[packId] = size;
+    }
+
+    auto& database = databaseFor(repository.owner());
+    trace(TraceModule::request,
+          "saving " + std::to_string(records.size()) + " packs on " + repository.name());
+    for (auto& group : groupsOf(records, kPackGroup)) {
+        cloud::ModifyRecordsOperation operation;
+        operation.recordsToSave = std::move(group);
+        operation.savePolicy = cloud::SavePolicy::allKeys;
+        operation.atomic = true;
+        std::size_t saved = 0;
+        operation.perRecordProgress = [&](const cloud::Record& record, double) {
+            if (const auto* recordIds = record.get<std::vector<std::string>>("ids")) {
+                progress(*recordIds);
+            }
+        };
+        operation.perRecordCompletion = [&](const cloud::RecordId&, const cloud::Record* record,
+                                            const CloudError*) {
+            if (record) ++saved;
+        };
+        try {
+            database.modifyRecords(operation);
+        } catch (const std::exception& error) {
+            trace(TraceModule::error, error.what());
+            throw;
+        }
+        trace(TraceModule::response,
+              "saved " + std::to_string(saved) + " packs on " + repository.name());
+    }
+    return sizes;
+}
+
+void Backend::saveRepository(const std::shared_ptr<Repository>& repository,
+                             Repository::ContentUpdate& update) {
+    if (!repository->record()) throw Error("Failed to save repository " + repository->name());
+    auto file = store_.workingFile(repository->owner() + "." + repository->id());
+    struct RemoveFile {
+        std::filesystem::path path;
+        ~RemoveFile() {
+            std::error_code ignored;
+            std::filesystem::remove(path, ignored);
+        }
+    } removeFile{file};
+
+    Bytes document = encodeRepositoryMeta(update.content());
+    writeFileAtomically(file, document);
+    cloud::Record record = *repository->record();
+    record.set("meta", cloud::Asset{file});
+    record.set("version", std::int64_t{2});
+
+    trace(TraceModule::request, "saving repository " + repository->name());
+    cloud::ModifyRecordsOperation operation;
+    operation.recordsToSave = {record};
+    operation.savePolicy = cloud::SavePolicy::ifServerRecordUnchanged;
+    operation.atomic = true;
+    try {
+        databaseFor(repository->owner()).modifyRecords(operation);
+    } catch (...) {
+        trace(TraceModule::error, "error saving repository " + repository->name());
+        throw;
+    }
+    trace(TraceModule::response, "saved repository " + repository->name());
+    update.publish();
+    repository->setMetaSize(static_cast<std::int64_t>(document.size()));
+    if (callbacks_.updateRepository) {
+        mainQueue_.async([this, repository] { callbacks_.updateRepository(repository); });
+    }
+}
+
+std::map<std::string, PackResult> Backend::fetchPacks(const std::string& name,
+                                                      const std::string& owner,
+                                                      const std::set<std::string>& packIds) {
+    std::map<std::string, PackResult> results;
+    if (packIds.empty()) return results;
+    auto& database = databaseFor(owner);
+    cloud::ZoneId zone = zoneOf(name, owner);
+    trace(TraceModule::request,
+          "fetching " + std::to_string(packIds.size()) + " packs from " + name);
+    std::vector<cloud::RecordId> ids;
+    for (const auto& packId : packIds)
+        ids.push_back({packId, zone});
+    std::size_t received = 0;
+    for (auto& [id, result] : fetchRecords(database, ids)) {
+        PackResult& pack = results[id.recordName];
+        try {
+            if (result.error) throw *result.error;
+            if (!result.record) throw Error("Missing pack " + id.recordName);
+            ++received;
+            pack.placed = decodePackRecord(*result.record, store_);
+        } catch (const std::exception& error) {
+            trace(TraceModule::error, "failed to fetch pack " + id.recordName);
+            pack.error = error.what();
+        }
+    }
+    trace(TraceModule::response, "fetched " + std::to_string(received) + " packs from " + name);
+    return results;
+}
+
+}  // namespace corvane

@@ -1,0 +1,102 @@
+// Backend: the one gateway to the cloud record store. Lists, fetches, creates, joins and deletes
+// repositories, manages contributors, stores pushes (packs, then the metadata record) and
+// downloads packs for the object fetcher.
+//
+// Threads: the asynchronous operations run on the "backend" work queue and complete on the
+// main queue. fetchRepository, savePacks and saveRepository are synchronous for the server's
+// connection threads; fetchPacks runs on the fetcher thread. The container serialises its own
+// calls; the backend keeps no state of its own besides the fetcher and the queue, both owned
+// and stopped by its destructor.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "base/queues.h"
+#include "base/result.h"
+#include "cloud/container.h"
+#include "storage/object_fetcher.h"
+#include "storage/repository.h"
+#include "storage/store.h"
+
+namespace corvane {
+
+class Backend {
+  public:
+    // How the backend reaches the application state (always called on the main queue).
+    struct Callbacks {
+        std::function<void(std::shared_ptr<Repository>)> updateRepository;
+        std::function<void(const std::set<std::string>& ids)> objectsLoaded;
+    };
+
+    static constexpr std::size_t kFetchGroup = 100;  // record ids per fetch
+    static constexpr std::size_t kSaveGroup = 80;    // records per generic save
+    static constexpr std::size_t kPackGroup = 100;   // pack records per upload
+
+    Backend(cloud::Container& container, Store& store, MainQueue& mainQueue, Callbacks callbacks);
+    ~Backend();
+    Backend(const Backend&) = delete;
+    Backend& operator=(const Backend&) = delete;
+
+    // The private database's repositories, then the shared database's.
+    void fetchRepositories(Completion<std::vector<std::shared_ptr<Repository>>> done);
+    void fetchRepository(const std::string& name, const std::string& owner,
+                         Completion<std::shared_ptr<Repository>> done);
+    void createRepository(const std::string& name, Completion<std::shared_ptr<Repository>> done);
+    void joinRepository(const std::string& shareURL, Completion<Done> done);
+    void acceptShare(const cloud::ShareMetadata& metadata, Completion<Done> done);
+    void deleteRepository(std::shared_ptr<Repository> repository, Completion<Done> done);
+    void addContributor(std::shared_ptr<Repository> repository, const std::string& email,
+                        Completion<Done> done);
+    void deleteContributor(std::shared_ptr<Repository> repository, const Participant& participant,
+                           Completion<Done> done);
+
+    // The repository a git client asked for; fails with
+    // "<scope> repository <name> does not exist".
+    std::shared_ptr<Repository> fetchRepository(const std::string& name, const std::string& owner);
+
+    // Rewrites every pack record whose prefix the ids touch, with all objects of that prefix in
+    // `content`. progress receives the ids of each saved record. Returns pack id → new size.
+    std::map<std::string, std::int64_t> savePacks(
+        const std::vector<std::string>& ids, const Repository& repository,
+        const RepositoryContent& content,
+        const std::function<void(const std::vector<std::string>& savedIds)>& progress);
+
+    // Saves the repository record with the metadata of the update's content; on success
+    // publishes the update, sets metaSize and tells the application state.
+    void saveRepository(const std::shared_ptr<Repository>& repository,
+                        Repository::ContentUpdate& update);
+
+    // Downloads pack records and places their objects in the cache.
+    std::map<std::string, PackResult> fetchPacks(const std::string& name, const std::string& owner,
+                                                 const std::set<std::string>& packIds);
+
+    ObjectFetcher& fetcher() { return *fetcher_; }
+    Store& store() { return store_; }
+
+  private:
+    template <typename T, typename Work>
+    void runAsync(Completion<T> done, Work work);
+    // The private database for the current user's repositories, else the shared one.
+    cloud::Database& databaseFor(const std::string& owner);
+    std::map<cloud::RecordId, cloud::FetchResult> fetchRecords(
+        cloud::Database& database, const std::vector<cloud::RecordId>& ids);
+    // The generic save: groups of kSaveGroup, only over unchanged records, all or nothing.
+    void saveRecords(cloud::Database& database, const std::vector<cloud::Record>& records);
+    std::shared_ptr<Repository> loadRepository(cloud::Database& database, const cloud::ZoneId& zone,
+                                               const std::string& name);
+    std::vector<std::shared_ptr<Repository>> listRepositories(cloud::Database& database);
+
+    cloud::Container& container_;
+    Store& store_;
+    MainQueue& mainQueue_;
+    Callbacks callbacks_;
+    std::unique_ptr<ObjectFetcher> fetcher_;
+    std::unique_ptr<WorkQueue> queue_;
+};
+
+}  // namespace corvane

@@ -1,0 +1,122 @@
+#include "storage/file_io.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+
+#include "base/error.h"
+
+namespace corvane {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string systemError() {
+    return std::strerror(errno);
+}
+
+// A name unique to this process and call, beside the target.
+fs::path temporaryBeside(const fs::path& target) {
+    static std::atomic<std::uint64_t> counter{0};
+    return target.parent_path() /
+           ("." + target.filename().string() + "." + std::to_string(::getpid()) + "." +
+            std::to_string(counter.fetch_add(1)) + ".tmp");
+}
+
+class Descriptor {
+  public:
+    explicit Descriptor(int fd) : fd_(fd) {}
+    ~Descriptor() {
+        if (fd_ >= 0) ::close(fd_);
+    }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    int get() const { return fd_; }
+    int release() {
+        int fd = fd_;
+        fd_ = -1;
+        return fd;
+    }
+
+  private:
+    int fd_;
+};
+
+void writeAll(int fd, ByteView data) {
+    while (!data.empty()) {
+        ssize_t written = ::write(fd, data.data(), data.size());
+        if (written < 0) {
+            if (errno == EINTR) continue;
+            throw Error(systemError());
+        }
+        data = data.subspan(static_cast<std::size_t>(written));
+    }
+}
+
+}  // namespace
+
+Bytes readFile(const fs::path& path) {
+    Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (file.get() < 0) throw Error(systemError());
+    struct stat info {};
+    if (::fstat(file.get(), &info) != 0) throw Error(systemError());
+    Bytes data(static_cast<std::size_t>(info.st_size));
+    std::size_t done = 0;
+    for (;;) {
+        if (done == data.size()) data.resize(data.size() + 65536);  // the file grew
+        ssize_t got = ::read(file.get(), data.data() + done, data.size() - done);
+        if (got < 0) {
+            if (errno == EINTR) continue;
+            throw Error(systemError());
+        }
+        if (got == 0) break;
+        done += static_cast<std::size_t>(got);
+    }
+    data.resize(done);
+    return data;
+}
+
+void writeFileAtomically(const fs::path& path, ByteView data) {
+    fs::path temporary = temporaryBeside(path);
+    {
+        Descriptor file(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+        if (file.get() < 0) throw Error(systemError());
+        try {
+            writeAll(file.get(), data);
+        } catch (...) {
+            ::unlink(temporary.c_str());
+            throw;
+        }
+        if (::close(file.release()) != 0) {
+            ::unlink(temporary.c_str());
+            throw Error(systemError());
+        }
+    }
+    if (::rename(temporary.c_str(), path.c_str()) != 0) {
+        std::string error = systemError();
+        ::unlink(temporary.c_str());
+        throw Error(error);
+    }
+}
+
+void copyFileIfAbsent(const fs::path& source, const fs::path& target) {
+    if (fs::exists(target)) return;
+    fs::path temporary = temporaryBeside(target);
+    std::error_code error;
+    fs::copy_file(source, temporary, error);
+    if (error) throw Error(error.message());
+    // link() refuses an existing target, so a file placed meanwhile by another thread stays.
+    if (::link(temporary.c_str(), target.c_str()) != 0 && errno != EEXIST) {
+        std::string message = systemError();
+        ::unlink(temporary.c_str());
+        throw Error(message);
+    }
+    ::unlink(temporary.c_str());
+}
+
+}  // namespace corvane

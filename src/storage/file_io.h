@@ -1,0 +1,21 @@
+// Whole-file reads and atomic writes for the object cache and the working files.
+#pragma once
+
+#include <filesystem>
+
+#include "base/bytes.h"
+
+namespace corvane {
+
+// Fails with the system's error text.
+Bytes readFile(const std::filesystem::path& path);
+
+// Writes to a temporary file beside the target, then renames it over the target, so readers see
+// the old file or the whole new one.
+void writeFileAtomically(const std::filesystem::path& path, ByteView data);
+
+// Copies source to target unless target already exists (then the existing file stays). The copy
+// lands under a temporary name first, so a target is never seen half-written.
+void copyFileIfAbsent(const std::filesystem::path& source, const std::filesystem::path& target);
+
+}  // namespace corvane

@@ -1,0 +1,89 @@
+// Store: the local object cache. One zlib-compressed git loose-object file per object under
+// root/<first 3 id characters>/<id>, shared by all repositories, plus the parsed commits, trees
+// and tags (and blob sizes) of every object it has handled. Files unused for a week expire.
+//
+// Thread safety: every operation may run on any thread. Object files are written atomically
+// (temporary file, then rename), so a reader sees no file or a whole one; the parsed maps are
+// SyncDicts. The "cache_expiry" thread is owned by the Store and stopped by its destructor.
+//
+// Last use: Linux file systems often do not record access times (noatime, relatime), so the
+// cache records use itself: every read and write sets the file's modification time to now, and
+// the sweep judges a file by its modification time alone.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <filesystem>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "base/sync.h"
+#include "objects/commit.h"
+#include "objects/object.h"
+#include "objects/tag.h"
+#include "objects/tree.h"
+
+namespace corvane {
+
+class Store {
+  public:
+    using Clock = std::chrono::system_clock;
+
+    struct Timing {
+        std::chrono::seconds firstSweep{60};
+        std::chrono::seconds sweepPeriod{3600};
+        std::chrono::seconds cacheExpirationInterval{604800};  // 7 days
+        bool runExpiryThread = true;
+    };
+
+    // $XDG_CACHE_HOME/corvane/Objects, or ~/.cache/corvane/Objects.
+    static std::filesystem::path defaultRoot();
+
+    explicit Store(std::filesystem::path root);
+    Store(std::filesystem::path root, Timing timing);
+    ~Store();
+    Store(const Store&) = delete;
+    Store& operator=(const Store&) = delete;
+
+    const std::filesystem::path& root() const { return root_; }
+
+    // Writes the object file and remembers the parsed form; fails on file-system, compression
+    // and parse errors.
+    void putObject(const Object& object);
+    // Reads, verifies and parses an object file. A file whose contents do not hash to the id is
+    // deleted ("Corrupted cache file for object <id>"); a bad header gives
+    // "Failed to decode object <id>"; a missing file gives the system's error text.
+    Object getObject(const std::string& id);
+    bool hasObject(const std::string& id) const;
+    // Moves or copies a downloaded object file into place (keeping a file already there) and
+    // verifies it through getObject.
+    void placeObjectFile(const std::string& id, const std::filesystem::path& file);
+    // A path in the working folder root/zzz, for the caller to write and remove.
+    std::filesystem::path workingFile(const std::string& name) const;
+    std::filesystem::path objectPath(const std::string& id) const;
+
+    // Refreshes the files of the objects held in memory, then deletes files not used since
+    // now - cacheExpirationInterval. Returns how many were deleted.
+    std::size_t expire(Clock::time_point now);
+
+    SyncDict<std::string, Tag> tags;
+    SyncDict<std::string, Commit> commits;
+    SyncDict<std::string, Tree> trees;
+    SyncDict<std::string, std::int64_t> blobs;
+
+  private:
+    void remember(const Object& object);
+    void expiryLoop();
+
+    std::filesystem::path root_;
+    Timing timing_;
+
+    std::mutex mutex_;
+    std::condition_variable stopRequested_;
+    bool stopping_ = false;  // guarded by mutex_
+    std::thread expiryThread_;
+};
+
+}  // namespace corvane

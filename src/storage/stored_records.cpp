@@ -1,0 +1,152 @@
+#include "storage/stored_records.h"
+
+#include <rapidjson/document.h>
+
+#include <algorithm>
+
+#include "base/error.h"
+#include "objects/lzfse_compression.h"
+#include "objects/sha1.h"
+#include "storage/file_io.h"
+#include "storage/repository_meta.h"
+
+namespace corvane {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// "version" absent or not an integer reads as 1.
+std::int64_t versionOf(const cloud::Record& record) {
+    const auto* version = record.get<std::int64_t>("version");
+    return version ? *version : 1;
+}
+
+Bytes readAsset(const cloud::Asset& asset) {
+    return readFile(*asset.fileURL);
+}
+
+// Version-1 packs: the index maps each id to its slice of the data blob.
+std::set<std::string> decodePackV1(const cloud::Record& record, Store& store) {
+    const auto* index = record.get<cloud::Asset>("index");
+    const auto* data = record.get<cloud::Asset>("data");
+    if (!index || !data || !index->fileURL || !data->fileURL) {
+        throw Error("Corrupted pack " + record.recordId.recordName);
+    }
+    Bytes indexJson = lzfseDecompress(readAsset(*index));
+    Bytes contents = lzfseDecompress(readAsset(*data));
+    rapidjson::Document document;
+    document.Parse(reinterpret_cast<const char*>(indexJson.data()), indexJson.size());
+    auto corrupted = [&] { return Error("Corrupted pack " + record.recordId.recordName); };
+    if (document.HasParseError() || !document.IsObject()) throw corrupted();
+    std::set<std::string> placed;
+    for (const auto& entry : document.GetObject()) {
+        const auto& value = entry.value;
+        if (!value.IsObject() || !value.HasMember("type") || !value.HasMember("size") ||
+            !value.HasMember("offset") || !value["type"].IsUint() || !value["size"].IsUint64() ||
+            !value["offset"].IsUint64()) {
+            throw corrupted();
+        }
+        auto type = objectTypeFromRaw(value["type"].GetUint());
+        std::uint64_t offset = value["offset"].GetUint64();
+        std::uint64_t size = value["size"].GetUint64();
+        if (!type || offset > contents.size() || size > contents.size() - offset) throw corrupted();
+        auto begin = contents.begin() + static_cast<std::ptrdiff_t>(offset);
+        Object object(*type, Bytes(begin, begin + static_cast<std::ptrdiff_t>(size)));
+        store.putObject(object);
+        placed.insert(object.id());
+    }
+    return placed;
+}
+
+}  // namespace
+
+std::shared_ptr<Repository> decodeRepositoryRecord(const cloud::Record& record,
+                                                   const cloud::Record& share) {
+    const auto* name = record.get<std::string>("name");
+    if (!name) throw Error("Corrupted repository record: missing name");
+    const auto& zone = record.recordId.zoneId;
+    RepositoryContent content;
+    std::int64_t metaSize = 0;
+    const auto* meta = record.get<cloud::Asset>("meta");
+    if (meta && meta->fileURL) {
+        auto version = versionOf(record);
+        if (version != 1 && version != 2) {
+            throw Error("Unsupported repository version. Try updating Corvane.");
+        }
+        Bytes document = readAsset(*meta);
+        metaSize = static_cast<std::int64_t>(document.size());
+        content = decodeRepositoryMeta(document, static_cast<int>(version));
+    }
+    return std::make_shared<Repository>(zone.zoneName, zone.ownerName, *name, record, share,
+                                        std::move(content), metaSize);
+}
+
+std::set<std::string> decodePackRecord(const cloud::Record& record, Store& store) {
+    auto version = versionOf(record);
+    if (version == 1) return decodePackV1(record, store);
+    if (version != 2) {
+        throw Error("Unsupported pack version " + std::to_string(version) +
+                    ". Try updating Corvane.");
+    }
+    // A record may carry both kinds of field; the version-1 half is optional here.
+    std::set<std::string> placed;
+    if (record.get<cloud::Asset>("index") && record.get<cloud::Asset>("data")) {
+        try {
+            placed = decodePackV1(record, store);
+        } catch (const std::exception&) {
+            placed.clear();
+        }
+    }
+    const auto* ids = record.get<std::vector<std::string>>("ids");
+    const auto* objects = record.get<std::vector<cloud::Asset>>("objects");
+    if (!ids || !objects || ids->size() != objects->size()) throw Error("Received corrupted pack");
+    for (std::size_t i = 0; i < ids->size(); ++i) {
+        const std::string& id = (*ids)[i];
+        placed.insert(id);
+        if (!(*objects)[i].fileURL) continue;
+        if (!isObjectId(id)) throw Error("Received corrupted pack");
+        store.placeObjectFile(id, *(*objects)[i].fileURL);
+    }
+    return placed;
+}
+
+std::vector<std::string> packContents(const RepositoryContent& content, const std::string& packId) {
+    std::vector<std::string> ids;
+    auto collect = [&](const auto& map) {
+        for (const auto& [id, summary] : map) {
+            if (id.starts_with(packId)) ids.push_back(id);
+        }
+    };
+    collect(content.tags);
+    collect(content.commits);
+    collect(content.trees);
+    collect(content.blobs);
+    std::sort(ids.begin(), ids.end());
+    ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
+    return ids;
+}
+
+cloud::Record buildPackRecord(const std::string& packId, const std::vector<std::string>& ids,
+                              const cloud::ZoneId& zone, const Store& store, std::int64_t& size) {
+    cloud::Record record(kPackRecordType, {packId, zone});
+    record.setParent({kRepositoryRecordName, zone});
+    std::vector<cloud::Asset> objects;
+    size = 0;
+    for (const auto& id : ids) {
+        fs::path path = store.objectPath(id);
+        std::error_code error;
+        auto fileSize = fs::file_size(path, error);
+        if (!error) size += static_cast<std::int64_t>(fileSize);
+        objects.push_back({path});
+    }
+    record.set("version", std::int64_t{2});
+    record.set("ids", ids);
+    record.set("objects", std::move(objects));
+    record.set("size", size);
+    record.remove("index");
+    record.remove("data");
+    return record;
+}
+
+}  // namespace corvane

@@ -1,0 +1,51 @@
+#include "storage/summaries.h"
+
+#include "objects/commit.h"
+#include "objects/tag.h"
+#include "objects/tree.h"
+
+namespace corvane {
+
+namespace {
+
+constexpr std::uint16_t kModeTypeMask = 0170000;
+constexpr std::uint16_t kModeDirectory = 0040000;
+constexpr std::uint16_t kModeSubmodule = 0160000;
+
+}  // namespace
+
+void summarise(const Object& object, RepositoryContent& content) {
+    const std::string& id = object.id();
+    switch (object.type()) {
+        case ObjectType::commit: {
+            Commit commit = parseCommit(object);
+            content.commits[id] = {commit.treeId, commit.parentIds};
+            break;
+        }
+        case ObjectType::tree: {
+            PartialTree summary;
+            for (const auto& entry : parseTree(object).entries) {
+                auto kind = entry.mode & kModeTypeMask;
+                if (kind == kModeDirectory) {
+                    summary.trees.push_back(entry.id);
+                } else if (kind != kModeSubmodule) {
+                    summary.blobs.push_back(entry.id);  // submodule links live elsewhere
+                }
+            }
+            content.trees[id] = std::move(summary);
+            break;
+        }
+        case ObjectType::blob:
+            content.blobs[id] = static_cast<std::int64_t>(object.data().size());
+            break;
+        case ObjectType::tag: {
+            Tag tag = parseTag(object);
+            content.tags[id] = {tag.target, tag.type};
+            break;
+        }
+        default:
+            break;
+    }
+}
+
+}  // namespace corvane

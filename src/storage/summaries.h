@@ -1,0 +1,55 @@
+// Object summaries: what the repository model keeps of each object instead of its contents
+// (the links between commits, trees, tags and blobs). Plain values.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "objects/object.h"
+#include "objects/object_type.h"
+
+namespace corvane {
+
+struct PartialCommit {
+    std::string tree;
+    std::vector<std::string> parents;  // first parent first
+    bool operator==(const PartialCommit&) const = default;
+};
+
+struct PartialTree {
+    std::vector<std::string> trees;  // subtree ids, in entry order
+    std::vector<std::string> blobs;  // blob ids (not submodules), in entry order
+    bool operator==(const PartialTree&) const = default;
+};
+
+struct PartialTag {
+    std::string target;
+    ObjectType type = ObjectType::error;
+    bool operator==(const PartialTag&) const = default;
+};
+
+// The references and summaries of one repository at one moment.
+struct RepositoryContent {
+    std::map<std::string, std::string> refs;  // full name → id, in name order
+    std::unordered_map<std::string, PartialTag> tags;
+    std::unordered_map<std::string, PartialCommit> commits;
+    std::unordered_map<std::string, PartialTree> trees;
+    std::unordered_map<std::string, std::int64_t> blobs;  // id → size in bytes
+    std::unordered_map<std::string, std::int64_t> packs;  // pack id → stored size in bytes
+
+    bool contains(const std::string& id) const {
+        return commits.contains(id) || trees.contains(id) || blobs.contains(id) ||
+               tags.contains(id);
+    }
+    bool operator==(const RepositoryContent&) const = default;
+};
+
+// Records the summary of an object in the content, replacing any under the same id: a commit's
+// tree and parents, a tree's subtrees and blobs (submodule links left out), a blob's size, a
+// tag's target. Fails with the object parsers' messages.
+void summarise(const Object& object, RepositoryContent& content);
+
+}  // namespace corvane

@@ -1,0 +1,303 @@
+// Several processes on one file: a process killed in the middle of a save, and processes that
+// save at the same time.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <random>
+#include <thread>
+
+#include "cloud_test_support.h"
+
+namespace corvane::cloud {
+namespace {
+
+using testing::CloudTest;
+using testing::makeRecord;
+
+const ZoneId kZone{"crash"};
+
+// Runs `body` in a child process; the child exits 0 when it returns, 1 when it throws.
+template <typename Body>
+pid_t spawn(Body body) {
+    pid_t pid = ::fork();
+    if (pid != 0) return pid;
+    int code = 0;
+    try {
+        body();
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "child failed: %s\n", error.what());
+        code = 1;
+    }
+    ::_exit(code);
+}
+
+struct ChildEnd {
+    bool killed = false;
+    int exitCode = -1;
+};
+
+ChildEnd waitFor(pid_t pid) {
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    ChildEnd end;
+    end.killed = WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
+    if (WIFEXITED(status)) end.exitCode = WEXITSTATUS(status);
+    return end;
+}
+
+class ProcessTest : public CloudTest {
+  protected:
+    // A large atomic save: many records, each with many small files.
+    std::vector<Record> bigSave(const std::string& prefix, int records, int assetsPerRecord) {
+        std::vector<Record> save;
+        for (int r = 0; r < records; ++r) {
+            auto record = makeRecord("pack", prefix + std::to_string(r), kZone);
+            std::vector<Asset> objects;
+            for (int a = 0; a < assetsPerRecord; ++a) {
+                auto name = prefix + std::to_string(r) + "-" + std::to_string(a);
+                objects.push_back(Asset{file(name, name + std::string(500 + a, '.'))});
+            }
+            record.set("objects", objects);
+            save.push_back(record);
+        }
+        return save;
+    }
+
+    void prepareFile(const std::filesystem::path& database) {
+        auto container = Container::open(database, optionsFor("ann@example.com"));
+        container->privateCloudDatabase().saveRecordZone(kZone);
+        testing::saveOne(container->privateCloudDatabase(), makeRecord("t", "kept", kZone));
+    }
+
+    // How many records of the save are stored; each stored record is checked whole.
+    int storedRecords(const std::filesystem::path& database, const std::vector<Record>& save) {
+        auto connection = SqliteConnection::open(database);
+        EXPECT_EQ(queryText(*connection, "PRAGMA integrity_check", {}), "ok");
+        auto container = Container::open(database, optionsFor("ann@example.com"));
+        auto& db = container->privateCloudDatabase();
+        EXPECT_TRUE(testing::fetchOne(db, RecordId{"kept", kZone}).record);
+        std::vector<RecordId> ids;
+        for (const auto& record : save)
+            ids.push_back(record.recordId);
+        int stored = 0;
+        auto results = db.fetchRecords(ids);
+        for (std::size_t i = 0; i < results.size(); ++i) {
+            if (!results[i].record) {
+                EXPECT_EQ(results[i].error->code(), kUnknownItem);
+                continue;
+            }
+            ++stored;
+            auto objects = *results[i].record->get<std::vector<Asset>>("objects");
+            auto expected = *save[i].get<std::vector<Asset>>("objects");
+            EXPECT_EQ(objects.size(), expected.size());
+            for (std::size_t a = 0; a < std::min(objects.size(), expected.size()); ++a)
+                EXPECT_EQ(testing::readFile(*objects[a].fileURL),
+                          testing::readFile(*expected[a].fileURL));
+        }
+        return stored;
+    }
+
+    static std::int64_t assetsOf(const std::vector<Record>& save) {
+        std::int64_t total = 0;
+        for (const auto& record : save)
+            total += static_cast<std::int64_t>(record.get<std::vector<Asset>>("objects")->size());
+        return total;
+    }
+
+    std::int64_t storedAssets(const std::filesystem::path& database) {
+        return Container::open(database, optionsFor("ann@example.com"))->storageUsage().assetCount;
+    }
+};
+
+TEST_F(ProcessTest, AProcessKilledInsideAnAtomicSaveLeavesItWholeOrAbsent) {
+    auto save = bigSave("p", 40, 50);
+
+    // Count the steps of the whole save once, to kill at chosen points of it.
+    auto measured = folder() / "measure.sqlite";
+    prepareFile(measured);
+    int countdown = 1 << 30;
+    {
+        auto container = Container::open(testing::faultyFactory(measured, countdown, [] {}),
+                                         optionsFor("ann@example.com"));
+        countdown = 1 << 30;
+        testing::saveAll(container->privateCloudDatabase(), save);
+    }
+    int steps = (1 << 30) - countdown;
+    ASSERT_GT(steps, 2000);
+
+    // Up to `steps` the kill comes before the commit; at steps + 1 it comes in the next operation.
+    for (int killAt : {1, 2, 3, steps / 10, steps / 2, steps - 1, steps, steps + 1}) {
+        auto database = folder() / ("killed-" + std::to_string(killAt) + ".sqlite");
+        prepareFile(database);
+        auto pid = spawn([&] {
+            int childCountdown = 1 << 30;
+            auto container = Container::open(
+                testing::faultyFactory(database, childCountdown, testing::killProcess),
+                optionsFor("ann@example.com"));
+            childCountdown = killAt;
+            testing::saveAll(container->privateCloudDatabase(), save);
+            container->privateCloudDatabase().fetchAllRecordZones();
+        });
+        auto end = waitFor(pid);
+        EXPECT_TRUE(end.killed) << "kill at " << killAt;
+        int expected = killAt > steps ? static_cast<int>(save.size()) : 0;
+        EXPECT_EQ(storedRecords(database, save), expected) << "kill at " << killAt;
+        EXPECT_EQ(storedAssets(database), expected ? assetsOf(save) : 0);
+    }
+}
+
+TEST_F(ProcessTest, AProcessKilledAtAnyMomentLeavesEachSaveWholeOrAbsent) {
+    // The child prepares 8 saves (a new zone of 10 records with 40 new contents each), tells the
+    // parent, and runs them one after the other, reporting the start and end of each; the
+    // parent kills it at a random moment. Rounds repeat until kills have landed inside saves.
+    constexpr int kSaves = 8;
+    constexpr int kRecords = 10;
+    constexpr int kAssets = 40;
+    auto content = [](int save, int r, int a) {
+        return "z" + std::to_string(save) + "-" + std::to_string(r) + "-" + std::to_string(a) +
+               std::string(300, '.');
+    };
+    std::mt19937 random(12345);
+    int interrupted = 0;
+    for (int round = 0; round < 12 && interrupted < 3; ++round) {
+        auto database = folder() / ("round-" + std::to_string(round) + ".sqlite");
+        prepareFile(database);
+        int report[2];
+        ASSERT_EQ(::pipe(report), 0);
+        auto pid = spawn([&] {
+            ::close(report[0]);
+            auto container = Container::open(database, optionsFor("ann@example.com"));
+            auto& db = container->privateCloudDatabase();
+            std::vector<std::vector<Record>> saves;
+            for (int save = 0; save < kSaves; ++save) {
+                ZoneId zone{"z" + std::to_string(save)};
+                db.saveRecordZone(zone);
+                std::vector<Record> records;
+                for (int r = 0; r < kRecords; ++r) {
+                    Record record("pack", RecordId{"r" + std::to_string(r), zone});
+                    std::vector<Asset> objects;
+                    for (int a = 0; a < kAssets; ++a) {
+                        auto name = std::to_string(round) + "-" + std::to_string(save) + "-" +
+                                    std::to_string(r) + "-" + std::to_string(a);
+                        objects.push_back(Asset{file(name, content(save, r, a))});
+                    }
+                    record.set("objects", objects);
+                    records.push_back(record);
+                }
+                saves.push_back(std::move(records));
+            }
+            auto say = [&](char mark) {
+                if (::write(report[1], &mark, 1) != 1) throw Error("pipe");
+            };
+            say('r');
+            for (const auto& records : saves) {
+                say('b');
+                testing::saveAll(db, records);
+                say('e');
+            }
+            for (;;)
+                ::pause();
+        });
+        ::close(report[1]);
+        char mark = 0;
+        ASSERT_EQ(::read(report[0], &mark, 1), 1);
+        std::this_thread::sleep_for(std::chrono::milliseconds(random() % 400));
+        ::kill(pid, SIGKILL);
+        EXPECT_TRUE(waitFor(pid).killed);
+        std::string marks;
+        while (::read(report[0], &mark, 1) == 1)
+            marks += mark;
+        ::close(report[0]);
+        if (!marks.empty() && marks.back() == 'b') ++interrupted;
+
+        // Saves 0 .. whole-1 are complete; no later one left a trace.
+        auto connection = SqliteConnection::open(database);
+        EXPECT_EQ(queryText(*connection, "PRAGMA integrity_check", {}), "ok");
+        auto container = Container::open(database, optionsFor("ann@example.com"));
+        auto& db = container->privateCloudDatabase();
+        int whole = 0;
+        for (int save = 0; save < kSaves; ++save) {
+            ZoneId zone{"z" + std::to_string(save)};
+            std::vector<RecordId> ids;
+            for (int r = 0; r < kRecords; ++r)
+                ids.push_back(RecordId{"r" + std::to_string(r), zone});
+            int stored = 0;
+            auto results = db.fetchRecords(ids);
+            for (int r = 0; r < kRecords; ++r) {
+                const auto& result = results[static_cast<std::size_t>(r)];
+                if (!result.record) continue;
+                ++stored;
+                auto objects = *result.record->get<std::vector<Asset>>("objects");
+                ASSERT_EQ(objects.size(), static_cast<std::size_t>(kAssets));
+                for (int a = 0; a < kAssets; ++a) {
+                    EXPECT_EQ(testing::readFile(*objects[static_cast<std::size_t>(a)].fileURL),
+                              content(save, r, a));
+                }
+            }
+            EXPECT_TRUE(stored == 0 || stored == kRecords) << "round " << round << " save " << save;
+            if (stored == kRecords && save == whole) ++whole;
+            if (stored && save > whole) ADD_FAILURE() << "a later save without an earlier one";
+        }
+        // Every save that returned is stored; the one under way may be either.
+        auto finished = static_cast<int>(std::count(marks.begin(), marks.end(), 'e'));
+        EXPECT_TRUE(whole == finished || whole == finished + 1) << marks;
+        EXPECT_EQ(container->storageUsage().assetCount, whole * kRecords * kAssets);
+    }
+    EXPECT_GT(interrupted, 0) << "no kill landed inside a save";
+    RecordProperty("kills inside a save", interrupted);
+}
+
+TEST_F(ProcessTest, TwoProcessesSavingToOneFileBothSucceed) {
+    // Both start on a file that does not exist yet, so they also race to create the tables and
+    // the account, and both store one common content, so they race to store it too.
+    auto common = file("common", "bytes both processes store");
+    std::vector<std::vector<Record>> work;
+    for (int p = 0; p < 2; ++p) {
+        auto records = bigSave("w" + std::to_string(p) + "-", 30, 5);
+        for (auto& record : records)
+            record.set("common", Asset{common});
+        work.push_back(std::move(records));
+    }
+    int gate[2];
+    ASSERT_EQ(::pipe(gate), 0);
+    std::vector<pid_t> children;
+    for (const auto& records : work) {
+        children.push_back(spawn([&] {
+            ::close(gate[1]);
+            char byte;
+            if (::read(gate[0], &byte, 1) != 0) throw Error("gate");  // opens when closed
+            auto container = Container::open(databaseFile(), optionsFor("ann@example.com"));
+            auto& database = container->privateCloudDatabase();
+            database.saveRecordZone(kZone);
+            for (std::size_t i = 0; i < records.size(); i += 3) {
+                auto first = records.begin() + static_cast<std::ptrdiff_t>(i);
+                testing::saveAll(database, std::vector<Record>(first, first + 3));
+            }
+        }));
+    }
+    ::close(gate[0]);
+    ::close(gate[1]);
+    for (auto pid : children) {
+        auto end = waitFor(pid);
+        EXPECT_FALSE(end.killed);
+        EXPECT_EQ(end.exitCode, 0);
+    }
+
+    auto container = openAs("ann@example.com");
+    std::vector<RecordId> ids;
+    for (const auto& records : work) {
+        for (const auto& record : records)
+            ids.push_back(record.recordId);
+    }
+    for (const auto& result : container->privateCloudDatabase().fetchRecords(ids))
+        EXPECT_TRUE(result.record) << result.recordId.recordName;
+    EXPECT_EQ(container->storageUsage().assetCount, 2 * 30 * 5 + 1);
+    auto connection = SqliteConnection::open(databaseFile());
+    EXPECT_EQ(queryInteger(*connection, "SELECT COUNT(*) FROM accounts", {}), 1);
+}
+
+}  // namespace
+}  // namespace corvane::cloud

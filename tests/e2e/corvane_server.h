@@ -1,0 +1,51 @@
+// The built `corvane serve` on a kernel-chosen port with its own temporary XDG folders.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <regex>
+#include <string>
+
+#include "support/process.h"
+
+namespace corvane::testing {
+
+class CorvaneServer {
+  public:
+    CorvaneServer()
+        : env_{{"XDG_DATA_HOME", home_.path() + "/data"},
+               {"XDG_CACHE_HOME", home_.path() + "/cache"},
+               {"HOME", home_.path()},
+               {"GIT_CONFIG_NOSYSTEM", "1"},
+               {"GIT_CONFIG_GLOBAL", "/dev/null"}},
+          process_({CORVANE_BINARY, "serve", "--port", "0"}, env_) {
+        if (!process_.waitForOutput("Listening on port ")) {
+            ADD_FAILURE() << "server did not start: " << process_.output();
+            return;
+        }
+        std::smatch match;
+        std::string output = process_.output();
+        if (std::regex_search(output, match, std::regex("Listening on port ([0-9]+)\n"))) {
+            port_ = std::stoi(match[1]);
+        }
+    }
+
+    std::string url(const std::string& path) const {
+        return "git://127.0.0.1:" + std::to_string(port_) + "/" + path;
+    }
+    // Runs git (or another tool) with the server's environment.
+    CommandResult run(const std::vector<std::string>& argv, const std::string& cwd = "") const {
+        return runCommand(argv, env_, cwd);
+    }
+    std::uint16_t port() const { return static_cast<std::uint16_t>(port_); }
+    BackgroundProcess& process() { return process_; }
+    const std::string& home() const { return home_.path(); }
+
+  private:
+    TempDir home_;
+    std::map<std::string, std::string> env_;
+    BackgroundProcess process_;
+    int port_ = 0;
+};
+
+}  // namespace corvane::testing

@@ -1,0 +1,207 @@
+// Ref-delta application: deltas written by the real git, hand-made deltas for each instruction
+// form, and every bound a malformed or hostile delta must hit.
+#include "objects/delta.h"
+
+#include <gtest/gtest.h>
+#include <zlib.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "git_repo.h"
+#include "objects/sha1.h"
+#include "support/error_message.h"
+
+namespace corvane {
+namespace {
+
+// Writes delta instruction data: the two sizes, then instructions.
+class DeltaWriter {
+  public:
+    DeltaWriter(std::uint64_t baseSize, std::uint64_t resultSize) {
+        size(baseSize);
+        size(resultSize);
+    }
+    // Little-endian base 128.
+    DeltaWriter& size(std::uint64_t value) {
+        for (; value >= 0x80; value >>= 7)
+            bytes_.push_back(0x80 | (value & 0x7f));
+        bytes_.push_back(static_cast<std::uint8_t>(value));
+        return *this;
+    }
+    // A copy of 1 to 255 bytes from an offset below 256.
+    DeltaWriter& copy(std::uint8_t offset, std::uint8_t size) { return raw({0x91, offset, size}); }
+    DeltaWriter& insert(std::string_view text) {
+        bytes_.push_back(static_cast<std::uint8_t>(text.size()));
+        bytes_.insert(bytes_.end(), text.begin(), text.end());
+        return *this;
+    }
+    DeltaWriter& raw(std::initializer_list<std::uint8_t> bytes) {
+        bytes_.insert(bytes_.end(), bytes);
+        return *this;
+    }
+    RefDelta delta(const Object& base) const { return {base.id(), bytes_}; }
+
+  private:
+    Bytes bytes_;
+};
+
+// Bytes that differ from position to position, so a copy from a wrong offset shows.
+Object patternBlob(std::size_t size) {
+    Bytes bytes(size);
+    for (std::size_t i = 0; i < size; ++i)
+        bytes[i] = static_cast<std::uint8_t>(i * 7 + i / 251);
+    return Object(ObjectType::blob, std::move(bytes));
+}
+
+Bytes slice(const Object& object, std::size_t offset, std::size_t size) {
+    auto start = object.data().begin() + static_cast<std::ptrdiff_t>(offset);
+    return Bytes(start, start + static_cast<std::ptrdiff_t>(size));
+}
+
+TEST(Delta, AppliesTheRefDeltasGitWrites) {
+    testing::GitRepo repo;
+    std::map<std::string, std::string> blobs;  // id -> contents
+    std::string lines, ids;
+    for (int i = 0; i < 400; ++i)
+        lines += "line " + std::to_string(i * i) + "\n";
+    for (int version = 0; version < 8; ++version) {
+        lines.insert(static_cast<std::size_t>(version) * 500, "inserted\n");  // shifts the rest
+        lines.replace(3000, 20, "changed " + std::to_string(version));
+        std::string id = repo.writeObject("blob", lines);
+        blobs[id] = lines;
+        ids += id + "\n";
+    }
+    // Without --delta-base-offset git names every delta's base by id, and writes bases first.
+    std::string packText =
+        repo.git({"pack-objects", "-q", "--stdout", "--no-delta-base-offset"}, ids);
+    ByteView pack = asBytes(packText);
+    // "PACK", version, count (4 bytes each), then per object: a header (bits 4-6 type, size
+    // bits spread over bytes with bit 7 continuing), a ref-delta's 20-byte base id, zlib data.
+    ASSERT_EQ(asText(pack.first(4)), "PACK");
+    std::map<std::string, Object> resolved;
+    std::size_t position = 12, deltas = 0;
+    for (std::uint8_t n = 0; n < pack[11]; ++n) {  // fewer than 256 objects: the count's last byte
+        std::uint8_t byte = pack[position++];
+        int type = (byte >> 4) & 0x07;
+        std::size_t size = byte & 0x0f;
+        for (unsigned shift = 4; byte & 0x80; shift += 7) {
+            byte = pack[position++];
+            size |= std::size_t{byte & 0x7fu} << shift;
+        }
+        std::string baseId;
+        if (type == 7) {
+            ++deltas;
+            baseId = hexString(pack.subspan(position, 20));
+            position += 20;
+            ASSERT_TRUE(resolved.count(baseId)) << "base after its delta";
+        }
+        Bytes data(size);
+        z_stream stream{};
+        inflateInit(&stream);
+        stream.next_in = const_cast<std::uint8_t*>(pack.data() + position);
+        stream.avail_in = static_cast<uInt>(pack.size() - position);
+        stream.next_out = data.data();
+        stream.avail_out = static_cast<uInt>(size);
+        ASSERT_EQ(inflate(&stream, Z_FINISH), Z_STREAM_END);
+        position += stream.total_in;
+        inflateEnd(&stream);
+
+        Object object = type == 7 ? apply(resolved.at(baseId), RefDelta{baseId, std::move(data)})
+                                  : Object(ObjectType::blob, std::move(data));
+        resolved.emplace(object.id(), object);
+    }
+    EXPECT_GE(deltas, 4u) << "git wrote too few deltas to test with";
+    ASSERT_EQ(resolved.size(), blobs.size());
+    for (const auto& [id, object] : resolved) {
+        ASSERT_TRUE(blobs.count(id)) << id << " is not one of git's blobs";
+        EXPECT_EQ(asText(object.data()), blobs[id]);
+    }
+}
+
+TEST(Delta, RebuildsFromCopiesAndInserts) {
+    Object base(ObjectType::blob, toBytes("The quick brown fox jumps over the lazy dog.\n"));
+    auto delta = DeltaWriter(45, 46).copy(0, 4).insert("slow").copy(9, 26).insert("sleepy");
+    auto result = apply(base, delta.copy(39, 6).delta(base));  // this copy ends at the base's end
+    EXPECT_EQ(asText(result.data()), "The slow brown fox jumps over the sleepy dog.\n");
+    EXPECT_EQ(result.id(), testing::GitRepo().writeObject("blob", asText(result.data())));
+
+    Object tree(ObjectType::tree,
+                toBytes("100644 a" + std::string(1, '\0') + std::string(20, 'z')));
+    EXPECT_EQ(apply(tree, DeltaWriter(29, 29).copy(0, 29).delta(tree)), tree);  // keeps the type
+
+    // Sizes of several bytes, and a result many times the base.
+    auto big = patternBlob(300);
+    DeltaWriter repeated(300, 20000);
+    for (int i = 0; i < 100; ++i)
+        repeated.copy(100, 200);
+    auto many = apply(big, repeated.delta(big));
+    EXPECT_EQ(Bytes(many.data().end() - 200, many.data().end()), slice(big, 100, 200));
+}
+
+TEST(Delta, EmptyResult) {
+    Object empty(ObjectType::blob, {});
+    // Both sizes 0 in their shortest form: too short to be a delta.
+    for (Bytes tooShort : {Bytes{0x00, 0x00}, Bytes{0x80, 0x00, 0x00}}) {
+        EXPECT_EQ(testing::errorMessage([&] {
+                      apply(empty, RefDelta{empty.id(), tooShort});
+                  }),
+                  "Invalid ref_delta");
+    }
+    EXPECT_EQ(apply(empty, RefDelta{empty.id(), {0x80, 0x00, 0x80, 0x00}}).id(),
+              "e69de29bb2d1d6434b8b29ae775ad8c2e48c5391");  // both sizes 0, written long
+    auto base = patternBlob(200);
+    EXPECT_EQ(apply(base, RefDelta{base.id(), {0xc8, 0x01, 0x80, 0x00}}).data(), Bytes{});
+}
+
+TEST(Delta, CopyOperandsByFlag) {
+    auto base = patternBlob(0x01000000 + 4);
+    auto copy = [&](std::size_t resultSize, std::initializer_list<std::uint8_t> instruction) {
+        return apply(base, DeltaWriter(base.data().size(), resultSize).raw(instruction).delta(base))
+            .data();
+    };
+    EXPECT_EQ(copy(0x10000, {0x80}), slice(base, 0, 0x10000));  // no size bytes: 65,536
+    EXPECT_EQ(copy(0x10000, {0x81, 0x10}), slice(base, 16, 0x10000));
+    EXPECT_EQ(copy(4, {0x98, 0x01, 0x04}), slice(base, 0x01000000, 4));  // offset byte 3 alone
+    EXPECT_EQ(copy(0x030201, {0xf7, 0x04, 0x03, 0x02, 0x01, 0x02, 0x03}),
+              slice(base, 0x020304, 0x030201));
+    EXPECT_EQ(copy(0x10000, {0xff, 0x00, 0x01, 0x00, 0x00, 0x00, 0x00, 0x01}),
+              slice(base, 0x100, 0x10000));
+}
+
+TEST(Delta, RefusesMalformedDeltas) {
+    auto base = patternBlob(100);
+    auto shortBase = patternBlob(65535);
+    std::vector<std::pair<std::string, RefDelta>> cases = {
+        {"only two sizes", {base.id(), {0x64, 0x01, 0x41}}},
+        {"base too short", DeltaWriter(101, 1).copy(0, 1).delta(base)},
+        {"base too long", DeltaWriter(99, 1).copy(0, 1).delta(base)},
+        {"copy past the base", DeltaWriter(100, 11).copy(90, 11).delta(base)},
+        {"copy from past the base", DeltaWriter(100, 1).raw({0x9f, 1, 1, 1, 1, 1}).delta(base)},
+        {"65,536 bytes from a shorter base",
+         DeltaWriter(65535, 0x10000).raw({0x80}).delta(shortBase)},
+        {"zero opcode", DeltaWriter(100, 2).insert("a").raw({0x00}).insert("b").delta(base)},
+        {"short insert", DeltaWriter(100, 5).raw({0x05, 'a', 'b', 'c'}).delta(base)},
+        {"copy without its offset", DeltaWriter(100, 4).raw({0x91}).delta(base)},
+        {"copy without its size", DeltaWriter(100, 4).raw({0x91, 0x02}).delta(base)},
+        {"result too short", DeltaWriter(100, 11).copy(0, 10).delta(base)},
+        {"result too long", DeltaWriter(100, 9).copy(0, 10).delta(base)},
+        {"no instructions", {base.id(), {0xe4, 0x00, 0xe4, 0x00}}},  // sizes 100, written long
+        // Hostile sizes end in the error, not in a huge allocation.
+        {"a terabyte", DeltaWriter(100, std::uint64_t{1} << 40).copy(0, 100).delta(base)},
+        {"just under 4 GiB", DeltaWriter(100, 0xffffffff).copy(0, 100).delta(base)},
+        // Twelve size bytes: the bits past the 64th are dropped.
+        {"past 64 bits",
+         {base.id(),
+          {0x64, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0x7f}}},
+    };
+    for (const auto& [what, delta] : cases) {
+        const Object& against = delta.source == base.id() ? base : shortBase;
+        EXPECT_EQ(testing::errorMessage([&] { apply(against, delta); }), "Invalid ref_delta")
+            << what;
+    }
+}
+
+}  // namespace
+}  // namespace corvane

@@ -1,0 +1,181 @@
+#include "protocol/server.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <future>
+#include <mutex>
+
+#include "base/error.h"
+#include "protocol/git_socket.h"
+#include "protocol/request_line.h"
+#include "support/error_message.h"
+#include "support/tcp_client.h"
+#include "support/trace_capture.h"
+
+namespace corvane {
+
+// The server only passes repositories through; the tests need no more than an identity.
+class Repository {
+  public:
+    std::string name;
+    std::string owner;
+};
+
+namespace {
+
+using testing::pktLine;
+using testing::TcpClient;
+using testing::TraceCapture;
+
+TEST(RequestLine, SplitsCommandOwnerAndName) {
+    using namespace std::string_literals;
+    EXPECT_EQ(parseRequestLine("git-upload-pack /tools\0host=localhost\0"s),
+              (RequestLine{"git-upload-pack", "/tools", "__defaultOwner__", "tools"}));
+    EXPECT_EQ(parseRequestLine("git-receive-pack /alice/tools/x\0"s),
+              (RequestLine{"git-receive-pack", "/alice/tools/x", "alice", "tools/x"}));
+    EXPECT_EQ(parseRequestLine("git-upload-pack \0"s).name, "");
+    EXPECT_EQ(testing::errorMessage([] { parseRequestLine("git-upload-pack\0"s); }),
+              "Invalid request");
+    EXPECT_EQ(testing::errorMessage([] { parseRequestLine("git-upload-pack /tools"); }),
+              "Invalid request");
+}
+
+// A command that answers one line and can be told to fail or to wait for a partner.
+class EchoCommand : public ServerCommand {
+  public:
+    EchoCommand(GitSocket& socket, std::shared_ptr<Repository> repository,
+                std::function<void(GitSocket&)> body)
+        : socket_(socket), repository_(std::move(repository)), body_(std::move(body)) {}
+    void run() override {
+        socket_.writePktLine("repo " + repository_->owner + " " + repository_->name + "\n");
+        if (body_) body_(socket_);
+    }
+
+  private:
+    GitSocket& socket_;
+    std::shared_ptr<Repository> repository_;
+    std::function<void(GitSocket&)> body_;
+};
+
+struct ServerFixture : ::testing::Test {
+    // What commands share with the test; declared first so it outlives the server's threads.
+    std::mutex mutex;
+    std::condition_variable arrived;
+    int inside = 0;
+    std::function<void(GitSocket&)> body;
+    std::unique_ptr<Server> server;
+
+    void SetUp() override {
+        auto lookup = [](const std::string& name, const std::string& owner) {
+            if (name == "missing") throw Error("private repository missing does not exist");
+            return std::make_shared<Repository>(Repository{name, owner});
+        };
+        CommandTable commands;
+        commands["git-upload-pack"] = [this](GitSocket& socket, std::shared_ptr<Repository> r) {
+            return std::make_unique<EchoCommand>(socket, std::move(r), body);
+        };
+        server = std::make_unique<Server>(lookup, commands);
+        ASSERT_TRUE(server->start(0));
+    }
+
+    std::string request(const std::string& line) {
+        TcpClient client(server->port());
+        client.send(pktLine(line));
+        return client.readAll();
+    }
+};
+
+TEST_F(ServerFixture, DispatchesToTheNamedRepository) {
+    using namespace std::string_literals;
+    EXPECT_EQ(request("git-upload-pack /tools\0host=localhost\0"s),
+              pktLine("repo __defaultOwner__ tools\n"));
+    EXPECT_EQ(request("git-upload-pack /alice/tools\0host=localhost\0"s),
+              pktLine("repo alice tools\n"));
+}
+
+TEST_F(ServerFixture, BadRequestsAreLoggedClosedAndServingGoesOn) {
+    using namespace std::string_literals;
+    TraceCapture log;
+    EXPECT_EQ(request("git-upload-pack /missing\0"s), "");
+    EXPECT_TRUE(log.waitFor("private repository missing does not exist"));
+    EXPECT_EQ(request("git-archive /tools\0"s), "");
+    EXPECT_TRUE(log.waitFor("Invalid command: git-archive"));
+    EXPECT_EQ(request("git-upload-pack /tools"), "");
+    EXPECT_TRUE(log.waitFor("Invalid request"));
+    {
+        TcpClient garbage(server->port());
+        garbage.send("\x01\x02garbage bytes");
+        EXPECT_EQ(garbage.readAll(), "");
+    }
+    EXPECT_TRUE(log.waitFor("Invalid pkt-len: \x01\x02ga"));
+    {
+        TcpClient cut(server->port());
+        cut.send("0040git-upload-pack /to");
+        cut.shutdownWrite();
+        EXPECT_EQ(cut.readAll(), "");
+    }
+    EXPECT_TRUE(log.waitFor("EOF"));
+    EXPECT_TRUE(log.contains("* git-upload-pack /missing"));
+    EXPECT_EQ(request("git-upload-pack /tools\0"s), pktLine("repo __defaultOwner__ tools\n"));
+}
+
+TEST_F(ServerFixture, CommandFailureGoesOnBandThreeOnlyWithASideBand) {
+    using namespace std::string_literals;
+    body = [](GitSocket& socket) {
+        if (socket.readPktLine() == "side-band") socket.setCapabilities({Capability::sideBand64k});
+        throw Error("Something broke");
+    };
+    TcpClient withBand(server->port());
+    withBand.send(pktLine("git-upload-pack /tools\0"s) + pktLine("side-band"));
+    EXPECT_EQ(withBand.readAll(),
+              pktLine("repo __defaultOwner__ tools\n") + pktLine("\x03Something broke"));
+
+    TcpClient without(server->port());
+    without.send(pktLine("git-upload-pack /tools\0"s) + pktLine("plain"));
+    EXPECT_EQ(without.readAll(), pktLine("repo __defaultOwner__ tools\n"));
+}
+
+TEST_F(ServerFixture, ServesTwoConnectionsAtOnce) {
+    using namespace std::string_literals;
+    body = [&](GitSocket&) {
+        std::unique_lock lock(mutex);
+        ++inside;
+        arrived.notify_all();
+        // Each command finishes only once both are running at the same time.
+        if (!arrived.wait_for(lock, std::chrono::seconds(10), [&] { return inside == 2; })) {
+            throw Error("served one at a time");
+        }
+    };
+    auto first = std::async(std::launch::async, [&] { return request("git-upload-pack /a\0"s); });
+    auto second = std::async(std::launch::async, [&] { return request("git-upload-pack /b\0"s); });
+    EXPECT_EQ(first.get(), pktLine("repo __defaultOwner__ a\n"));
+    EXPECT_EQ(second.get(), pktLine("repo __defaultOwner__ b\n"));
+}
+
+TEST_F(ServerFixture, AnswerSurvivesAClientThatSentMoreThanWasRead) {
+    using namespace std::string_literals;
+    const std::string answer(200000, 'z');
+    body = [answer](GitSocket& socket) { socket.sendAll(asBytes(answer)); };
+    TcpClient client(server->port());
+    // Lines the command never reads: closing on them must not reset the connection.
+    std::string unread;
+    for (int i = 0; i < 2000; ++i)
+        unread += pktLine("have 0123456789012345678901234567890123456789\n");
+    client.send(pktLine("git-upload-pack /tools\0"s) + unread);
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(client.readAll(), pktLine("repo __defaultOwner__ tools\n") + answer);
+}
+
+TEST(Server, StartFailsWhenThePortIsTaken) {
+    Server first({}, {});
+    ASSERT_TRUE(first.start(0));
+    TraceCapture log;
+    Server second({}, {});
+    EXPECT_FALSE(second.start(first.port()));
+    EXPECT_TRUE(log.contains("Failed to start server on port " + std::to_string(first.port())));
+}
+
+}  // namespace
+}  // namespace corvane

@@ -1,0 +1,80 @@
+#include "storage/repository_meta.h"
+
+#include <gtest/gtest.h>
+
+#include "objects/lzfse_compression.h"
+#include "support/error_message.h"
+#include "support/git_objects.h"
+#include "support/process.h"
+
+namespace corvane {
+namespace {
+
+TEST(RepositoryMeta, RoundTripsTheSummariesOfARealHistory) {
+    testing::TempDir folder;
+    RepositoryContent content;
+    std::size_t objects = 0;
+    testing::forEachBundleObject(testing::lz4Bundle(), folder.path(),
+                                 [&](const std::string&, std::string_view type, const Bytes& data) {
+                                     summarise(Object(*objectTypeFromName(type), data), content);
+                                     ++objects;
+                                 });
+    ASSERT_EQ(objects, 16086u);
+    content.refs["refs/heads/dev"] = content.commits.begin()->first;
+    content.refs["refs/tags/v1.0"] = content.commits.begin()->first;
+    content.tags[std::string(40, 'a')] = {content.commits.begin()->first, ObjectType::commit};
+    content.packs["abc"] = 123456;
+
+    Bytes document = encodeRepositoryMeta(content);
+    EXPECT_LT(document.size(), encodeRepositoryMetaJson(content).size() / 2);
+    EXPECT_EQ(decodeRepositoryMeta(document, 2), content);
+}
+
+TEST(RepositoryMeta, ReadsVersionOneDocuments) {
+    std::string c(40, 'c'), t(40, 't'), s(40, 's'), b(40, 'b'), g(40, 'g'), p(40, 'p');
+    std::string json = R"({"HEAD": "ref: refs/heads/old", "refs": {"refs/heads/master": ")" + c +
+                       R"("}, "tags": {")" + g + R"(": {"id": ")" + g + R"(", "target": ")" + c +
+                       R"(", "type": "commit"}, ")" + p + R"(": {"id": ")" + p +
+                       R"(", "target": ")" + c + R"(", "type": "frobnicate"}},
+        "commits": {")" +
+                       c + R"(": {"id": ")" + c + R"(", "trees": [")" + t +
+                       R"("], "parents": []}},
+        "trees": {")" + t +
+                       R"(": {"id": ")" + t + R"(", "trees": [")" + s + R"("], "blobs": [")" + b +
+                       R"("]}}})";
+    auto content = decodeRepositoryMetaJson(json, 1);
+    EXPECT_EQ(content.refs.at("refs/heads/master"), c);
+    EXPECT_EQ(content.tags.at(g), (PartialTag{c, ObjectType::commit}));
+    EXPECT_EQ(content.tags.at(p).type, ObjectType::error);  // an unknown type word
+    EXPECT_EQ(content.commits.at(c), (PartialCommit{t, {}}));
+    EXPECT_EQ(content.trees.at(t), (PartialTree{{s}, {b}}));
+    EXPECT_TRUE(content.blobs.empty());
+    // Through the compressed form too.
+    EXPECT_EQ(decodeRepositoryMeta(lzfseCompress(asBytes(json)), 1), content);
+
+    std::string noTree =
+        R"({"commits": {")" + c + R"(": {"id": ")" + c + R"(", "trees": [], "parents": []}}})";
+    EXPECT_EQ(testing::errorMessage([&] { decodeRepositoryMetaJson(noTree, 1); }),
+              "Invalid repository metadata: commit " + c + " has no tree");
+}
+
+TEST(RepositoryMeta, RefusesMalformedDocuments) {
+    for (std::string bad :
+         {R"([])", R"({"refs": []})", R"({"refs": {"a": 1}})", R"({"blobs": {"x": "big"}})",
+          R"({"commits": {"x": 3}})", R"({"tags": {"x": {"type": 5}}})", R"({"refs": {)", "\xff"}) {
+        auto message = testing::errorMessage([&] { decodeRepositoryMetaJson(bad, 2); });
+        EXPECT_TRUE(message.starts_with("Invalid repository metadata: ")) << bad << " " << message;
+    }
+    // Unknown keys at any level are skipped whole.
+    auto content = decodeRepositoryMetaJson(
+        R"({"future": {"deep": [1, {"x": null}]}, "blobs": {"b": 5}, "trees": {"t": {"extra": [[]],
+            "trees": [], "blobs": []}}})",
+        2);
+    EXPECT_EQ(content.blobs.at("b"), 5);
+    EXPECT_EQ(content.trees.size(), 1u);
+    EXPECT_EQ(testing::errorMessage([] { decodeRepositoryMeta(asBytes("not lzfse"), 2); }),
+              "Decompression error");
+}
+
+}  // namespace
+}  // namespace corvane

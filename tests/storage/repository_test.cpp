@@ -1,0 +1,167 @@
+#include "storage/repository.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+namespace corvane {
+namespace {
+
+std::string id(char c) {
+    return std::string(40, c);
+}
+
+Repository loaded(RepositoryContent content) {
+    return Repository(id('9'), "__defaultOwner__", "tools", std::nullopt, std::nullopt,
+                      std::move(content), 0);
+}
+
+TEST(Repository, HeadFollowsTagChainsAndDetachedIds) {
+    RepositoryContent content;
+    content.refs["refs/heads/master"] = id('1');
+    content.tags[id('1')] = {id('2'), ObjectType::tag};
+    content.tags[id('2')] = {id('3'), ObjectType::commit};
+    content.commits[id('3')] = {id('t'), {}};
+    Repository repository = loaded(content);
+    EXPECT_EQ(repository.headCommit(), id('3'));
+
+    auto state = repository.state();
+    state.head = id('7');  // detached at an id nobody knows
+    repository.setState(state);
+    EXPECT_EQ(repository.headCommit(), id('7'));
+    EXPECT_TRUE(repository.revList().empty());
+}
+
+TEST(Repository, ChoosesHeadFromTheBranchesWhenLoaded) {
+    RepositoryContent withMaster;
+    withMaster.refs = {{"refs/heads/dev", id('1')}, {"refs/heads/master", id('2')}};
+    EXPECT_EQ(loaded(withMaster).state().head, "ref: refs/heads/master");
+
+    RepositoryContent withoutMaster;
+    withoutMaster.refs = {
+        {"refs/heads/zeta", id('1')}, {"refs/heads/alpha", id('2')}, {"refs/tags/v1", id('3')}};
+    auto repository = loaded(withoutMaster);
+    EXPECT_EQ(repository.state().head, "ref: refs/heads/alpha");
+    EXPECT_EQ(repository.branchNames(), (std::vector<std::string>{"alpha", "zeta"}));
+    EXPECT_EQ(repository.tagNames(), std::vector<std::string>{"v1"});
+
+    RepositoryContent tagsOnly;
+    tagsOnly.refs = {{"refs/tags/v1", id('3')}};
+    auto bare = loaded(tagsOnly);
+    EXPECT_EQ(bare.state().head, "ref: refs/heads/master");
+    EXPECT_EQ(bare.headCommit(), std::nullopt);
+    EXPECT_TRUE(bare.revList().empty());
+}
+
+TEST(Repository, RevListWalksFirstParentsAndStopsWhereSummariesEnd) {
+    RepositoryContent content;
+    content.refs["refs/heads/master"] = id('c');
+    content.commits[id('c')] = {id('t'), {id('b'), id('x')}};
+    content.commits[id('b')] = {id('t'), {id('a')}};  // 'a' is not summarised
+    content.commits[id('x')] = {id('t'), {}};
+    Repository repository = loaded(content);
+    EXPECT_EQ(repository.revList(), (std::vector<std::string>{id('c'), id('b')}));
+
+    content.refs["refs/heads/side"] = id('x');
+    Repository two = loaded(content);
+    two.setHead("side");
+    EXPECT_EQ(two.revList(), std::vector<std::string>{id('x')});
+    two.setHead("master");  // the cache follows HEAD
+    EXPECT_EQ(two.revList().size(), 2u);
+}
+
+TEST(Repository, IdentityUrlsAndSize) {
+    Repository placeholder;
+    EXPECT_EQ(placeholder.url(), "git://localhost/");
+    EXPECT_EQ(placeholder.estimatedSize(), 0);
+    Repository fresh("tools");
+    EXPECT_EQ(fresh.id(), "0284c6ac58cb47bb52e427007beee58e0132bf71");  // SHA-1 of the name
+    EXPECT_EQ(fresh.url(), "git://localhost/tools");
+    EXPECT_EQ(Repository::cloneURL("_0a1b2c", "tools"), "git://localhost/_0a1b2c/tools");
+
+    RepositoryContent content;
+    content.packs = {{"abc", 100}, {"abd", 23}};
+    Repository sized(id('9'), "__defaultOwner__", "x", std::nullopt, std::nullopt, content, 7);
+    EXPECT_EQ(sized.estimatedSize(), 130);
+}
+
+// A push publishing new summaries while readers walk the history, resolve HEAD and copy the
+// maps: readers must only ever see whole snapshots. Run under ThreadSanitizer in CI.
+TEST(Repository, ReadersSeeWholeSnapshotsWhileAPushPublishes) {
+    auto repository = std::make_shared<Repository>(
+        id('9'), "__defaultOwner__", "tools", std::nullopt, std::nullopt, RepositoryContent{}, 0);
+    constexpr int kCommits = 300;
+    std::atomic<bool> done{false};
+    std::atomic<int> inconsistent{0};
+    std::vector<std::thread> readers;
+    for (int r = 0; r < 3; ++r) {
+        readers.emplace_back([&] {
+            while (!done) {
+                auto snapshot = repository->content();
+                // Every published snapshot has master on a commit whose whole chain is there.
+                auto master = snapshot->refs.find("refs/heads/master");
+                if (master != snapshot->refs.end()) {
+                    std::size_t length = 0;
+                    for (auto c = snapshot->commits.find(master->second);
+                         c != snapshot->commits.end();
+                         c = c->second.parents.empty()
+                                 ? snapshot->commits.end()
+                                 : snapshot->commits.find(c->second.parents[0])) {
+                        ++length;
+                    }
+                    if (length != snapshot->commits.size()) ++inconsistent;
+                }
+                auto history = repository->revList();
+                auto head = repository->headCommit();
+                if (head && !history.empty() && history.front() != *head &&
+                    repository->content() == snapshot) {
+                    ++inconsistent;
+                }
+                auto copy = *snapshot;
+                (void)copy;
+            }
+        });
+    }
+    std::string parent;
+    for (int i = 0; i < kCommits; ++i) {
+        Repository::ContentUpdate update(*repository);
+        char buffer[41];
+        std::snprintf(buffer, sizeof buffer, "%040d", i + 1);
+        std::string commit = buffer;
+        update.content().commits[commit] = {
+            id('t'), parent.empty() ? std::vector<std::string>{} : std::vector{parent}};
+        update.content().refs["refs/heads/master"] = commit;
+        update.publish();
+        parent = commit;
+    }
+    done = true;
+    for (auto& reader : readers)
+        reader.join();
+    EXPECT_EQ(inconsistent.load(), 0);
+    EXPECT_EQ(repository->revList().size(), static_cast<std::size_t>(kCommits));
+}
+
+TEST(Repository, TwoUpdatesNeverInterleave) {
+    Repository repository(id('9'), "__defaultOwner__", "tools", std::nullopt, std::nullopt, {}, 0);
+    std::vector<std::thread> pushes;
+    for (int p = 0; p < 4; ++p) {
+        pushes.emplace_back([&, p] {
+            for (int i = 0; i < 50; ++i) {
+                Repository::ContentUpdate update(repository);
+                auto& counter = update.content().blobs["counter"];
+                auto before = counter;
+                std::this_thread::yield();
+                counter = before + 1;
+                update.content().blobs["p" + std::to_string(p)] += 1;
+                update.publish();
+            }
+        });
+    }
+    for (auto& push : pushes)
+        push.join();
+    EXPECT_EQ(repository.content()->blobs.at("counter"), 200);
+}
+
+}  // namespace
+}  // namespace corvane

@@ -1,0 +1,145 @@
+#include "storage/store.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <fstream>
+
+#include "objects/sha1.h"
+#include "objects/zlib.h"
+#include "storage/file_io.h"
+#include "support/error_message.h"
+#include "support/process.h"
+
+namespace corvane {
+namespace {
+
+Store::Timing noThread() {
+    Store::Timing timing;
+    timing.runExpiryThread = false;
+    return timing;
+}
+
+void ageFile(const std::filesystem::path& path, std::chrono::hours age) {
+    auto then = std::chrono::system_clock::now() - age;
+    timespec times[2];
+    times[0].tv_sec = times[1].tv_sec = std::chrono::system_clock::to_time_t(then);
+    times[0].tv_nsec = times[1].tv_nsec = 0;
+    ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+}
+
+const char* kCommit =
+    "tree 4b825dc642cb6eb9a060e54bf8d69288fbee4904\n"
+    "author A <a@b> 1500000000 +0000\ncommitter A <a@b> 1500000000 +0000\n\nfirst\n";
+
+TEST(Store, WritesLooseObjectsAndReadsThemBackVerified) {
+    testing::TempDir dir;
+    Store store(dir.path() + "/Objects", noThread());
+    Object blob(ObjectType::blob, toBytes("hello\n"));
+    Object empty(ObjectType::blob, {});
+    Object commit(ObjectType::commit, toBytes(kCommit));
+    store.putObject(blob);
+    store.putObject(blob);  // twice: still one whole file
+    store.putObject(empty);
+    store.putObject(commit);
+
+    auto path = store.objectPath(blob.id());
+    EXPECT_EQ(path.parent_path().filename(), blob.id().substr(0, 3));
+    EXPECT_EQ(asText(zlibInflate(readFile(path))), std::string_view("blob 6\0hello\n", 13));
+    EXPECT_EQ(asText(zlibInflate(readFile(store.objectPath(empty.id())))),
+              std::string_view("blob 0\0", 7));
+    EXPECT_EQ(store.getObject(blob.id()), blob);
+    EXPECT_EQ(store.getObject(empty.id()), empty);
+    EXPECT_EQ(store.getObject(commit.id()), commit);
+    EXPECT_EQ(store.commits.get(commit.id())->body, "first\n");
+    EXPECT_EQ(store.blobs.get(blob.id()), 6);
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(path.parent_path()), {}), 1);
+}
+
+TEST(Store, CorruptFilesAreDeletedAndReported) {
+    testing::TempDir dir;
+    Store store(dir.path() + "/Objects", noThread());
+    Object blob(ObjectType::blob, Bytes(10000, 'x'));
+    store.putObject(blob);
+    auto path = store.objectPath(blob.id());
+    Bytes whole = readFile(path);
+    writeFileAtomically(path, ByteView(whole).first(whole.size() / 2));
+    EXPECT_EQ(testing::errorMessage([&] { store.getObject(blob.id()); }),
+              "Corrupted cache file for object " + blob.id());
+    EXPECT_FALSE(std::filesystem::exists(path));
+    EXPECT_EQ(testing::errorMessage([&] { store.getObject(blob.id()); }),
+              "No such file or directory");
+
+    // Hashes right but the header is not one: "<type> <size>\0".
+    Bytes odd = toBytes("bolb 3");
+    odd.push_back(0);
+    odd.insert(odd.end(), {'a', 'b', 'c'});
+    std::string oddId = hexString(sha1(odd));
+    std::filesystem::create_directories(store.objectPath(oddId).parent_path());
+    writeFileAtomically(store.objectPath(oddId), zlibDeflate(odd));
+    EXPECT_EQ(testing::errorMessage([&] { store.getObject(oddId); }),
+              "Failed to decode object " + oddId);
+}
+
+TEST(Store, PlacesDownloadedFilesKeepingOnesAlreadyThere) {
+    testing::TempDir dir;
+    Store source(dir.path() + "/source", noThread());
+    Store store(dir.path() + "/Objects", noThread());
+    Object blob(ObjectType::blob, toBytes("placed"));
+    source.putObject(blob);
+    store.placeObjectFile(blob.id(), source.objectPath(blob.id()));
+    store.placeObjectFile(blob.id(), source.objectPath(blob.id()));
+    EXPECT_EQ(store.getObject(blob.id()), blob);
+
+    Object other(ObjectType::blob, toBytes("other"));
+    source.putObject(other);
+    // A download whose bytes are not the object it claims to be is refused and removed.
+    EXPECT_EQ(testing::errorMessage([&] {
+                  store.placeObjectFile(std::string(40, 'a'), source.objectPath(other.id()));
+              }),
+              "Corrupted cache file for object " + std::string(40, 'a'));
+    EXPECT_FALSE(store.hasObject(std::string(40, 'a')));
+}
+
+TEST(Store, SweepDeletesWhatIsUnusedForAWeekButSparesObjectsInMemory) {
+    testing::TempDir dir;
+    Store writer(dir.path() + "/Objects", noThread());
+    Object old(ObjectType::blob, toBytes("old"));
+    Object fresh(ObjectType::blob, toBytes("fresh"));
+    Object held(ObjectType::commit, toBytes(kCommit));
+    writer.putObject(old);
+    writer.putObject(fresh);
+    writer.putObject(held);
+
+    Store store(dir.path() + "/Objects", noThread());
+    store.getObject(held.id());  // now held in memory as a parsed commit
+    auto working = store.workingFile("__defaultOwner__.abc");
+    std::ofstream(working) << "meta";
+    ageFile(store.objectPath(old.id()), std::chrono::hours(24 * 8));
+    ageFile(store.objectPath(held.id()), std::chrono::hours(24 * 8));
+    ageFile(working, std::chrono::hours(24 * 8));
+    ageFile(store.objectPath(fresh.id()), std::chrono::hours(24 * 6));
+
+    EXPECT_EQ(store.expire(std::chrono::system_clock::now()), 2u);
+    EXPECT_FALSE(store.hasObject(old.id()));
+    EXPECT_FALSE(std::filesystem::exists(working));
+    EXPECT_TRUE(store.hasObject(fresh.id()));
+    EXPECT_TRUE(store.hasObject(held.id()));
+    // Reading an object counts as a use.
+    ageFile(store.objectPath(fresh.id()), std::chrono::hours(24 * 8));
+    store.getObject(fresh.id());
+    EXPECT_EQ(store.expire(std::chrono::system_clock::now()), 0u);
+}
+
+TEST(Store, ExpiryThreadStopsPromptlyWithItsStore) {
+    testing::TempDir dir;
+    for (int i = 0; i < 20; ++i) {
+        auto started = std::chrono::steady_clock::now();
+        { Store store(dir.path() + "/Objects"); }
+        EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(1));
+    }
+}
+
+}  // namespace
+}  // namespace corvane
