@@ -68,10 +68,16 @@ void PackWriter::write(const std::string& id) {
     Bytes header;
     Bytes compressed;
     try {
-        Object object = store_.getObject(id);
+        std::optional<Bytes> stream;
+        Object object = store_.getObject(id, &stream);
         header = entryHeader(object.type(), object.data().size());
-        compressed = object.data().empty() ? Bytes(std::begin(kEmptyStream), std::end(kEmptyStream))
-                                           : zlibDeflate(object.data());
+        if (stream) {
+            compressed = std::move(*stream);
+        } else if (object.data().empty()) {
+            compressed.assign(std::begin(kEmptyStream), std::end(kEmptyStream));
+        } else {
+            compressed = zlibDeflate(object.data());
+        }
     } catch (const std::exception& error) {
         fail(error.what());
         return;

@@ -7,10 +7,15 @@
 #include "cloud/error_codes.h"
 #include "cloud/partial_failure.h"
 #include "objects/delta.h"
+#include "storage/object_writer.h"
 
 namespace corvane {
 
 namespace {
+
+// Both cores compress; the reader waits when this much is read but not yet written.
+constexpr unsigned kWriterThreads = 2;
+constexpr std::size_t kMaxUnwrittenBytes = 64 << 20;
 
 constexpr Capability kOffered[] = {Capability::reportStatus, Capability::deleteRefs,
                                    Capability::sideBand64k, Capability::quiet, Capability::atomic};
@@ -159,23 +164,27 @@ std::vector<std::string> ReceivePack::readPack(RepositoryContent& content,
     for (const auto& [id, summary] : content.blobs)
         existing.insert(id);
 
+    // Objects are compressed into the cache on other cores while this thread reads on.
+    ObjectWriter writer(backend_.store(), kWriterThreads, kMaxUnwrittenBytes);
     std::vector<std::string> received;
     received.reserve(count);
     for (std::uint32_t i = 0; i < count; ++i) {
-        Object object = readObject();
-        backend_.store().putObject(object);
-        summarise(object, content);
-        received.push_back(object.id());
+        auto object = std::make_shared<const Object>(readObject(writer));
+        summarise(*object, content);
+        received.push_back(object->id());
+        writer.put(std::move(object));
     }
+    writer.finish();
     socket_.readRawBytes(20);  // trailer: every object was checked by its own id
     return received;
 }
 
-Object ReceivePack::readObject() {
+Object ReceivePack::readObject(const ObjectWriter& writer) {
     auto [type, size] = socket_.readObjectHeader();
     if (type == ObjectType::refDelta) {
         std::string source = hexString(socket_.readRawBytes(20));
         RefDelta delta{source, socket_.inflateObject(size)};
+        if (auto pending = writer.find(source)) return apply(*pending, delta);
         return apply(loadBase(source), delta);
     }
     if (type == ObjectType::ofsDelta) throw Error("ofs_deltas not supported");
@@ -183,8 +192,8 @@ Object ReceivePack::readObject() {
 }
 
 Object ReceivePack::loadBase(const std::string& id) {
-    // A base from earlier in this pack is already cached; one the client assumes we have may
-    // have to come from the cloud, and so does one whose cached file turns out corrupt.
+    // A base from earlier in this pack is cached or on its way there; one the client assumes
+    // we have may have to come from the cloud, and so does one whose cached file is corrupt.
     Store& store = backend_.store();
     if (store.hasObject(id)) {
         try {

@@ -14,6 +14,7 @@
 #include "protocol/git_socket.h"
 #include "protocol/server_command.h"
 #include "storage/backend.h"
+#include "storage/object_writer.h"
 #include "storage/repository.h"
 
 namespace corvane {
@@ -43,7 +44,7 @@ class ReceivePack : public ServerCommand {
     // fills `existing` with the ids the repository had before.
     std::vector<std::string> readPack(RepositoryContent& content,
                                       std::unordered_set<std::string>& existing);
-    Object readObject();
+    Object readObject(const ObjectWriter& writer);
     Object loadBase(const std::string& id);
     void upload(const std::vector<std::string>& newIds, Repository::ContentUpdate& update);
     void report(const std::vector<RefUpdate>& commands);

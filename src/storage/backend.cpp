@@ -269,11 +269,10 @@ std::map<std::string, std::int64_t> Backend::savePacks(
         packIds.insert(id.substr(0, 3));
 
     // Every record lists all objects of its prefix, so the cache must hold them all first.
-    std::map<std::string, std::vector<std::string>> contents;
+    auto contents = packContents(content, packIds);
     std::vector<std::string> missing;
-    for (const auto& packId : packIds) {
-        contents[packId] = packContents(content, packId);
-        for (const auto& id : contents[packId]) {
+    for (const auto& [packId, packObjectIds] : contents) {
+        for (const auto& id : packObjectIds) {
             if (!store_.hasObject(id)) missing.push_back(id);
         }
     }

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -13,6 +14,7 @@
 #include "base/queues.h"
 #include "base/trace.h"
 #include "objects/sha1.h"
+#include "objects/split_zlib.h"
 #include "objects/zlib.h"
 #include "storage/file_io.h"
 
@@ -24,22 +26,28 @@ namespace {
 
 constexpr const char* kWorkingFolder = "zzz";
 
-// Loose-object layout: "<type name> <decimal size>\0<data>", zlib-compressed.
-Bytes looseObject(const Object& object) {
+// Loose-object header: "<type name> <decimal size>\0"; the data follows it.
+std::string looseHeader(const Object& object) {
     std::string header(typeName(object.type()));
     header += ' ';
     header += std::to_string(object.data().size());
     header += '\0';
-    Bytes content;
-    content.reserve(header.size() + object.data().size());
-    content.insert(content.end(), header.begin(), header.end());
-    content.insert(content.end(), object.data().begin(), object.data().end());
-    return content;
+    return header;
 }
 
 std::optional<ObjectType> typeFromHeaderName(std::string_view name) {
     if (name == "error") return ObjectType::error;
     return objectTypeFromName(name);
+}
+
+// The type of a "<type name> <decimal size>\0" header whose size is the data's.
+std::optional<ObjectType> parseHeader(std::string_view header, std::size_t dataSize) {
+    auto space = header.find(' ');
+    if (space == std::string_view::npos || !header.ends_with('\0')) return std::nullopt;
+    auto type = typeFromHeaderName(header.substr(0, space));
+    auto length = header.substr(space + 1, header.size() - space - 2);
+    if (!type || length != std::to_string(dataSize)) return std::nullopt;
+    return type;
 }
 
 void touch(const fs::path& path) {
@@ -88,35 +96,50 @@ bool Store::hasObject(const std::string& id) const {
 void Store::putObject(const Object& object) {
     fs::path path = objectPath(object.id());
     fs::create_directories(path.parent_path());
-    writeFileAtomically(path, zlibDeflate(looseObject(object)));
+    // Split after the header, so that a pack entry can reuse the data's compressed blocks.
+    writeFileAtomically(path, zlibDeflateSplit(asBytes(looseHeader(object)), object.data()));
     remember(object);
 }
 
 Object Store::getObject(const std::string& id) {
+    return getObject(id, nullptr);
+}
+
+Object Store::getObject(const std::string& id, std::optional<Bytes>* dataStream) {
     fs::path path = objectPath(id);
-    Bytes content = zlibInflate(readFile(path));
-    if (hexString(sha1(content)) != id) {
+    Bytes file = readFile(path);
+    Bytes header;
+    Bytes data;
+    auto split = zlibInflateSplit(file);
+    if (split) {
+        header = std::move(split->head);
+        data = std::move(split->body);
+    } else {
+        data = zlibInflate(file);
+        auto nul = std::find(data.begin(), data.end(), std::uint8_t{0});
+        if (nul != data.end()) ++nul;
+        header.assign(data.begin(), nul);
+        data.erase(data.begin(), nul);
+    }
+    auto corrupted = [&] {
         std::error_code ignored;
         fs::remove(path, ignored);
-        throw Error("Corrupted cache file for object " + id);
+        return Error("Corrupted cache file for object " + id);
+    };
+    auto type = parseHeader(asText(header), data.size());
+    if (!type) {
+        // Undecodable: a damaged file and a well-kept odd one differ by their hash.
+        SHA1Context context;
+        context.update(header);
+        context.update(data);
+        if (hexString(context.finish()) != id) throw corrupted();
+        throw Error("Failed to decode object " + id);
     }
+    Object object(*type, std::move(data));
+    if (object.id() != id) throw corrupted();
     touch(path);
-    auto failure = [&] { return Error("Failed to decode object " + id); };
-    std::string_view text = asText(content);
-    auto space = text.find(' ');
-    auto nul = text.find('\0');
-    if (space == std::string_view::npos || nul == std::string_view::npos || nul < space) {
-        throw failure();
-    }
-    auto type = typeFromHeaderName(text.substr(0, space));
-    auto length = text.substr(space + 1, nul - space - 1);
-    if (!type || length.empty() ||
-        length.find_first_not_of("0123456789") != std::string_view::npos) {
-        throw failure();
-    }
-    Object object(*type,
-                  Bytes(content.begin() + static_cast<std::ptrdiff_t>(nul) + 1, content.end()));
     remember(object);
+    if (dataStream && split) *dataStream = std::move(split->bodyStream);
     return object;
 }
 

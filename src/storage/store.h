@@ -16,6 +16,7 @@
 #include <filesystem>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -56,6 +57,9 @@ class Store {
     // deleted ("Corrupted cache file for object <id>"); a bad header gives
     // "Failed to decode object <id>"; a missing file gives the system's error text.
     Object getObject(const std::string& id);
+    // The same; when the file holds the data's own compressed blocks (files this cache wrote
+    // do), dataStream receives the zlib stream of the data, ready for a pack entry.
+    Object getObject(const std::string& id, std::optional<Bytes>* dataStream);
     bool hasObject(const std::string& id) const;
     // Moves or copies a downloaded object file into place (keeping a file already there) and
     // verifies it through getObject.

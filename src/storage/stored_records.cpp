@@ -111,20 +111,26 @@ std::set<std::string> decodePackRecord(const cloud::Record& record, Store& store
     return placed;
 }
 
-std::vector<std::string> packContents(const RepositoryContent& content, const std::string& packId) {
-    std::vector<std::string> ids;
+std::map<std::string, std::vector<std::string>> packContents(const RepositoryContent& content,
+                                                             const std::set<std::string>& packIds) {
+    std::map<std::string, std::vector<std::string>> packs;
+    for (const auto& packId : packIds)
+        packs[packId];
     auto collect = [&](const auto& map) {
         for (const auto& [id, summary] : map) {
-            if (id.starts_with(packId)) ids.push_back(id);
+            auto pack = packs.find(id.substr(0, 3));
+            if (pack != packs.end()) pack->second.push_back(id);
         }
     };
     collect(content.tags);
     collect(content.commits);
     collect(content.trees);
     collect(content.blobs);
-    std::sort(ids.begin(), ids.end());
-    ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
-    return ids;
+    for (auto& [packId, ids] : packs) {
+        std::sort(ids.begin(), ids.end());
+        ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
+    }
+    return packs;
 }
 
 cloud::Record buildPackRecord(const std::string& packId, const std::vector<std::string>& ids,

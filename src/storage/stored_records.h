@@ -7,6 +7,7 @@
 // objects' contents. Pure functions apart from the cache they fill.
 #pragma once
 
+#include <map>
 #include <memory>
 #include <set>
 #include <string>
@@ -34,8 +35,10 @@ std::shared_ptr<Repository> decodeRepositoryRecord(const cloud::Record& record,
 // "Received corrupted pack" or the error of reading an object.
 std::set<std::string> decodePackRecord(const cloud::Record& record, Store& store);
 
-// The ids of the content's objects whose id starts with the pack id, sorted.
-std::vector<std::string> packContents(const RepositoryContent& content, const std::string& packId);
+// For each pack id, the sorted ids of the content's objects that start with it; one pass over
+// the content however many packs are asked for.
+std::map<std::string, std::vector<std::string>> packContents(const RepositoryContent& content,
+                                                             const std::set<std::string>& packIds);
 
 // A version-2 pack record over the cached files of `ids`; `size` receives the files' total.
 cloud::Record buildPackRecord(const std::string& packId, const std::vector<std::string>& ids,

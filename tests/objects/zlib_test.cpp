@@ -1,6 +1,10 @@
 #include "objects/zlib.h"
 
+#include "objects/split_zlib.h"
+
 #include <gtest/gtest.h>
+
+#include <zlib.h>
 
 #include <random>
 
@@ -48,6 +52,71 @@ TEST(Zlib, CorruptInputFailsAndTruncatedInputYieldsWhatItHolds) {
     Bytes trailing = compressed;
     trailing.push_back(0x55);
     EXPECT_EQ(zlibInflate(trailing), data);
+}
+
+TEST(SplitZlib, IsOneOrdinaryStreamWhoseBodyStandsAlone) {
+    const std::string head("blob 1234567\0", 13);
+    // A body that repeats the head would borrow from it without the flush between them.
+    Bytes echo;
+    for (int i = 0; i < 200; ++i)
+        echo.insert(echo.end(), head.begin(), head.end());
+    for (const Bytes& body : {Bytes{}, Bytes{'x'}, echo, sampleData(3 << 20)}) {
+        Bytes stream = zlibDeflateSplit(asBytes(head), body);
+        Bytes whole = toBytes(head);
+        whole.insert(whole.end(), body.begin(), body.end());
+        EXPECT_EQ(zlibInflate(stream), whole) << body.size();
+        auto split = zlibInflateSplit(stream);
+        ASSERT_TRUE(split) << body.size();
+        EXPECT_EQ(asText(split->head), head);
+        EXPECT_EQ(split->body, body);
+        // A strict reader: the whole stream, with its checksum, and nothing after it.
+        z_stream check{};
+        ASSERT_EQ(inflateInit(&check), Z_OK);
+        Bytes out(body.size() + 1);
+        check.next_in = split->bodyStream.data();
+        check.avail_in = static_cast<uInt>(split->bodyStream.size());
+        check.next_out = out.data();
+        check.avail_out = static_cast<uInt>(out.size());
+        EXPECT_EQ(inflate(&check, Z_FINISH), Z_STREAM_END) << body.size();
+        EXPECT_EQ(check.avail_in, 0u);
+        out.resize(check.total_out);
+        inflateEnd(&check);
+        EXPECT_EQ(out, body);
+    }
+    if (::testing::Test::HasFailure()) return;
+    Bytes empty = zlibInflateSplit(zlibDeflateSplit(asBytes(head), {}))->bodyStream;
+    EXPECT_EQ(empty, (Bytes{0x78, 0x9c, 0x03, 0x00, 0x00, 0x00, 0x00, 0x01}));
+}
+
+TEST(SplitZlib, OtherStreamsAreNotTakenForSplitOnes) {
+    const std::string head("tree 40\0", 9);
+    Bytes body = sampleData(40000);
+    Bytes whole = toBytes(head);
+    whole.insert(whole.end(), body.begin(), body.end());
+    // One stream without the flush, as other writers make loose objects.
+    EXPECT_FALSE(zlibInflateSplit(zlibDeflate(whole)));
+    // A sync flush marks the same spot but lets the body borrow from the head.
+    Bytes echo;
+    for (int i = 0; i < 50; ++i)
+        echo.insert(echo.end(), head.begin(), head.end());
+    z_stream stream{};
+    ASSERT_EQ(deflateInit(&stream, Z_DEFAULT_COMPRESSION), Z_OK);
+    Bytes synced(4096);
+    stream.next_out = synced.data();
+    stream.avail_out = static_cast<uInt>(synced.size());
+    stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(head.data()));
+    stream.avail_in = static_cast<uInt>(head.size());
+    ASSERT_EQ(deflate(&stream, Z_SYNC_FLUSH), Z_OK);
+    stream.next_in = echo.data();
+    stream.avail_in = static_cast<uInt>(echo.size());
+    ASSERT_EQ(deflate(&stream, Z_FINISH), Z_STREAM_END);
+    synced.resize(stream.total_out);
+    deflateEnd(&stream);
+    EXPECT_FALSE(zlibInflateSplit(synced));
+    // Cut short, or too short to hold anything.
+    Bytes split = zlibDeflateSplit(asBytes(head), body);
+    EXPECT_FALSE(zlibInflateSplit(ByteView(split).first(split.size() - 100)));
+    EXPECT_FALSE(zlibInflateSplit(ByteView(split).first(8)));
 }
 
 }  // namespace

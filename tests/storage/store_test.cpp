@@ -82,6 +82,28 @@ TEST(Store, CorruptFilesAreDeletedAndReported) {
               "Failed to decode object " + oddId);
 }
 
+TEST(Store, OwnFilesLendTheirCompressedDataAndOthersStillRead) {
+    testing::TempDir dir;
+    Store store(dir.path() + "/Objects", noThread());
+    Object blob(ObjectType::blob, Bytes(5000, 'y'));
+    store.putObject(blob);
+    std::optional<Bytes> stream;
+    EXPECT_EQ(store.getObject(blob.id(), &stream), blob);
+    ASSERT_TRUE(stream);
+    EXPECT_EQ(zlibInflate(*stream), blob.data());
+
+    // A loose object as git writes it: one plain stream.
+    Object other(ObjectType::blob, toBytes("written by git"));
+    Bytes loose = toBytes("blob 14");
+    loose.push_back(0);
+    loose.insert(loose.end(), other.data().begin(), other.data().end());
+    std::filesystem::create_directories(store.objectPath(other.id()).parent_path());
+    writeFileAtomically(store.objectPath(other.id()), zlibDeflate(loose));
+    stream.reset();
+    EXPECT_EQ(store.getObject(other.id(), &stream), other);
+    EXPECT_FALSE(stream);
+}
+
 TEST(Store, PlacesDownloadedFilesKeepingOnesAlreadyThere) {
     testing::TempDir dir;
     Store source(dir.path() + "/source", noThread());

@@ -118,8 +118,10 @@ TEST_F(StoredRecords, PackContentsGroupByPrefix) {
     content.blobs[ab19] = 1;
     content.commits[ab10] = {};
     content.trees[ab2] = {};
-    EXPECT_EQ(packContents(content, "ab1"), (std::vector<std::string>{ab10, ab19}));
-    EXPECT_EQ(packContents(content, "ab2"), std::vector<std::string>{ab2});
+    auto packs = packContents(content, {"ab1", "ab2", "fff"});
+    EXPECT_EQ(packs["ab1"], (std::vector<std::string>{ab10, ab19}));
+    EXPECT_EQ(packs["ab2"], std::vector<std::string>{ab2});
+    EXPECT_EQ(packs["fff"], std::vector<std::string>{});
 }
 
 }  // namespace
