@@ -7,7 +7,9 @@
 #include <thread>
 #include <vector>
 
-#include "app/system.h"
+#include "app/application.h"
+#include "app/error_description.h"
+#include "app/quoted_name.h"
 #include "base/error.h"
 #include "base/queues.h"
 #include "cloud/record_id.h"
@@ -39,11 +41,6 @@ std::uint16_t parsePort(const std::string& text) {
     return static_cast<std::uint16_t>(value);
 }
 
-// The name in messages, quoted.
-std::string quoted(const std::string& name) {
-    return "'" + name + "'";
-}
-
 // Runs an asynchronous backend operation on a plain main loop until it completes.
 template <typename T, typename Start>
 T await(LoopMainQueue& mainQueue, Start start) {
@@ -56,8 +53,9 @@ T await(LoopMainQueue& mainQueue, Start start) {
     return std::move(outcome->value());
 }
 
-Backend::Callbacks quietCallbacks() {
-    return {[](std::shared_ptr<Repository>) {}, [](auto&) {}};
+// The failure as people are told it: "Failed to delete 'tools': Record does not exist."
+Error described(const std::string& message) {
+    return Error(message + ": " + describeError(std::current_exception()).text);
 }
 
 // Serves until SIGINT or SIGTERM. The signals are blocked in every thread and taken by one
@@ -88,8 +86,8 @@ int serve(const std::vector<std::string>& args) {
 
     int status = 0;
     try {
-        System system(mainQueue, quietCallbacks());
-        if (system.startServer(port)) {
+        Application application(mainQueue);
+        if (application.didFinishLaunching(port)) {
             mainQueue.run();
         } else {
             status = 1;
@@ -110,11 +108,12 @@ std::shared_ptr<Repository> findOwn(Backend& backend, const std::string& name) {
 
 int create(const std::string& name) {
     LoopMainQueue mainQueue;
-    System system(mainQueue, quietCallbacks());
+    Application application(mainQueue);
+    Backend& backend = application.state().backend();
     try {
         bool exists = true;
         try {
-            findOwn(system.backend(), name);
+            findOwn(backend, name);
         } catch (const CloudError&) {
             throw;
         } catch (const Error&) {
@@ -122,19 +121,24 @@ int create(const std::string& name) {
         }
         if (exists) throw Error("a repository with this name already exists");
         auto repository = await<std::shared_ptr<Repository>>(
-            mainQueue, [&](auto done) { system.backend().createRepository(name, done); });
+            mainQueue, [&](auto done) { backend.createRepository(name, done); });
         std::printf("%s\n", repository->url().c_str());
-    } catch (const std::exception& error) {
-        throw Error("Failed to create " + quoted(name) + ": " + error.what());
+    } catch (const std::exception&) {
+        throw described("Failed to create " + quotedName(name));
     }
     return 0;
 }
 
 int list() {
     LoopMainQueue mainQueue;
-    System system(mainQueue, quietCallbacks());
-    auto repositories = await<std::vector<std::shared_ptr<Repository>>>(
-        mainQueue, [&](auto done) { system.backend().fetchRepositories(done); });
+    Application application(mainQueue);
+    std::vector<std::shared_ptr<Repository>> repositories;
+    try {
+        repositories = await<std::vector<std::shared_ptr<Repository>>>(
+            mainQueue, [&](auto done) { application.state().backend().fetchRepositories(done); });
+    } catch (const std::exception&) {
+        throw described("Failed to load repositories");
+    }
     for (const auto& repository : repositories) {
         std::printf("%s\t%s\n", repository->name().c_str(), repository->url().c_str());
     }
@@ -143,13 +147,13 @@ int list() {
 
 int remove(const std::string& name) {
     LoopMainQueue mainQueue;
-    System system(mainQueue, quietCallbacks());
+    Application application(mainQueue);
+    Backend& backend = application.state().backend();
     try {
-        auto repository = findOwn(system.backend(), name);
-        await<Done>(mainQueue,
-                    [&](auto done) { system.backend().deleteRepository(repository, done); });
-    } catch (const std::exception& error) {
-        throw Error("Failed to delete " + quoted(name) + ": " + error.what());
+        auto repository = findOwn(backend, name);
+        await<Done>(mainQueue, [&](auto done) { backend.deleteRepository(repository, done); });
+    } catch (const std::exception&) {
+        throw described("Failed to delete " + quotedName(name));
     }
     return 0;
 }

@@ -59,7 +59,12 @@ class Repository {
     const std::string& url() const { return url_; }
     const std::optional<Clock::time_point>& modificationDate() const { return modificationDate_; }
     const std::optional<std::string>& shareURL() const { return shareURL_; }
+    // Read and changed on the main thread only (the contributor flows change it at once, before
+    // the cloud confirms, and a reload puts the cloud's list back).
     const std::vector<Participant>& participants() const { return participants_; }
+    void setParticipants(std::vector<Participant> participants) {
+        participants_ = std::move(participants);
+    }
     const std::optional<cloud::Record>& record() const { return record_; }
     // The share record ("SHARE"); its `share` holds the sharing state.
     const std::optional<cloud::Record>& share() const { return share_; }

@@ -1,0 +1,217 @@
+#include "app/app_state.h"
+
+#include <algorithm>
+#include <unordered_set>
+
+#include "app/error_description.h"
+#include "app/quoted_name.h"
+#include "base/trace.h"
+
+namespace corvane {
+
+AppState::AppState(MainQueue& mainQueue, std::unique_ptr<cloud::Container> container,
+                   std::filesystem::path cacheRoot, Store::Timing cacheTiming)
+    : mainQueue_(mainQueue),
+      container_(std::move(container)),
+      store_(std::make_unique<Store>(std::move(cacheRoot), cacheTiming)),
+      selectedRepository_(std::make_shared<Repository>()) {
+    Backend::Callbacks callbacks{
+        [this](std::shared_ptr<Repository> repository) { updateRepository(repository); },
+        [this](const std::set<std::string>& ids) { send(event::ObjectsLoaded{ids}); }};
+    backend_ = std::make_unique<Backend>(*container_, *store_, mainQueue_, std::move(callbacks));
+}
+
+AppState::~AppState() {
+    backend_.reset();  // its threads use the store
+    store_.reset();
+}
+
+void AppState::registerDelegate(std::weak_ptr<EventDelegate> receiver) {
+    registry_.push_back({std::move(receiver)});
+}
+
+void AppState::send(Event event) {
+    mainQueue_.async([this, event = std::move(event)] { deliver(event); });
+}
+
+void AppState::deliver(const Event& event) {
+    std::erase_if(registry_, [](const WeakEventDelegate& entry) { return entry.value.expired(); });
+    // A receiver registering during this delivery hears from the next event on.
+    auto receivers = registry_;
+    for (const auto& entry : receivers) {
+        if (auto receiver = entry.value.lock()) receiver->handleEvent(event);
+    }
+}
+
+void AppState::reloadRepositories() {
+    backend_->fetchRepositories([this](Result<std::vector<std::shared_ptr<Repository>>> result) {
+        if (!result.ok()) {
+            reportError("Failed to load repositories", result.error());
+            return;
+        }
+        std::map<std::string, std::shared_ptr<Repository>> table;
+        for (const auto& repository : result.value())
+            table.insert_or_assign(repository->url(), repository);
+        repositories_ = std::move(table);
+        send(event::RepositoriesModified{});
+    });
+}
+
+void AppState::reloadRepository(const std::shared_ptr<Repository>& repository) {
+    backend_->fetchRepository(repository->name(), repository->owner(),
+                              [this, name = repository->name()](
+                                  Result<std::shared_ptr<Repository>> result) {
+                                  if (!result.ok()) {
+                                      reportError("Failed to load " + quotedName(name),
+                                                  result.error());
+                                      return;
+                                  }
+                                  updateRepository(result.value());
+                              });
+}
+
+void AppState::updateRepository(const std::shared_ptr<Repository>& repository) {
+    const std::string& url = repository->url();
+    auto known = repositories_.find(url);
+    if (known != repositories_.end() && known->second != repository) {
+        repository->setState(known->second->state());
+    }
+    repositories_.insert_or_assign(url, repository);
+    if (selectedRepository_->url() == url) selectedRepository_ = repository;
+    send(event::RepositoryModified{url});
+}
+
+void AppState::selectRepository(const std::optional<std::string>& url) {
+    if (url && *url == selectedRepository_->url()) return;
+    auto found = url ? repositories_.find(*url) : repositories_.end();
+    if (found == repositories_.end()) {
+        selectedRepository_ = std::make_shared<Repository>();
+    } else {
+        selectedRepository_ = found->second;
+        backend_->fetcher().prefetchObjects(prefetchOrder(*selectedRepository_),
+                                            *selectedRepository_);
+    }
+    send(event::RepositorySelected{url});
+}
+
+std::vector<std::string> AppState::prefetchOrder(const Repository& repository) {
+    auto content = repository.content();
+    std::vector<std::string> order;
+    std::unordered_set<std::string> listed;
+    auto list = [&](const std::string& id) {
+        if (listed.insert(id).second) order.push_back(id);
+    };
+    for (auto id = repository.headCommit(); id;) {
+        auto commit = content->commits.find(*id);
+        if (commit == content->commits.end()) break;
+        list(commit->first);
+        list(commit->second.tree);
+        if (commit->second.parents.empty()) break;
+        id = commit->second.parents.front();
+    }
+    for (const auto& [id, tag] : content->tags)
+        list(id);
+    for (const auto& [id, commit] : content->commits)
+        list(id);
+    for (const auto& [id, tree] : content->trees)
+        list(id);
+    return order;
+}
+
+void AppState::createRepository(const std::string& name) {
+    auto placeholder = std::make_shared<Repository>(name);
+    const std::string url = placeholder->url();
+    repositories_.insert_or_assign(url, placeholder);
+    send(event::RepositoryAdded{placeholder});
+    backend_->createRepository(name, [this, name, url](Result<std::shared_ptr<Repository>> result) {
+        if (!result.ok()) {
+            reportError("Failed to create " + quotedName(name), result.error());
+        } else if (const auto& created = result.value(); created->url() == url) {
+            repositories_.insert_or_assign(url, created);
+            send(event::RepositoryModified{url});
+        } else {
+            repositories_.erase(url);
+            repositories_.insert_or_assign(created->url(), created);
+            send(event::RepositoriesModified{});
+        }
+        reloadRepositories();
+    });
+}
+
+void AppState::joinRepository(const std::string& shareURL) {
+    auto hash = shareURL.find('#');
+    if (hash != std::string::npos && hash + 1 < shareURL.size()) {
+        auto placeholder = std::make_shared<Repository>(shareURL.substr(hash + 1));
+        repositories_.insert_or_assign(placeholder->url(), placeholder);
+        send(event::RepositoryAdded{placeholder});
+    }
+    backend_->joinRepository(shareURL, [this](Result<Done> result) {
+        if (!result.ok()) reportError("Failed to join repository", result.error());
+        reloadRepositories();
+    });
+}
+
+void AppState::deleteRepository(const std::string& url) {
+    auto found = repositories_.find(url);
+    if (found == repositories_.end()) return;
+    auto repository = found->second;
+    repositories_.erase(found);
+    send(event::RepositoryDeleted{url});
+    if (selectedRepository_->url() == url) selectRepository(std::nullopt);
+    backend_->deleteRepository(repository, [this, name = repository->name()](Result<Done> result) {
+        if (!result.ok()) reportError("Failed to delete " + quotedName(name), result.error());
+        reloadRepositories();
+    });
+}
+
+void AppState::addContributor(const std::shared_ptr<Repository>& repository,
+                              const std::string& email) {
+    auto participants = repository->participants();
+    bool listed = std::any_of(participants.begin(), participants.end(),
+                              [&](const Participant& entry) { return entry.email == email; });
+    if (!listed) {
+        // Shown at once as an invitation; the reload below brings the cloud's own entry.
+        participants.push_back({std::nullopt, email, false, Participant::Status::pending, {}});
+        repository->setParticipants(std::move(participants));
+    }
+    backend_->addContributor(repository, email, [this, repository, email](Result<Done> result) {
+        if (!result.ok()) reportError("Failed to add contributor " + quotedName(email), result.error());
+        reloadRepository(repository);
+    });
+    send(event::ParticipantsModified{});
+}
+
+void AppState::deleteContributor(const std::shared_ptr<Repository>& repository,
+                                 const Participant& participant) {
+    auto sameParticipant = [&](const Participant& entry) {
+        if (!entry.shareParticipant || !participant.shareParticipant) {
+            return !entry.shareParticipant && !participant.shareParticipant;
+        }
+        return entry.shareParticipant->userIdentity.sameUser(
+            participant.shareParticipant->userIdentity);
+    };
+    auto participants = repository->participants();
+    std::erase_if(participants, sameParticipant);
+    repository->setParticipants(std::move(participants));
+    send(event::ParticipantsModified{});
+    std::string message = "Failed to delete contributor ";
+    if (participant.email) message += quotedName(*participant.email);
+    backend_->deleteContributor(repository, participant,
+                                [this, repository, message](Result<Done> result) {
+                                    if (!result.ok()) reportError(message, result.error());
+                                    reloadRepository(repository);
+                                });
+}
+
+void AppState::reportError(const std::string& message, const std::exception_ptr& error) {
+    ErrorDescription description = describeError(error);
+    if (description.signedOut) {
+        trace(TraceModule::error, message);
+        send(event::ShowSignedOut{});
+        return;
+    }
+    trace(TraceModule::error, message + ": " + description.text);
+    send(event::ShowError{message, description.text});
+}
+
+}  // namespace corvane

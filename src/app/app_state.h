@@ -1,0 +1,81 @@
+// AppState: the one shared model of the application. Owns the cloud Backend and the object
+// Store, keeps the repositories the user can see (keyed by clone URL) and the selection, runs the
+// user-level flows (reload, select, create, join, delete, contributors) and delivers Events to
+// the registered receivers.
+//
+// Threads: everything but send() and reportError() runs on the main thread, and the Backend
+// completes on the main queue, so the table, the selection and the registry need no lock.
+// send() may be called from any thread; delivery always happens later, on the main queue.
+// Destroy it only after the main queue has stopped running tasks: queued deliveries and
+// completions refer to it.
+#pragma once
+
+#include <exception>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "app/event.h"
+#include "base/queues.h"
+#include "cloud/container.h"
+#include "storage/backend.h"
+#include "storage/store.h"
+
+namespace corvane {
+
+class AppState {
+  public:
+    AppState(MainQueue& mainQueue, std::unique_ptr<cloud::Container> container,
+             std::filesystem::path cacheRoot, Store::Timing cacheTiming = {});
+    ~AppState();
+    AppState(const AppState&) = delete;
+    AppState& operator=(const AppState&) = delete;
+
+    Backend& backend() { return *backend_; }
+    Store& store() { return *store_; }
+    const std::map<std::string, std::shared_ptr<Repository>>& repositories() const {
+        return repositories_;
+    }
+    // Never null: with nothing selected, an empty repository whose id is empty.
+    const std::shared_ptr<Repository>& selectedRepository() const { return selectedRepository_; }
+
+    // Adds a receiver after those already registered; the registry never keeps it alive.
+    void registerDelegate(std::weak_ptr<EventDelegate> receiver);
+    // Delivers the event later on the main queue to every live receiver, in registration order.
+    // Events sent from one thread arrive in the order sent, never nested in one another.
+    void send(Event event);
+
+    void reloadRepositories();
+    void reloadRepository(const std::shared_ptr<Repository>& repository);
+    // Puts a loaded (or just pushed) repository in the table, keeping the user's place in it.
+    void updateRepository(const std::shared_ptr<Repository>& repository);
+    void selectRepository(const std::optional<std::string>& url);
+    void createRepository(const std::string& name);
+    void joinRepository(const std::string& shareURL);
+    void deleteRepository(const std::string& url);
+    void addContributor(const std::shared_ptr<Repository>& repository, const std::string& email);
+    void deleteContributor(const std::shared_ptr<Repository>& repository,
+                           const Participant& participant);
+
+    // Logs the failure and shows it (showError), or shows the signed-out state. Any thread.
+    void reportError(const std::string& message, const std::exception_ptr& error);
+
+  private:
+    void deliver(const Event& event);
+    // The objects the detail views will show first: HEAD's first-parent chain with each
+    // commit's tree, then every other tag, commit and tree.
+    static std::vector<std::string> prefetchOrder(const Repository& repository);
+
+    MainQueue& mainQueue_;
+    std::unique_ptr<cloud::Container> container_;
+    std::unique_ptr<Store> store_;
+    std::unique_ptr<Backend> backend_;
+    std::map<std::string, std::shared_ptr<Repository>> repositories_;
+    std::shared_ptr<Repository> selectedRepository_;
+    std::vector<WeakEventDelegate> registry_;
+};
+
+}  // namespace corvane

@@ -1,0 +1,104 @@
+#include "app/application.h"
+
+#include <spawn.h>
+#include <sys/wait.h>
+
+#include "base/trace.h"
+#include "protocol/receive_pack.h"
+#include "protocol/upload_pack.h"
+
+extern char** environ;
+
+namespace corvane {
+
+Application::Application(MainQueue& mainQueue) : mainQueue_(mainQueue) {}
+
+Application::~Application() {
+    server_.reset();
+    state_.reset();
+}
+
+AppState& Application::state() {
+    std::call_once(stateCreated_, [this] {
+        state_ = std::make_unique<AppState>(mainQueue_, cloud::openContainer(),
+                                            Store::defaultRoot());
+    });
+    return *state_;
+}
+
+bool Application::didFinishLaunching(std::uint16_t port) {
+    AppState& appState = state();
+    CommandTable commands;
+    commands["git-upload-pack"] = [&appState](GitSocket& socket,
+                                              std::shared_ptr<Repository> repository) {
+        return std::make_unique<UploadPack>(socket, std::move(repository), appState.store(),
+                                            appState.backend().fetcher());
+    };
+    commands["git-receive-pack"] = [&appState](GitSocket& socket,
+                                               std::shared_ptr<Repository> repository) {
+        return std::make_unique<ReceivePack>(socket, std::move(repository), appState.backend());
+    };
+    auto lookup = [&appState](const std::string& name, const std::string& owner) {
+        return appState.backend().fetchRepository(name, owner);
+    };
+    auto server = std::make_unique<Server>(lookup, std::move(commands));
+    if (!server->start(port)) return false;
+    server_ = std::move(server);
+    return true;
+}
+
+bool Application::shouldHandleReopen(bool hasVisibleWindows) {
+    if (hasVisibleWindows) return false;
+    state().send(event::ShowMainWindow{});
+    return true;
+}
+
+void Application::acceptShare(const cloud::ShareMetadata& metadata) {
+    AppState& appState = state();
+    appState.backend().acceptShare(metadata, [&appState](Result<Done> result) {
+        if (!result.ok()) appState.reportError("Failed to join repository", result.error());
+        appState.reloadRepositories();
+    });
+}
+
+void Application::createRepositoryMenuAction() {
+    state().send(event::ShowCreateRepository{});
+}
+
+void Application::joinRepositoryMenuAction() {
+    state().send(event::ShowJoinRepository{});
+}
+
+void Application::showMainWindow() {
+    state().send(event::ShowMainWindow{});
+}
+
+void Application::deleteRepositoryMenuAction() {
+    auto selected = state().selectedRepository();
+    if (!selected->id().empty()) state().send(event::ShowConfirmDeleteRepository{selected});
+}
+
+void Application::reloadRepositoryMenuAction() {
+    auto selected = state().selectedRepository();
+    if (!selected->id().empty()) state().reloadRepository(selected);
+    state().reloadRepositories();
+}
+
+void Application::reloadAllRepositoriesMenuAction() {
+    state().reloadRepositories();
+}
+
+void Application::visitWebsiteMenuAction() {
+    // The desktop's own opener picks the browser; it returns once the browser is on its way.
+    const char* argv[] = {"xdg-open", kWebsite, nullptr};
+    pid_t child = 0;
+    if (posix_spawnp(&child, "xdg-open", nullptr, nullptr, const_cast<char**>(argv), environ) !=
+        0) {
+        trace(TraceModule::error, std::string("Failed to open ") + kWebsite);
+        return;
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+}
+
+}  // namespace corvane
