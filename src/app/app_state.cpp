@@ -1,9 +1,9 @@
 #include "app/app_state.h"
 
 #include <algorithm>
-#include <unordered_set>
 
 #include "app/error_description.h"
+#include "app/prefetch_order.h"
 #include "app/quoted_name.h"
 #include "base/trace.h"
 
@@ -58,16 +58,15 @@ void AppState::reloadRepositories() {
 }
 
 void AppState::reloadRepository(const std::shared_ptr<Repository>& repository) {
-    backend_->fetchRepository(repository->name(), repository->owner(),
-                              [this, name = repository->name()](
-                                  Result<std::shared_ptr<Repository>> result) {
-                                  if (!result.ok()) {
-                                      reportError("Failed to load " + quotedName(name),
-                                                  result.error());
-                                      return;
-                                  }
-                                  updateRepository(result.value());
-                              });
+    backend_->fetchRepository(
+        repository->name(), repository->owner(),
+        [this, name = repository->name()](Result<std::shared_ptr<Repository>> result) {
+            if (!result.ok()) {
+                reportError("Failed to load " + quotedName(name), result.error());
+                return;
+            }
+            updateRepository(result.value());
+        });
 }
 
 void AppState::updateRepository(const std::shared_ptr<Repository>& repository) {
@@ -92,30 +91,6 @@ void AppState::selectRepository(const std::optional<std::string>& url) {
                                             *selectedRepository_);
     }
     send(event::RepositorySelected{url});
-}
-
-std::vector<std::string> AppState::prefetchOrder(const Repository& repository) {
-    auto content = repository.content();
-    std::vector<std::string> order;
-    std::unordered_set<std::string> listed;
-    auto list = [&](const std::string& id) {
-        if (listed.insert(id).second) order.push_back(id);
-    };
-    for (auto id = repository.headCommit(); id;) {
-        auto commit = content->commits.find(*id);
-        if (commit == content->commits.end()) break;
-        list(commit->first);
-        list(commit->second.tree);
-        if (commit->second.parents.empty()) break;
-        id = commit->second.parents.front();
-    }
-    for (const auto& [id, tag] : content->tags)
-        list(id);
-    for (const auto& [id, commit] : content->commits)
-        list(id);
-    for (const auto& [id, tree] : content->trees)
-        list(id);
-    return order;
 }
 
 void AppState::createRepository(const std::string& name) {
@@ -175,7 +150,8 @@ void AppState::addContributor(const std::shared_ptr<Repository>& repository,
         repository->setParticipants(std::move(participants));
     }
     backend_->addContributor(repository, email, [this, repository, email](Result<Done> result) {
-        if (!result.ok()) reportError("Failed to add contributor " + quotedName(email), result.error());
+        if (!result.ok())
+            reportError("Failed to add contributor " + quotedName(email), result.error());
         reloadRepository(repository);
     });
     send(event::ParticipantsModified{});

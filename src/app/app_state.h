@@ -44,6 +44,8 @@ class AppState {
 
     // Adds a receiver after those already registered; the registry never keeps it alive.
     void registerDelegate(std::weak_ptr<EventDelegate> receiver);
+    // Receivers in registration order; released ones leave at the next delivery.
+    const std::vector<WeakEventDelegate>& registry() const { return registry_; }
     // Delivers the event later on the main queue to every live receiver, in registration order.
     // Events sent from one thread arrive in the order sent, never nested in one another.
     void send(Event event);
@@ -65,9 +67,6 @@ class AppState {
 
   private:
     void deliver(const Event& event);
-    // The objects the detail views will show first: HEAD's first-parent chain with each
-    // commit's tree, then every other tag, commit and tree.
-    static std::vector<std::string> prefetchOrder(const Repository& repository);
 
     MainQueue& mainQueue_;
     std::unique_ptr<cloud::Container> container_;

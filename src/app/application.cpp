@@ -20,8 +20,8 @@ Application::~Application() {
 
 AppState& Application::state() {
     std::call_once(stateCreated_, [this] {
-        state_ = std::make_unique<AppState>(mainQueue_, cloud::openContainer(),
-                                            Store::defaultRoot());
+        state_ =
+            std::make_unique<AppState>(mainQueue_, cloud::openContainer(), Store::defaultRoot());
     });
     return *state_;
 }

@@ -7,18 +7,30 @@ namespace corvane {
 
 std::optional<std::string> cloudErrorText(int code) {
     switch (code) {
-        case 1: return "CloudKit framework encountered an error.";
-        case 3: return "Network not available.";
-        case 4: return "Network error.";
-        case 6: return "Service unavailable.";
-        case 7: return "iCloud request is being rate limited, please try again later.";
-        case 8: return "Missing entitlement.";
-        case 10: return "Access failure.";
-        case 11: return "Record does not exist.";
-        case 14: return "The record was rejected because the version on the server was different.";
-        case 25: return "Saving a record would exceed quota.";
-        case 29: return "Contributors limit reached, you can not add more contributors.";
-        default: return std::nullopt;
+        case 1:
+            return "CloudKit framework encountered an error.";
+        case 3:
+            return "Network not available.";
+        case 4:
+            return "Network error.";
+        case 6:
+            return "Service unavailable.";
+        case 7:
+            return "iCloud request is being rate limited, please try again later.";
+        case 8:
+            return "Missing entitlement.";
+        case 10:
+            return "Access failure.";
+        case 11:
+            return "Record does not exist.";
+        case 14:
+            return "The record was rejected because the version on the server was different.";
+        case 25:
+            return "Saving a record would exceed quota.";
+        case 29:
+            return "Contributors limit reached, you can not add more contributors.";
+        default:
+            return std::nullopt;
     }
 }
 

@@ -59,14 +59,13 @@ struct ShowSignedOut {};
 
 }  // namespace event
 
-using Event = std::variant<event::RepositoryAdded, event::RepositoryModified,
-                           event::RepositoryDeleted, event::RepositorySelected,
-                           event::BranchSelected, event::TagSelected, event::CommitSelected,
-                           event::ObjectsLoaded, event::ShowView,
-                           event::ShowConfirmDeleteRepository, event::ShowError,
-                           event::RepositoriesModified, event::ParticipantsModified,
-                           event::ShowMainWindow, event::ShowCreateRepository,
-                           event::ShowJoinRepository, event::ShowSignedOut>;
+using Event =
+    std::variant<event::RepositoryAdded, event::RepositoryModified, event::RepositoryDeleted,
+                 event::RepositorySelected, event::BranchSelected, event::TagSelected,
+                 event::CommitSelected, event::ObjectsLoaded, event::ShowView,
+                 event::ShowConfirmDeleteRepository, event::ShowError, event::RepositoriesModified,
+                 event::ParticipantsModified, event::ShowMainWindow, event::ShowCreateRepository,
+                 event::ShowJoinRepository, event::ShowSignedOut>;
 
 class EventDelegate {
   public:

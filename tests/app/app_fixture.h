@@ -1,0 +1,132 @@
+// An AppState on a real embedded record store and object cache in a fresh folder, driven by a
+// plain main loop, with a receiver that records every event it is given.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <thread>
+
+#include "app/app_state.h"
+#include "cloud/sqlite_connection.h"
+#include "support/process.h"
+
+namespace corvane::testing {
+
+class Recorder : public EventDelegate {
+  public:
+    void handleEvent(const Event& event) override { events.push_back(event); }
+
+    template <typename Case>
+    std::vector<Case> all() const {
+        std::vector<Case> found;
+        for (const auto& event : events) {
+            if (const auto* match = std::get_if<Case>(&event)) found.push_back(*match);
+        }
+        return found;
+    }
+    std::vector<std::size_t> kinds() const {
+        std::vector<std::size_t> indexes;
+        for (const auto& event : events)
+            indexes.push_back(event.index());
+        return indexes;
+    }
+
+    std::vector<Event> events;
+};
+
+template <typename Case>
+constexpr std::size_t kindOf() {
+    return Event(Case{}).index();
+}
+
+struct AppFixture : ::testing::Test {
+    TempDir dir;
+    LoopMainQueue mainQueue;
+    // Statements until the store fails with `faultCode`; 0 never fails.
+    std::atomic<int> countdown{0};
+    std::atomic<int> faultCode{0};
+    std::unique_ptr<AppState> state = std::make_unique<AppState>(
+        mainQueue, openContainer("owner@example.com"), dir.path() + "/cache/Objects",
+        Store::Timing{.runExpiryThread = false});
+    std::shared_ptr<Recorder> recorder = std::make_shared<Recorder>();
+
+    AppFixture() { state->registerDelegate(recorder); }
+    ~AppFixture() override {
+        state.reset();  // stops the backend before the loop goes
+    }
+
+    std::unique_ptr<cloud::Container> openContainer(const std::string& email) {
+        cloud::ContainerOptions options;
+        options.assetCacheDirectory = dir.path() + "/cache/Assets-" + email;
+        options.account.email = email;
+        auto file = std::filesystem::path(dir.path()) / "cloud.sqlite";
+        return cloud::Container::open(
+            [this, file]() -> std::unique_ptr<cloud::Connection> {
+                return std::make_unique<FailingConnection>(cloud::SqliteConnection::open(file),
+                                                           *this);
+            },
+            options);
+    }
+
+    // The next statement the store runs fails with the cloud code.
+    void failNext(int code) {
+        faultCode = code;
+        countdown = 1;
+    }
+
+    // Runs main-queue tasks until the test holds (or ten seconds pass).
+    bool pumpUntil(const std::function<bool()>& done) {
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        while (!done()) {
+            if (std::chrono::steady_clock::now() > deadline) return false;
+            mainQueue.drain();
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        return true;
+    }
+    // Runs until `count` events of the case have arrived.
+    template <typename Case>
+    bool pumpFor(std::size_t count = 1) {
+        return pumpUntil([&] { return recorder->all<Case>().size() >= count; });
+    }
+
+  private:
+    // Passes statements to SQLite until the fixture's countdown reaches one, which fails.
+    class FailingConnection final : public cloud::Connection {
+      public:
+        FailingConnection(std::unique_ptr<cloud::Connection> inner, AppFixture& fixture)
+            : inner_(std::move(inner)), fixture_(fixture) {}
+        cloud::SqlDialect dialect() const override { return inner_->dialect(); }
+        void begin(cloud::TransactionMode mode) override {
+            tick();
+            inner_->begin(mode);
+        }
+        void commit() override { inner_->commit(); }
+        void rollback() noexcept override { inner_->rollback(); }
+        void releaseFreeSpace() override { inner_->releaseFreeSpace(); }
+
+      protected:
+        std::int64_t run(std::string_view sql, std::span<const cloud::SqlParam> params,
+                         const cloud::RowHandler& onRow) override {
+            tick();
+            return inner_->execute(sql, params, onRow);
+        }
+
+      private:
+        void tick() {
+            int left = fixture_.countdown.load();
+            while (left > 0 && !fixture_.countdown.compare_exchange_weak(left, left - 1)) {
+            }
+            if (left == 1) {
+                throw CloudError(fixture_.faultCode, "injected failure");
+            }
+        }
+        std::unique_ptr<cloud::Connection> inner_;
+        AppFixture& fixture_;
+    };
+};
+
+}  // namespace corvane::testing

@@ -1,0 +1,68 @@
+#include "app/application.h"
+
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "app_fixture.h"
+#include "support/trace_capture.h"
+
+namespace corvane {
+namespace {
+
+using testing::kindOf;
+using testing::Recorder;
+
+struct Lifecycle : ::testing::Test {
+    testing::TempDir dir;
+    LoopMainQueue mainQueue;
+    std::optional<Application> application;
+    std::shared_ptr<Recorder> recorder = std::make_shared<Recorder>();
+
+    void SetUp() override {
+        ::setenv("XDG_CACHE_HOME", (dir.path() + "/cache").c_str(), 1);
+        ::setenv("CORVANE_CLOUD", (dir.path() + "/cloud.sqlite").c_str(), 1);
+        application.emplace(mainQueue);
+        application->state().registerDelegate(recorder);
+    }
+    void pump() {
+        for (int i = 0; i < 1000 && recorder->events.empty(); ++i) {
+            mainQueue.drain();
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+        mainQueue.drain();
+    }
+};
+
+TEST_F(Lifecycle, MenuCommandsAndReopenRaiseTheirEvents) {
+    EXPECT_FALSE(application->shouldHandleReopen(true));
+    EXPECT_TRUE(application->shouldHandleReopen(false));
+    application->createRepositoryMenuAction();
+    application->joinRepositoryMenuAction();
+    application->deleteRepositoryMenuAction();  // nothing selected: nothing to confirm
+    pump();
+    EXPECT_EQ(recorder->kinds(), (std::vector<std::size_t>{kindOf<event::ShowMainWindow>(),
+                                                           kindOf<event::ShowCreateRepository>(),
+                                                           kindOf<event::ShowJoinRepository>()}));
+    recorder->events.clear();
+    application->reloadRepositoryMenuAction();  // nothing selected: the list alone reloads
+    pump();
+    EXPECT_EQ(recorder->kinds(), std::vector<std::size_t>{kindOf<event::RepositoriesModified>()});
+}
+
+TEST_F(Lifecycle, TheDaemonStartsOnLaunchAndATakenPortIsOnlyLogged) {
+    ASSERT_TRUE(application->didFinishLaunching(0));
+    std::uint16_t port = application->serverPort();
+    EXPECT_NE(port, 0);
+
+    LoopMainQueue otherQueue;
+    Application second(otherQueue);
+    testing::TraceCapture log;
+    EXPECT_FALSE(second.didFinishLaunching(port));
+    EXPECT_EQ(second.serverPort(), 0);
+    EXPECT_TRUE(log.contains("Failed to start server on port " + std::to_string(port)));
+}
+
+}  // namespace
+}  // namespace corvane
