@@ -4,7 +4,12 @@
 # cache (every object from the record store), ls-remote, and a fetch of one new commit.
 # Prints each Corvane/git-daemon ratio and the Corvane server's peak memory.
 #
-# usage: bench/serve_vs_git_daemon.sh [BUILD_DIR] [BUNDLE]
+# usage: [TMPDIR=DIR] bench/serve_vs_git_daemon.sh [BUILD_DIR] [BUNDLE]
+#
+# Both servers keep their data under TMPDIR. On an ext4 file system without a journal, creating
+# files is very slow for a few minutes after many were deleted (the kernel skips recently freed
+# inodes), which swamps the push and cold clone figures; TMPDIR=/dev/shm measures the servers
+# rather than that.
 set -euo pipefail
 here=$(cd "$(dirname "$0")/.." && pwd)
 build=${1:-$here/build}

@@ -340,13 +340,15 @@ void Backend::saveRepository(const std::shared_ptr<Repository>& repository,
     operation.recordsToSave = {record};
     operation.savePolicy = cloud::SavePolicy::ifServerRecordUnchanged;
     operation.atomic = true;
+    std::vector<cloud::Record> saved;
     try {
-        databaseFor(repository->owner()).modifyRecords(operation);
+        saved = databaseFor(repository->owner()).modifyRecords(operation);
     } catch (...) {
         trace(TraceModule::error, "error saving repository " + repository->name());
         throw;
     }
     trace(TraceModule::response, "saved repository " + repository->name());
+    if (!saved.empty()) repository->setRecord(std::move(saved.front()));
     update.publish();
     repository->setMetaSize(static_cast<std::int64_t>(document.size()));
     if (callbacks_.updateRepository) {

@@ -66,6 +66,10 @@ class Repository {
         participants_ = std::move(participants);
     }
     const std::optional<cloud::Record>& record() const { return record_; }
+    // The record as the store last saved it, with its new change tag, so that the next save
+    // of this object is not refused as stale. Called by the saving push, which owns the object
+    // until it hands it to the application.
+    void setRecord(cloud::Record record) { record_ = std::move(record); }
     // The share record ("SHARE"); its `share` holds the sharing state.
     const std::optional<cloud::Record>& share() const { return share_; }
 

@@ -104,11 +104,15 @@ TEST_F(BackendTest, PushedObjectsGoUpInPacksAndComeBackThroughTheFetcher) {
     for (const auto& id : ids)
         ASSERT_TRUE(fresh.hasObject(id));
 
-    // A stale save of the repository record is refused and leaves the content as it was.
-    Repository::ContentUpdate stale(*repository);
+    // The saved object carries the new change tag and saves again; a copy loaded before that
+    // save is stale, is refused, and keeps its content.
+    Repository::ContentUpdate again(*repository);
+    again.content().refs["refs/heads/dev"] = ids.front();
+    backend.saveRepository(repository, again);
+    Repository::ContentUpdate stale(*loaded);
     stale.content().refs["refs/heads/master"] = ids.back();
-    EXPECT_THROW(backend.saveRepository(repository, stale), CloudError);
-    EXPECT_EQ(repository->content()->refs.at("refs/heads/master"), ids.front());
+    EXPECT_THROW(other.saveRepository(loaded, stale), CloudError);
+    EXPECT_EQ(loaded->content()->refs.at("refs/heads/master"), ids.front());
 }
 
 }  // namespace
