@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
-# Builds Corvane and runs every test: once in a normal build, once under AddressSanitizer +
-# UndefinedBehaviorSanitizer. Installs what it needs first.
+# Builds Corvane and runs every test: in a normal build, the server and storage tests under
+# ThreadSanitizer, each fuzz target briefly, and everything again under AddressSanitizer +
+# UndefinedBehaviorSanitizer (last, so the closing line is CTest's count). Installs what it
+# needs first.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh
@@ -24,6 +26,23 @@ export TSAN_OPTIONS=halt_on_error=1
 build-tsan/tests/storage/storage_tests --gtest_brief=1 --gtest_filter='-RepositoryMeta.RoundTrips*'
 build-tsan/tests/protocol/protocol_tests --gtest_brief=1
 unset TSAN_OPTIONS
+
+echo "== fuzz targets, briefly (clang's libFuzzer with AddressSanitizer + UBSan)"
+fuzzers=(lzfse_decode_fuzz git_socket_fuzz object_parsers_fuzz delta_fuzz repository_meta_fuzz)
+CXX=clang++ cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCORVANE_FUZZ=ON \
+  -DCORVANE_BUILD_TESTS=OFF -DCORVANE_BUILD_BENCH=OFF > /dev/null
+cmake --build build-fuzz -j "$jobs" --target "${fuzzers[@]}"
+for fuzzer in "${fuzzers[@]}"; do
+  # New inputs go to a scratch folder; the committed corpus only seeds the run.
+  scratch=$(mktemp -d)
+  if ! build-fuzz/fuzz/"$fuzzer" -max_total_time="${FUZZ_SECONDS:-15}" -max_len=65536 \
+      "$scratch" fuzz/corpus/"$fuzzer" > "$scratch.log" 2>&1; then
+    cat "$scratch.log"
+    exit 1
+  fi
+  echo "$fuzzer: $(ls "$scratch" | wc -l) new inputs; $(tail -n 1 "$scratch.log")"
+  rm -rf "$scratch" "$scratch.log"
+done
 
 echo "== AddressSanitizer + UndefinedBehaviorSanitizer build"
 ASAN_OPTIONS=detect_leaks=1 run_suite build-asan -DCMAKE_BUILD_TYPE=Debug -DCORVANE_SANITIZE=address
