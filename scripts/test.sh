@@ -35,7 +35,7 @@ cmake --build build-fuzz -j "$jobs" --target "${fuzzers[@]}"
 for fuzzer in "${fuzzers[@]}"; do
   # New inputs go to a scratch folder; the committed corpus only seeds the run.
   scratch=$(mktemp -d)
-  if ! build-fuzz/fuzz/"$fuzzer" -max_total_time="${FUZZ_SECONDS:-15}" -max_len=65536 \
+  if ! build-fuzz/fuzz/"$fuzzer" -max_total_time="${FUZZ_SECONDS:-10}" -max_len=65536 \
       "$scratch" fuzz/corpus/"$fuzzer" > "$scratch.log" 2>&1; then
     cat "$scratch.log"
     exit 1
