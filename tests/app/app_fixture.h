@@ -4,9 +4,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <mutex>
+#include <optional>
 #include <thread>
 
 #include "app/app_state.h"
@@ -71,6 +74,15 @@ struct AppFixture : ::testing::Test {
             options);
     }
 
+    // Records saved from now on store `to` wherever their fields hold `from` (same length), as
+    // if the cloud kept another spelling of what it was given.
+    void rewriteSavedFields(std::string from, std::string to) {
+        std::lock_guard lock(rewriteMutex);
+        rewrite = {std::move(from), std::move(to)};
+    }
+    std::mutex rewriteMutex;
+    std::optional<std::pair<std::string, std::string>> rewrite;  // guarded by rewriteMutex
+
     // The next statement the store runs fails with the cloud code.
     void failNext(int code) {
         faultCode = code;
@@ -112,7 +124,29 @@ struct AppFixture : ::testing::Test {
         std::int64_t run(std::string_view sql, std::span<const cloud::SqlParam> params,
                          const cloud::RowHandler& onRow) override {
             tick();
-            return inner_->execute(sql, params, onRow);
+            std::optional<std::pair<std::string, std::string>> rewrite;
+            {
+                std::lock_guard lock(fixture_.rewriteMutex);
+                rewrite = fixture_.rewrite;
+            }
+            if (!rewrite || !sql.starts_with("INSERT INTO records")) {
+                return inner_->execute(sql, params, onRow);
+            }
+            std::vector<cloud::SqlParam> changed(params.begin(), params.end());
+            std::vector<Bytes> copies;
+            copies.reserve(changed.size());
+            for (auto& param : changed) {
+                const auto* blob = std::get_if<ByteView>(&param);
+                if (!blob) continue;
+                Bytes& copy = copies.emplace_back(blob->begin(), blob->end());
+                auto from = asBytes(rewrite->first);
+                for (auto at = std::search(copy.begin(), copy.end(), from.begin(), from.end());
+                     at != copy.end(); at = std::search(at, copy.end(), from.begin(), from.end())) {
+                    at = std::copy(rewrite->second.begin(), rewrite->second.end(), at);
+                }
+                param = ByteView(copy);
+            }
+            return inner_->execute(sql, changed, onRow);
         }
 
       private:

@@ -139,6 +139,17 @@ TEST_F(AppFixture, CreateSelectAndDeleteAgainstTheStore) {
     EXPECT_TRUE(state->repositories().empty());  // gone from the cloud too
 }
 
+TEST_F(AppFixture, ACreatedRepositoryUnderAnotherURLReplacesItsPlaceholder) {
+    rewriteSavedFields("tools", "Tools");
+    state->createRepository("tools");
+    ASSERT_TRUE(pumpFor<event::RepositoriesModified>(2));
+    EXPECT_EQ(recorder->kinds(), (std::vector<std::size_t>{kindOf<event::RepositoryAdded>(),
+                                                           kindOf<event::RepositoriesModified>(),
+                                                           kindOf<event::RepositoriesModified>()}));
+    EXPECT_FALSE(state->repositories().contains("git://localhost/tools"));
+    EXPECT_TRUE(state->repositories().contains("git://localhost/Tools"));
+}
+
 TEST_F(AppFixture, ReloadingOneRepositoryKeepsTheUsersPlace) {
     state->createRepository("tools");
     ASSERT_TRUE(pumpFor<event::RepositoriesModified>());
