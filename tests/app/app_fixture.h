@@ -51,6 +51,9 @@ struct AppFixture : ::testing::Test {
     // Statements until the store fails with `faultCode`; 0 never fails.
     std::atomic<int> countdown{0};
     std::atomic<int> faultCode{0};
+    // Set by rewriteSavedFields; declared before the state, whose store uses it at once.
+    std::mutex rewriteMutex;
+    std::optional<std::pair<std::string, std::string>> rewrite;  // guarded by rewriteMutex
     std::unique_ptr<AppState> state = std::make_unique<AppState>(
         mainQueue, openContainer("owner@example.com"), dir.path() + "/cache/Objects",
         Store::Timing{.runExpiryThread = false});
@@ -80,8 +83,6 @@ struct AppFixture : ::testing::Test {
         std::lock_guard lock(rewriteMutex);
         rewrite = {std::move(from), std::move(to)};
     }
-    std::mutex rewriteMutex;
-    std::optional<std::pair<std::string, std::string>> rewrite;  // guarded by rewriteMutex
 
     // The next statement the store runs fails with the cloud code.
     void failNext(int code) {
