@@ -10,11 +10,7 @@
 namespace corvane {
 namespace {
 
-Store::Timing noThread() {
-    Store::Timing timing;
-    timing.runExpiryThread = false;
-    return timing;
-}
+constexpr Store::Timing kNoExpiry{.runExpiryThread = false};
 
 Object numbered(int i, std::size_t size) {
     std::string text = "object " + std::to_string(i) + " ";
@@ -24,7 +20,7 @@ Object numbered(int i, std::size_t size) {
 
 TEST(ObjectWriter, EveryObjectIsReachableUntilItsFileIsWritten) {
     testing::TempDir dir;
-    Store store(dir.path() + "/Objects", noThread());
+    Store store(dir.path() + "/Objects", kNoExpiry);
     std::vector<Object> objects;
     {
         // A limit below one object: each waits for the one before, and none is stuck.
@@ -47,7 +43,7 @@ TEST(ObjectWriter, EveryObjectIsReachableUntilItsFileIsWritten) {
 TEST(ObjectWriter, AFailedWriteFailsTheNextPutAndFinish) {
     testing::TempDir dir;
     std::string root = dir.path() + "/Objects";
-    Store store(root, noThread());
+    Store store(root, kNoExpiry);
     // The cache folder became a file: no object can be written.
     std::filesystem::remove_all(root);
     std::ofstream(root) << "not a folder";
