@@ -21,11 +21,6 @@ AppState::AppState(MainQueue& mainQueue, std::unique_ptr<cloud::Container> conta
     backend_ = std::make_unique<Backend>(*container_, *store_, mainQueue_, std::move(callbacks));
 }
 
-AppState::~AppState() {
-    backend_.reset();  // its threads use the store
-    store_.reset();
-}
-
 void AppState::registerDelegate(std::weak_ptr<EventDelegate> receiver) {
     registry_.push_back({std::move(receiver)});
 }

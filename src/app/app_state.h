@@ -30,7 +30,6 @@ class AppState {
   public:
     AppState(MainQueue& mainQueue, std::unique_ptr<cloud::Container> container,
              std::filesystem::path cacheRoot, Store::Timing cacheTiming = {});
-    ~AppState();
     AppState(const AppState&) = delete;
     AppState& operator=(const AppState&) = delete;
 
@@ -71,7 +70,7 @@ class AppState {
     MainQueue& mainQueue_;
     std::unique_ptr<cloud::Container> container_;
     std::unique_ptr<Store> store_;
-    std::unique_ptr<Backend> backend_;
+    std::unique_ptr<Backend> backend_;  // after the store: its threads stop before the store goes
     std::map<std::string, std::shared_ptr<Repository>> repositories_;
     std::shared_ptr<Repository> selectedRepository_;
     std::vector<WeakEventDelegate> registry_;

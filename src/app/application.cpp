@@ -13,11 +13,6 @@ namespace corvane {
 
 Application::Application(MainQueue& mainQueue) : mainQueue_(mainQueue) {}
 
-Application::~Application() {
-    server_.reset();
-    state_.reset();
-}
-
 AppState& Application::state() {
     std::call_once(stateCreated_, [this] {
         state_ =

@@ -24,7 +24,6 @@ class Application {
     static constexpr const char* kWebsite = "https://corvane.org/";
 
     explicit Application(MainQueue& mainQueue);
-    ~Application();
     Application(const Application&) = delete;
     Application& operator=(const Application&) = delete;
 
@@ -53,7 +52,7 @@ class Application {
     MainQueue& mainQueue_;
     std::once_flag stateCreated_;
     std::unique_ptr<AppState> state_;
-    std::unique_ptr<Server> server_;
+    std::unique_ptr<Server> server_;  // after the state: stops before the state goes
 };
 
 }  // namespace corvane

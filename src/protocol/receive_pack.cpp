@@ -184,16 +184,17 @@ Object ReceivePack::readObject(const ObjectWriter& writer) {
     if (type == ObjectType::refDelta) {
         std::string source = hexString(socket_.readRawBytes(20));
         RefDelta delta{source, socket_.inflateObject(size)};
-        if (auto pending = writer.find(source)) return apply(*pending, delta);
-        return apply(loadBase(source), delta);
+        return apply(loadBase(source, writer), delta);
     }
     if (type == ObjectType::ofsDelta) throw Error("ofs_deltas not supported");
     return Object(type, socket_.inflateObject(size));
 }
 
-Object ReceivePack::loadBase(const std::string& id) {
-    // A base from earlier in this pack is cached or on its way there; one the client assumes
-    // we have may have to come from the cloud, and so does one whose cached file is corrupt.
+Object ReceivePack::loadBase(const std::string& id, const ObjectWriter& writer) {
+    // A base from earlier in this pack is on its way to the cache or already there; one the
+    // client assumes we have may have to come from the cloud, and so does one whose cached file
+    // is corrupt.
+    if (auto pending = writer.find(id)) return *pending;
     Store& store = backend_.store();
     if (store.hasObject(id)) {
         try {

@@ -45,7 +45,7 @@ class ReceivePack : public ServerCommand {
     std::vector<std::string> readPack(RepositoryContent& content,
                                       std::unordered_set<std::string>& existing);
     Object readObject(const ObjectWriter& writer);
-    Object loadBase(const std::string& id);
+    Object loadBase(const std::string& id, const ObjectWriter& writer);
     void upload(const std::vector<std::string>& newIds, Repository::ContentUpdate& update);
     void report(const std::vector<RefUpdate>& commands);
 

@@ -7,10 +7,6 @@ ObjectWriter::ObjectWriter(Store& store, unsigned threads, std::size_t maxPendin
     workers_.emplace("object-writer", threads);
 }
 
-ObjectWriter::~ObjectWriter() {
-    workers_.reset();
-}
-
 void ObjectWriter::put(std::shared_ptr<const Object> object) {
     {
         std::unique_lock lock(mutex_);

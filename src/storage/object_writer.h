@@ -24,7 +24,6 @@ namespace corvane {
 class ObjectWriter {
   public:
     ObjectWriter(Store& store, unsigned threads, std::size_t maxPendingBytes);
-    ~ObjectWriter();
     ObjectWriter(const ObjectWriter&) = delete;
     ObjectWriter& operator=(const ObjectWriter&) = delete;
 
