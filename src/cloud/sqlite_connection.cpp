@@ -67,13 +67,18 @@ bool isDamage(int sqliteCode) {
 std::unique_ptr<SqliteConnection> SqliteConnection::open(const std::filesystem::path& file) {
     if (file.has_parent_path()) createPrivateDirectories(file.parent_path());
     // Creating the file ourselves fixes its mode; SQLite gives its WAL files the same mode.
-    int fd = ::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    if (fd < 0) {
+    // Only a new file is opened here: closing a descriptor of a file this process already has
+    // open drops every POSIX lock the process holds on it, SQLite's included. Another process
+    // would then believe it is the last user, delete the WAL and its index under our open
+    // connections, and leave them reading an old snapshot for good.
+    int fd = ::open(file.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (fd >= 0) {
+        ::close(fd);
+    } else if (errno != EEXIST) {
         std::string message =
             "Cannot open the cloud database " + file.string() + ": " + std::strerror(errno);
         throw CloudError(kInternalError, message, message);
     }
-    ::close(fd);
 
     sqlite3* db = nullptr;
     int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE;

@@ -250,6 +250,36 @@ TEST_F(ProcessTest, AProcessKilledAtAnyMomentLeavesEachSaveWholeOrAbsent) {
     RecordProperty("kills inside a save", interrupted);
 }
 
+// Not a test of its own: the other process of the next test, started afresh (a forked child
+// would share this process's view of the file's locks).
+TEST_F(ProcessTest, SavesTheZoneNamedByTheEnvironment) {
+    const char* name = std::getenv("CORVANE_TEST_ZONE");
+    if (!name) GTEST_SKIP() << "run by ConnectionsOpenedLaterKeepSeeingWhatOtherProcessesSave";
+    ::setenv("CORVANE_CLOUD", std::getenv("CORVANE_TEST_FILE"), 1);
+    Container::open(std::getenv("CORVANE_TEST_FILE"), optionsFor("ann@example.com"))
+        ->privateCloudDatabase()
+        .saveRecordZone(ZoneId{name});
+}
+
+TEST_F(ProcessTest, ConnectionsOpenedLaterKeepSeeingWhatOtherProcessesSave) {
+    auto container = openAs("ann@example.com");
+    auto& database = container->privateCloudDatabase();
+    database.saveRecordZone(ZoneId{"first"});
+    // One more connection to the file in this process, as the pool opens under load.
+    auto second = SqliteConnection::open(databaseFile());
+    for (const auto* name : {"second", "third"}) {
+        // Each other process is the file's only other user and checkpoints as it closes.
+        auto child = corvane::testing::runCommand(
+            {"/proc/self/exe", "--gtest_filter=ProcessTest.SavesTheZoneNamedByTheEnvironment"},
+            {{"CORVANE_TEST_ZONE", name}, {"CORVANE_TEST_FILE", databaseFile().string()}});
+        ASSERT_EQ(child.status, 0) << child.out;
+        auto zones = database.fetchAllRecordZones();
+        EXPECT_TRUE(std::any_of(zones.begin(), zones.end(), [&](const ZoneId& zone) {
+            return zone.zoneName == name;
+        })) << name;
+    }
+}
+
 TEST_F(ProcessTest, TwoProcessesSavingToOneFileBothSucceed) {
     // Both start on a file that does not exist yet, so they also race to create the tables and
     // the account, and both store one common content, so they race to store it too.
