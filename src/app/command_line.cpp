@@ -111,13 +111,13 @@ int create(const std::string& name) {
     Application application(mainQueue);
     Backend& backend = application.state().backend();
     try {
+        // Only a repository that is not there may be created; one that cannot be read (a
+        // damaged record, a store failure) is refused with its error, never created over.
         bool exists = true;
         try {
             findOwn(backend, name);
-        } catch (const CloudError&) {
-            throw;
-        } catch (const Error&) {
-            exists = false;  // "does not exist": free to create
+        } catch (const NotFound&) {
+            exists = false;
         }
         if (exists) throw Error("a repository with this name already exists");
         auto repository = await<std::shared_ptr<Repository>>(

@@ -8,7 +8,7 @@ namespace corvane {
 std::optional<std::string> cloudErrorText(int code) {
     switch (code) {
         case 1:
-            return "CloudKit framework encountered an error.";
+            return "The cloud store encountered an error.";
         case 3:
             return "Network not available.";
         case 4:
@@ -16,7 +16,7 @@ std::optional<std::string> cloudErrorText(int code) {
         case 6:
             return "Service unavailable.";
         case 7:
-            return "iCloud request is being rate limited, please try again later.";
+            return "Cloud request is being rate limited, please try again later.";
         case 8:
             return "Missing entitlement.";
         case 10:

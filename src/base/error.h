@@ -13,6 +13,18 @@ class Error : public std::runtime_error {
     explicit Error(const std::string& message) : std::runtime_error(message) {}
 };
 
+// What was asked for does not exist (a repository, a record); callers may go on without it.
+class NotFound : public Error {
+  public:
+    using Error::Error;
+};
+
+// Someone else changed what this operation started from; the caller may re-read and retry.
+class Conflict : public Error {
+  public:
+    using Error::Error;
+};
+
 // A failure of the cloud record store, carrying its numeric code and, when the store gave one,
 // a description meant for people that takes precedence over the generic text for the code.
 class CloudError : public Error {

@@ -4,8 +4,6 @@
 #include <unordered_set>
 
 #include "base/error.h"
-#include "cloud/error_codes.h"
-#include "cloud/partial_failure.h"
 #include "objects/delta.h"
 #include "storage/object_writer.h"
 
@@ -25,14 +23,19 @@ std::optional<std::string> unlessZero(std::string_view id) {
     return std::string(id);
 }
 
-// A save refused because the stored record changed, alone or as the one failure of a batch.
-bool isRecordChanged(const CloudError& error) {
-    if (error.code() == cloud::kServerRecordChanged) return true;
-    const auto* partial = dynamic_cast<const cloud::PartialFailure*>(&error);
-    if (!partial) return false;
-    return std::any_of(
-        partial->partialErrors().begin(), partial->partialErrors().end(),
-        [](const auto& entry) { return entry.second.code() == cloud::kServerRecordChanged; });
+// A push that keeps meeting pushes from elsewhere gives up and lets its client fetch first.
+constexpr int kSaveAttempts = 5;
+
+// Adds the summaries of the received objects, replacing any under the same id.
+void mergeSummaries(const RepositoryContent& received, RepositoryContent& content) {
+    for (const auto& [id, tag] : received.tags)
+        content.tags.insert_or_assign(id, tag);
+    for (const auto& [id, commit] : received.commits)
+        content.commits.insert_or_assign(id, commit);
+    for (const auto& [id, tree] : received.trees)
+        content.trees.insert_or_assign(id, tree);
+    for (const auto& [id, size] : received.blobs)
+        content.blobs.insert_or_assign(id, size);
 }
 
 }  // namespace
@@ -67,48 +70,58 @@ RefUpdate ReceivePack::parseCommand(std::string_view line) {
 void ReceivePack::run() {
     advertiseRefs(*repository_->content());
     auto commands = readCommands();
-
-    // From here on this push alone may change the repository; a concurrent push waits and
-    // then finds the references moved.
-    Repository::ContentUpdate update(*repository_);
-    RepositoryContent& content = update.content();
     bool wantsPack = std::any_of(commands.begin(), commands.end(),
                                  [](const RefUpdate& command) { return command.new_.has_value(); });
-    if (wantsPack) {
-        std::unordered_set<std::string> existing;
-        auto received = readPack(content, existing);
-        std::vector<std::string> newIds;
-        for (const auto& id : received) {
-            if (!existing.contains(id)) newIds.push_back(id);
-        }
-        if (!newIds.empty()) upload(newIds, update);
-    }
+    // Read into the cache and summarised on their own, so that the pack can be merged into
+    // whatever the repository is once this push's turn comes.
+    RepositoryContent received;
+    std::vector<std::string> receivedIds;
+    if (wantsPack) receivedIds = readPack(received);
 
-    for (const auto& command : commands) {
-        auto current = content.refs.find(command.ref);
-        bool matches =
-            current == content.refs.end() ? !command.old : command.old == current->second;
-        if (!matches) throw Error("Remote repository has been updated");
-    }
-    auto refs = content.refs;
-    for (const auto& command : commands) {
-        if (command.new_) {
-            refs[command.ref] = *command.new_;
-        } else {
-            refs.erase(command.ref);
+    // From here on this push alone, in this process, changes the repository; a push elsewhere
+    // shows itself as a conflict, and the push starts again from what that one saved.
+    auto turn = backend_.lockPushes(*repository_);
+    std::unordered_set<std::string> uploaded;
+    std::map<std::string, std::int64_t> packSizes;
+    for (int attempt = 1;; ++attempt) {
+        Repository::ContentUpdate update(*repository_);
+        RepositoryContent& content = update.content();
+        std::vector<std::string> newIds;
+        for (const auto& id : receivedIds) {
+            if (!content.contains(id) && !uploaded.contains(id)) newIds.push_back(id);
         }
-    }
-    if (refs != content.refs) {
+        mergeSummaries(received, content);
+        if (!newIds.empty()) {
+            upload(newIds, content, packSizes, attempt == 1);
+            uploaded.insert(newIds.begin(), newIds.end());
+        }
+        for (const auto& [packId, size] : packSizes)
+            content.packs[packId] = size;
+
+        for (const auto& command : commands) {
+            auto current = content.refs.find(command.ref);
+            bool matches =
+                current == content.refs.end() ? !command.old : command.old == current->second;
+            if (!matches) throw Error("Remote repository has been updated");
+        }
+        auto refs = content.refs;
+        for (const auto& command : commands) {
+            if (command.new_) {
+                refs[command.ref] = *command.new_;
+            } else {
+                refs.erase(command.ref);
+            }
+        }
+        if (refs == content.refs) break;
         content.refs = std::move(refs);
         try {
             backend_.saveRepository(repository_, update);
-        } catch (const CloudError& error) {
-            // Another push saved the repository since this one read it.
-            if (isRecordChanged(error)) {
-                throw Error("Remote repository has been updated");
-            }
-            throw;
+            break;
+        } catch (const Conflict&) {
+            if (attempt == kSaveAttempts) throw Error("Remote repository has been updated");
         }
+        // Saved elsewhere since this push read it: start again from the stored repository.
+        repository_ = backend_.fetchRepository(repository_->name(), repository_->owner());
     }
     report(commands);
     socket_.writePktLine(kFlush);
@@ -151,32 +164,22 @@ std::vector<RefUpdate> ReceivePack::readCommands() {
     return commands;
 }
 
-std::vector<std::string> ReceivePack::readPack(RepositoryContent& content,
-                                               std::unordered_set<std::string>& existing) {
+std::vector<std::string> ReceivePack::readPack(RepositoryContent& received) {
     std::uint32_t count = socket_.readPackHeader();
-    if (count < 1) return {};
-    for (const auto& [id, summary] : content.tags)
-        existing.insert(id);
-    for (const auto& [id, summary] : content.commits)
-        existing.insert(id);
-    for (const auto& [id, summary] : content.trees)
-        existing.insert(id);
-    for (const auto& [id, summary] : content.blobs)
-        existing.insert(id);
-
-    // Objects are compressed into the cache on other cores while this thread reads on.
+    if (count < 1) return {};  // no objects, and no trailer either
+    // Objects are compressed into the cache on other cores while this thread reads on. The
+    // count is the client's word: nothing is sized by it before the objects arrive.
     ObjectWriter writer(backend_.store(), kWriterThreads, kMaxUnwrittenBytes);
-    std::vector<std::string> received;
-    received.reserve(count);
+    std::vector<std::string> ids;
     for (std::uint32_t i = 0; i < count; ++i) {
         auto object = std::make_shared<const Object>(readObject(writer));
-        summarise(*object, content);
-        received.push_back(object->id());
+        summarise(*object, received);
+        ids.push_back(object->id());
         writer.put(std::move(object));
     }
     writer.finish();
     socket_.readRawBytes(20);  // trailer: every object was checked by its own id
-    return received;
+    return ids;
 }
 
 Object ReceivePack::readObject(const ObjectWriter& writer) {
@@ -206,28 +209,31 @@ Object ReceivePack::loadBase(const std::string& id, const ObjectWriter& writer) 
     return store.getObject(id);
 }
 
-void ReceivePack::upload(const std::vector<std::string>& newIds,
-                         Repository::ContentUpdate& update) {
+void ReceivePack::upload(const std::vector<std::string>& newIds, const RepositoryContent& content,
+                         std::map<std::string, std::int64_t>& packSizes, bool showProgress) {
     const std::string count = std::to_string(newIds.size());
-    socket_.writeProgress("Uploading " + count + " objects to iCloud \r");
+    auto say = [&](const std::string& text) {
+        if (showProgress) socket_.writeProgress(text);
+    };
+    say("Uploading " + count + " objects to the cloud \r");
     std::size_t uploaded = 0;
     std::string lastText;
     auto sizes = backend_.savePacks(
-        newIds, *repository_, update.content(), [&](const std::vector<std::string>& saved) {
+        newIds, *repository_, content, [&](const std::vector<std::string>& saved) {
             uploaded += saved.size();
             double fraction =
                 std::min(1.0, static_cast<double>(uploaded) / static_cast<double>(newIds.size()));
             char percent[16];
             std::snprintf(percent, sizeof percent, "%.0f%%", fraction * 100);
-            std::string text = "Uploading " + count + " objects to iCloud: " + percent + "  \r";
+            std::string text = "Uploading " + count + " objects to the cloud: " + percent + "  \r";
             if (text != lastText) {
-                socket_.writeProgress(text);
+                say(text);
                 lastText = text;
             }
         });
     for (const auto& [packId, size] : sizes)
-        update.content().packs[packId] = size;
-    socket_.writeProgress("Uploading " + count + " objects to iCloud: done\n");
+        packSizes[packId] = size;
+    say("Uploading " + count + " objects to the cloud: done\n");
 }
 
 void ReceivePack::report(const std::vector<RefUpdate>& commands) {

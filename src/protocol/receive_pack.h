@@ -2,9 +2,12 @@
 // reads the pack object by object (resolving ref-deltas, fetching bases the client assumes we
 // have), summarises every object, uploads the new ones, moves the references, saves the
 // metadata and reports the status. A push completes whole or fails with one message.
-// Runs on its connection's thread and holds the repository's update lock while it changes it.
+// Runs on its connection's thread. The pack is read without any lock; uploading and moving the
+// references happen in the push's turn (Backend::lockPushes), and start again from the stored
+// repository when a push elsewhere saved it first.
 #pragma once
 
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -42,11 +45,13 @@ class ReceivePack : public ServerCommand {
     std::vector<RefUpdate> readCommands();
     // Reads the pack into the cache and the update's content; returns the ids received and
     // fills `existing` with the ids the repository had before.
-    std::vector<std::string> readPack(RepositoryContent& content,
-                                      std::unordered_set<std::string>& existing);
+    // Reads the pack into the cache and `received`; returns the ids in stream order.
+    std::vector<std::string> readPack(RepositoryContent& received);
     Object readObject(const ObjectWriter& writer);
     Object loadBase(const std::string& id, const ObjectWriter& writer);
-    void upload(const std::vector<std::string>& newIds, Repository::ContentUpdate& update);
+    // Saves the packs of newIds, adding their new sizes to packSizes.
+    void upload(const std::vector<std::string>& newIds, const RepositoryContent& content,
+                std::map<std::string, std::int64_t>& packSizes, bool showProgress);
     void report(const std::vector<RefUpdate>& commands);
 
     GitSocket& socket_;

@@ -1,9 +1,11 @@
 #include "storage/backend.h"
 
 #include <algorithm>
+#include <iterator>
 
 #include "base/error.h"
 #include "base/trace.h"
+#include "cloud/error_codes.h"
 #include "cloud/partial_failure.h"
 #include "objects/sha1.h"
 #include "storage/file_io.h"
@@ -33,6 +35,16 @@ std::vector<std::vector<T>> groupsOf(const std::vector<T>& items, std::size_t si
                             items.begin() + static_cast<std::ptrdiff_t>(end));
     }
     return groups;
+}
+
+// A save refused because the stored record changed, alone or as the one failure of a batch.
+bool isRecordChanged(const CloudError& error) {
+    if (error.code() == cloud::kServerRecordChanged) return true;
+    const auto* partial = dynamic_cast<const cloud::PartialFailure*>(&error);
+    if (!partial) return false;
+    return std::any_of(
+        partial->partialErrors().begin(), partial->partialErrors().end(),
+        [](const auto& entry) { return entry.second.code() == cloud::kServerRecordChanged; });
 }
 
 }  // namespace
@@ -117,7 +129,7 @@ std::shared_ptr<Repository> Backend::loadRepository(cloud::Database& database,
     auto& share = results[{kShareRecordName, zone}];
     const std::string scope = scopeText(database);
     if (!repository.record || !share.record || !share.record->isShare()) {
-        throw Error(scope + " repository " + name + " does not exist");
+        throw NotFound(scope + " repository " + name + " does not exist");
     }
     return decodeRepositoryRecord(*repository.record, *share.record);
 }
@@ -260,41 +272,71 @@ void Backend::deleteContributor(std::shared_ptr<Repository> repository,
     });
 }
 
+void Backend::readPackRecords(cloud::Database& database, const cloud::ZoneId& zone,
+                              const std::vector<std::string>& packIds,
+                              std::map<std::string, std::optional<cloud::Record>>& stored) {
+    std::vector<cloud::RecordId> ids;
+    for (const auto& packId : packIds)
+        ids.push_back({packId, zone});
+    for (auto& [id, result] : fetchRecords(database, ids)) {
+        if (result.error && result.error->code() != cloud::kUnknownItem) throw *result.error;
+        stored[id.recordName] = std::move(result.record);
+    }
+}
+
 std::map<std::string, std::int64_t> Backend::savePacks(
     const std::vector<std::string>& ids, const Repository& repository,
     const RepositoryContent& content,
     const std::function<void(const std::vector<std::string>&)>& progress) {
-    std::set<std::string> packIds;
+    std::set<std::string> prefixes;
     for (const auto& id : ids)
-        packIds.insert(id.substr(0, 3));
-
-    // Every record lists all objects of its prefix, so the cache must hold them all first.
-    auto contents = packContents(content, packIds);
-    std::vector<std::string> missing;
-    for (const auto& [packId, packObjectIds] : contents) {
-        for (const auto& id : packObjectIds) {
-            if (!store_.hasObject(id)) missing.push_back(id);
-        }
-    }
-    if (!missing.empty()) fetcher_->fetchObjects(missing, repository);
-
-    cloud::ZoneId zone{repository.id(), repository.owner()};
-    std::map<std::string, std::int64_t> sizes;
-    std::vector<cloud::Record> records;
-    for (const auto& [packId, packIds2] : contents) {
-        std::int64_t size = 0;
-        records.push_back(buildPackRecord(packId, packIds2, zone, store_, size));
-        sizes[packId] = size;
-    }
-
+        prefixes.insert(id.substr(0, 3));
+    // Every record lists all objects of its prefix that the repository has.
+    auto contents = packContents(content, prefixes);
     auto& database = databaseFor(repository.owner());
+    cloud::ZoneId zone{repository.id(), repository.owner()};
+
+    // Records the metadata knows are read first; the others are created, and one that another
+    // push created meanwhile is refused, read and merged like any changed record.
+    std::vector<std::string> packIds(prefixes.begin(), prefixes.end());
+    std::vector<std::string> known;
+    std::copy_if(packIds.begin(), packIds.end(), std::back_inserter(known),
+                 [&](const std::string& packId) { return content.packs.contains(packId); });
+    std::map<std::string, std::optional<cloud::Record>> stored;
+    readPackRecords(database, zone, known, stored);
+
     trace(TraceModule::request,
-          "saving " + std::to_string(records.size()) + " packs on " + repository.name());
-    for (auto& group : groupsOf(records, kPackGroup)) {
+          "saving " + std::to_string(packIds.size()) + " packs on " + repository.name());
+    std::map<std::string, std::int64_t> sizes;
+    for (const auto& group : groupsOf(packIds, kPackGroup))
+        savePackGroup(database, repository, group, contents, stored, sizes, progress);
+    return sizes;
+}
+
+void Backend::savePackGroup(cloud::Database& database, const Repository& repository,
+                            const std::vector<std::string>& packIds,
+                            const std::map<std::string, std::vector<std::string>>& contents,
+                            std::map<std::string, std::optional<cloud::Record>>& stored,
+                            std::map<std::string, std::int64_t>& sizes,
+                            const std::function<void(const std::vector<std::string>&)>& progress) {
+    cloud::ZoneId zone{repository.id(), repository.owner()};
+    for (int attempt = 1;; ++attempt) {
         cloud::ModifyRecordsOperation operation;
-        operation.recordsToSave = std::move(group);
-        operation.savePolicy = cloud::SavePolicy::allKeys;
+        operation.savePolicy = cloud::SavePolicy::ifServerRecordUnchanged;
         operation.atomic = true;
+        for (const auto& packId : packIds) {
+            auto update =
+                mergePackRecord(packId, stored[packId], contents.at(packId), zone, store_);
+            for (const auto& id : update.missing)
+                trace(TraceModule::error, "Missing object " + id + " in pack " + packId);
+            sizes[packId] = update.size;
+            if (update.needsSave) {
+                operation.recordsToSave.push_back(std::move(update.record));
+            } else if (const auto* storedIds = update.record.get<std::vector<std::string>>("ids")) {
+                progress(*storedIds);
+            }
+        }
+        if (operation.recordsToSave.empty()) return;
         std::size_t saved = 0;
         operation.perRecordProgress = [&](const cloud::Record& record, double) {
             if (const auto* recordIds = record.get<std::vector<std::string>>("ids")) {
@@ -307,14 +349,40 @@ std::map<std::string, std::int64_t> Backend::savePacks(
         };
         try {
             database.modifyRecords(operation);
+            trace(TraceModule::response,
+                  "saved " + std::to_string(saved) + " packs on " + repository.name());
+            return;
+        } catch (const cloud::PartialFailure& failure) {
+            // An atomic save stops at its first refused record, so a refusal says little about
+            // the rest of the group: the whole group is read again.
+            bool changed =
+                std::any_of(failure.partialErrors().begin(), failure.partialErrors().end(),
+                            [](const auto& entry) {
+                                return entry.second.code() == cloud::kServerRecordChanged;
+                            });
+            trace(TraceModule::error, failure.what());
+            if (!changed) throw;
+            if (attempt == kPackMergeAttempts) {
+                throw Conflict("Packs of " + repository.name() + " keep changing under this push");
+            }
         } catch (const std::exception& error) {
             trace(TraceModule::error, error.what());
             throw;
         }
-        trace(TraceModule::response,
-              "saved " + std::to_string(saved) + " packs on " + repository.name());
+        // Someone saved these records since they were read: take their objects in too.
+        readPackRecords(database, zone, packIds, stored);
     }
-    return sizes;
+}
+
+std::unique_lock<std::mutex> Backend::lockPushes(const Repository& repository) {
+    std::mutex* lock = nullptr;
+    {
+        std::lock_guard guard(pushLocksMutex_);
+        auto& entry = pushLocks_[{repository.owner(), repository.id()}];
+        if (!entry) entry = std::make_unique<std::mutex>();
+        lock = entry.get();
+    }
+    return std::unique_lock(*lock);
 }
 
 void Backend::saveRepository(const std::shared_ptr<Repository>& repository,
@@ -343,6 +411,10 @@ void Backend::saveRepository(const std::shared_ptr<Repository>& repository,
     std::vector<cloud::Record> saved;
     try {
         saved = databaseFor(repository->owner()).modifyRecords(operation);
+    } catch (const CloudError& error) {
+        trace(TraceModule::error, "error saving repository " + repository->name());
+        if (isRecordChanged(error)) throw Conflict(error.what());
+        throw;
     } catch (...) {
         trace(TraceModule::error, "error saving repository " + repository->name());
         throw;

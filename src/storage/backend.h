@@ -5,13 +5,15 @@
 // Threads: the asynchronous operations run on the "backend" work queue and complete on the
 // main queue. fetchRepository, savePacks and saveRepository are synchronous for the server's
 // connection threads; fetchPacks runs on the fetcher thread. The container serialises its own
-// calls; the backend keeps no state of its own besides the fetcher and the queue, both owned
-// and stopped by its destructor.
+// calls; the backend's own state is the fetcher and the queue, both owned and stopped by its
+// destructor, and the table of push locks under its mutex.
 #pragma once
 
 #include <functional>
 #include <map>
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -36,6 +38,8 @@ class Backend {
     static constexpr std::size_t kFetchGroup = 100;  // record ids per fetch
     static constexpr std::size_t kSaveGroup = 80;    // records per generic save
     static constexpr std::size_t kPackGroup = 100;   // pack records per upload
+    // Times a group of pack records is read again and merged after another save changed it.
+    static constexpr int kPackMergeAttempts = 20;
 
     Backend(cloud::Container& container, Store& store, MainQueue& mainQueue, Callbacks callbacks);
     ~Backend();
@@ -55,21 +59,29 @@ class Backend {
     void deleteContributor(std::shared_ptr<Repository> repository, const Participant& participant,
                            Completion<Done> done);
 
-    // The repository a git client asked for; fails with
+    // The repository a git client asked for; fails with NotFound
     // "<scope> repository <name> does not exist".
     std::shared_ptr<Repository> fetchRepository(const std::string& name, const std::string& owner);
 
-    // Rewrites every pack record whose prefix the ids touch, with all objects of that prefix in
-    // `content`. progress receives the ids of each saved record. Returns pack id → new size.
+    // Adds the objects of `ids` to the pack records of their prefixes, with every other object
+    // of those prefixes that `content` lists and the store lacks. A record is only ever added
+    // to: one that changed since it was read is read again and merged, so concurrent pushes,
+    // here or elsewhere, never drop each other's objects. progress receives the ids of each
+    // saved record. Returns pack id → new size.
     std::map<std::string, std::int64_t> savePacks(
         const std::vector<std::string>& ids, const Repository& repository,
         const RepositoryContent& content,
         const std::function<void(const std::vector<std::string>& savedIds)>& progress);
 
     // Saves the repository record with the metadata of the update's content; on success
-    // publishes the update, sets metaSize and tells the application state.
+    // publishes the update, sets metaSize and tells the application state. Fails with Conflict
+    // when the record changed since the repository was read.
     void saveRepository(const std::shared_ptr<Repository>& repository,
                         Repository::ContentUpdate& update);
+
+    // Serialises the pushes to one repository within this process, from the upload of their
+    // objects to the save of their references.
+    std::unique_lock<std::mutex> lockPushes(const Repository& repository);
 
     // Downloads pack records and places their objects in the cache.
     std::map<std::string, PackResult> fetchPacks(const std::string& name, const std::string& owner,
@@ -90,6 +102,17 @@ class Backend {
     std::shared_ptr<Repository> loadRepository(cloud::Database& database, const cloud::ZoneId& zone,
                                                const std::string& name);
     std::vector<std::shared_ptr<Repository>> listRepositories(cloud::Database& database);
+    // The stored pack records among `packIds`; an absent one maps to nothing.
+    void readPackRecords(cloud::Database& database, const cloud::ZoneId& zone,
+                         const std::vector<std::string>& packIds,
+                         std::map<std::string, std::optional<cloud::Record>>& stored);
+    // Saves one group of pack records, merging again with what others saved meanwhile.
+    void savePackGroup(cloud::Database& database, const Repository& repository,
+                       const std::vector<std::string>& packIds,
+                       const std::map<std::string, std::vector<std::string>>& contents,
+                       std::map<std::string, std::optional<cloud::Record>>& stored,
+                       std::map<std::string, std::int64_t>& sizes,
+                       const std::function<void(const std::vector<std::string>&)>& progress);
 
     cloud::Container& container_;
     Store& store_;
@@ -97,6 +120,11 @@ class Backend {
     Callbacks callbacks_;
     std::unique_ptr<ObjectFetcher> fetcher_;
     std::unique_ptr<WorkQueue> queue_;
+
+    std::mutex pushLocksMutex_;
+    // One per repository (owner, id) pushed to; few enough to keep for the process's life.
+    std::map<std::pair<std::string, std::string>, std::unique_ptr<std::mutex>>
+        pushLocks_;  // guarded by pushLocksMutex_
 };
 
 }  // namespace corvane

@@ -3,6 +3,7 @@
 #include <rapidjson/document.h>
 
 #include <algorithm>
+#include <map>
 
 #include "base/error.h"
 #include "objects/lzfse_compression.h"
@@ -133,26 +134,77 @@ std::map<std::string, std::vector<std::string>> packContents(const RepositoryCon
     return packs;
 }
 
-cloud::Record buildPackRecord(const std::string& packId, const std::vector<std::string>& ids,
-                              const cloud::ZoneId& zone, const Store& store, std::int64_t& size) {
-    cloud::Record record(kPackRecordType, {packId, zone});
-    record.setParent({kRepositoryRecordName, zone});
-    std::vector<cloud::Asset> objects;
-    size = 0;
-    for (const auto& id : ids) {
-        fs::path path = store.objectPath(id);
-        std::error_code error;
-        auto fileSize = fs::file_size(path, error);
-        if (!error) size += static_cast<std::int64_t>(fileSize);
-        objects.push_back({path});
+PackUpdate mergePackRecord(const std::string& packId, const std::optional<cloud::Record>& stored,
+                           const std::vector<std::string>& ids, const cloud::ZoneId& zone,
+                           Store& store) {
+    PackUpdate update;
+    update.record = stored ? *stored : cloud::Record(kPackRecordType, {packId, zone});
+    std::map<std::string, fs::path> files;  // id → file, in id order
+    bool rewritten = !stored;
+    if (stored) {
+        auto version = versionOf(*stored);
+        if (version != 1 && version != 2) {
+            throw Error("Unsupported pack version " + std::to_string(version) +
+                        ". Try updating Corvane.");
+        }
+        const auto* storedIds = stored->get<std::vector<std::string>>("ids");
+        const auto* storedObjects = stored->get<std::vector<cloud::Asset>>("objects");
+        if (version == 2) {
+            if (!storedIds || !storedObjects || storedIds->size() != storedObjects->size()) {
+                throw Error("Received corrupted pack");
+            }
+            for (std::size_t i = 0; i < storedIds->size(); ++i) {
+                const auto& file = (*storedObjects)[i].fileURL;
+                if (!isObjectId((*storedIds)[i]) || !file) throw Error("Received corrupted pack");
+                files.emplace((*storedIds)[i], *file);
+            }
+        }
+        // Version-1 contents become cache files; a version-2 record tolerates a bad remnant.
+        bool hasV1 = stored->get<cloud::Asset>("index") && stored->get<cloud::Asset>("data");
+        if (version == 1 || hasV1) {
+            rewritten = true;
+            std::set<std::string> placed;
+            if (version == 1) {
+                placed = decodePackV1(*stored, store);
+            } else {
+                try {
+                    placed = decodePackV1(*stored, store);
+                } catch (const std::exception&) {
+                }
+            }
+            for (const auto& id : placed)
+                files.emplace(id, store.objectPath(id));
+        }
     }
+    for (const auto& id : ids) {
+        if (files.contains(id)) continue;
+        if (!store.hasObject(id)) {
+            update.missing.push_back(id);
+            continue;
+        }
+        files.emplace(id, store.objectPath(id));
+        rewritten = true;
+    }
+    update.needsSave = rewritten;
+
+    std::vector<std::string> packIds;
+    std::vector<cloud::Asset> objects;
+    for (const auto& [id, file] : files) {
+        std::error_code error;
+        auto fileSize = fs::file_size(file, error);
+        if (!error) update.size += static_cast<std::int64_t>(fileSize);
+        packIds.push_back(id);
+        objects.push_back({file});
+    }
+    cloud::Record& record = update.record;
+    record.setParent({kRepositoryRecordName, zone});
     record.set("version", std::int64_t{2});
-    record.set("ids", ids);
+    record.set("ids", std::move(packIds));
     record.set("objects", std::move(objects));
-    record.set("size", size);
+    record.set("size", update.size);
     record.remove("index");
     record.remove("data");
-    return record;
+    return update;
 }
 
 }  // namespace corvane

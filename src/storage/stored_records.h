@@ -2,13 +2,14 @@
 // metadata document), and pack records (named by the 3-character id prefix they hold).
 //
 // Pack record, version 2 (written): "version" 2, "ids" (sorted), "objects" (one asset per id:
-// the object's cache file), "size" (sum of the file sizes). Version 1 (read only): "index", an
-// LZFSE JSON map id → {"type", "size", "offset"} into "data", the LZFSE concatenation of the
-// objects' contents. Pure functions apart from the cache they fill.
+// the object's cache file), "size" (sum of the file sizes). A pack record only ever grows. Version
+// 1 (read only): "index", an LZFSE JSON map id → {"type", "size", "offset"} into "data", the LZFSE
+// concatenation of the objects' contents. Pure functions apart from the cache they fill.
 #pragma once
 
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -40,8 +41,21 @@ std::set<std::string> decodePackRecord(const cloud::Record& record, Store& store
 std::map<std::string, std::vector<std::string>> packContents(const RepositoryContent& content,
                                                              const std::set<std::string>& packIds);
 
-// A version-2 pack record over the cached files of `ids`; `size` receives the files' total.
-cloud::Record buildPackRecord(const std::string& packId, const std::vector<std::string>& ids,
-                              const cloud::ZoneId& zone, const Store& store, std::int64_t& size);
+// What to save for one pack: the record, its "size", and whether the store lacks anything of it.
+struct PackUpdate {
+    cloud::Record record;
+    std::int64_t size = 0;
+    bool needsSave = true;             // false: the stored record already holds every object
+    std::vector<std::string> missing;  // ids neither stored nor cached, left out
+};
+
+// The version-2 record of `packId` holding every object `stored` (the record as the store has it
+// now, if any) holds, plus those of `ids` it lacks, from their cache files. Nothing stored is
+// ever dropped or replaced: stored objects keep their stored files, and a version-1 record's
+// objects move into the cache to be written out again. Fails on a stored record it cannot read
+// whole ("Received corrupted pack", "Unsupported pack version <n>. Try updating Corvane.").
+PackUpdate mergePackRecord(const std::string& packId, const std::optional<cloud::Record>& stored,
+                           const std::vector<std::string>& ids, const cloud::ZoneId& zone,
+                           Store& store);
 
 }  // namespace corvane

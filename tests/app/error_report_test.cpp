@@ -17,11 +17,11 @@ std::exception_ptr cloudError(int code, std::optional<std::string> server = std:
 
 TEST(ErrorDescription, CloudCodesBecomeSentencesAndTheServersWordWins) {
     const std::map<int, std::string> table{
-        {1, "CloudKit framework encountered an error."},
+        {1, "The cloud store encountered an error."},
         {3, "Network not available."},
         {4, "Network error."},
         {6, "Service unavailable."},
-        {7, "iCloud request is being rate limited, please try again later."},
+        {7, "Cloud request is being rate limited, please try again later."},
         {8, "Missing entitlement."},
         {10, "Access failure."},
         {11, "Record does not exist."},

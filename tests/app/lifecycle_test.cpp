@@ -5,7 +5,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "app/command_line.h"
 #include "app_fixture.h"
+#include "objects/sha1.h"
+#include "storage/file_io.h"
 #include "support/trace_capture.h"
 
 namespace corvane {
@@ -62,6 +65,36 @@ TEST_F(Lifecycle, TheDaemonStartsOnLaunchAndATakenPortIsOnlyLogged) {
     EXPECT_FALSE(second.didFinishLaunching(port));
     EXPECT_EQ(second.serverPort(), 0);
     EXPECT_TRUE(log.contains("Failed to start server on port " + std::to_string(port)));
+}
+
+TEST_F(Lifecycle, CreateRefusesANameWhoseRepositoryCannotBeRead) {
+    auto create = [] {
+        const char* argv[] = {"corvane", "create", "tools"};
+        ::testing::internal::CaptureStderr();
+        int status = runCommandLine(3, const_cast<char**>(argv));
+        return std::pair{status, ::testing::internal::GetCapturedStderr()};
+    };
+    ASSERT_EQ(create().first, 0);
+    // The record now carries a metadata document nobody can decode.
+    auto container = cloud::openContainer();
+    auto& database = container->privateCloudDatabase();
+    cloud::RecordId id{"REPOSITORY",
+                       {hexString(sha1(asBytes(std::string("tools")))),
+                        std::string(cloud::kCurrentUserDefaultName)}};
+    auto record = *database.fetchRecords(std::vector{id}).front().record;
+    auto garbage = dir.path() + "/garbage";
+    writeFileAtomically(garbage, asBytes(std::string("not lzfse")));
+    record.set("meta", cloud::Asset{garbage});
+    cloud::ModifyRecordsOperation damage;
+    damage.recordsToSave = {record};
+    auto tag = database.modifyRecords(damage).front().recordChangeTag;
+
+    auto [status, message] = create();
+    EXPECT_EQ(status, 1);
+    // The reason is the damage, not a refused save of a second record over the first.
+    EXPECT_NE(message.find("tools"), std::string::npos) << message;
+    EXPECT_NE(message.find(": Decompression error"), std::string::npos) << message;
+    EXPECT_EQ(database.fetchRecords(std::vector{id}).front().record->recordChangeTag, tag);
 }
 
 }  // namespace

@@ -111,8 +111,58 @@ TEST_F(BackendTest, PushedObjectsGoUpInPacksAndComeBackThroughTheFetcher) {
     backend.saveRepository(repository, again);
     Repository::ContentUpdate stale(*loaded);
     stale.content().refs["refs/heads/master"] = ids.back();
-    EXPECT_THROW(other.saveRepository(loaded, stale), CloudError);
+    EXPECT_THROW(other.saveRepository(loaded, stale), Conflict);
     EXPECT_EQ(loaded->content()->refs.at("refs/heads/master"), ids.front());
+}
+
+TEST_F(BackendTest, PushesThatSaveTheSamePacksKeepEachOthersObjects) {
+    auto repository = create("tools");
+    // Two machines with caches of their own push different objects of the same prefixes, each
+    // from the repository as it was before either push.
+    testing::TempDir elsewhere;
+    Store otherStore(elsewhere.path(), timing);
+    LoopMainQueue otherQueue;
+    Backend other(*container, otherStore, otherQueue, {});
+    auto stale = other.fetchRepository("tools", "__defaultOwner__");
+    auto objectsFor = [](const std::string& who, Store& cache, RepositoryContent& content) {
+        std::vector<std::string> ids;
+        std::set<std::string> prefixes;
+        for (int i = 0; prefixes.size() < 120; ++i) {
+            Object object(ObjectType::blob, toBytes(who + std::to_string(i)));
+            if (object.id()[0] != 'a') continue;  // 256 prefixes: the two pushes meet often
+            cache.putObject(object);
+            summarise(object, content);
+            ids.push_back(object.id());
+            prefixes.insert(object.id().substr(0, 3));
+        }
+        return ids;
+    };
+    Repository::ContentUpdate mine(*repository);
+    Repository::ContentUpdate theirs(*stale);
+    auto myIds = objectsFor("mine", store, mine.content());
+    auto theirIds = objectsFor("theirs", otherStore, theirs.content());
+    auto mySizes = backend.savePacks(myIds, *repository, mine.content(), [](const auto&) {});
+    // The other push knows of no pack: it creates, is refused, reads and merges.
+    auto theirSizes = other.savePacks(theirIds, *stale, theirs.content(), [](const auto&) {});
+    // A second round where both know the packs but read them before the other saved.
+    mine.content().packs.insert(mySizes.begin(), mySizes.end());
+    auto more = objectsFor("more", store, mine.content());
+    backend.savePacks(more, *repository, mine.content(), [](const auto&) {});
+
+    // A machine with an empty cache finds every object of all three saves.
+    testing::TempDir third;
+    Store fresh(third.path(), timing);
+    LoopMainQueue thirdQueue;
+    Backend reader(*container, fresh, thirdQueue, {});
+    std::vector<std::string> all = myIds;
+    all.insert(all.end(), theirIds.begin(), theirIds.end());
+    all.insert(all.end(), more.begin(), more.end());
+    reader.fetcher().fetchObjects(all, *stale);
+    for (const auto& id : all)
+        ASSERT_TRUE(fresh.hasObject(id)) << id;
+    // Sizes count what the records hold, the other push's objects included.
+    for (const auto& [packId, size] : theirSizes)
+        EXPECT_GE(size, mySizes.contains(packId) ? mySizes.at(packId) : 0) << packId;
 }
 
 }  // namespace

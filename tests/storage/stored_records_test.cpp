@@ -74,12 +74,12 @@ TEST_F(StoredRecords, PackRecordsOfBothVersions) {
     source.putObject(two);
 
     // Version 2: one cache file per id.
-    std::int64_t size = 0;
-    auto v2 = buildPackRecord("abc", {one.id(), two.id()}, zone, source, size);
-    EXPECT_EQ(size,
+    auto made = mergePackRecord("abc", std::nullopt, {one.id(), two.id()}, zone, source);
+    auto v2 = made.record;
+    EXPECT_EQ(made.size,
               static_cast<std::int64_t>(std::filesystem::file_size(source.objectPath(one.id())) +
                                         std::filesystem::file_size(source.objectPath(two.id()))));
-    EXPECT_EQ(*v2.get<std::int64_t>("size"), size);
+    EXPECT_EQ(*v2.get<std::int64_t>("size"), made.size);
     EXPECT_EQ(v2.parent->recordId.recordName, "REPOSITORY");
     EXPECT_EQ(decodePackRecord(v2, store), (std::set<std::string>{one.id(), two.id()}));
     EXPECT_EQ(store.getObject(two.id()), two);
@@ -109,6 +109,63 @@ TEST_F(StoredRecords, PackRecordsOfBothVersions) {
               "Received corrupted pack");
     v1.remove("data");
     EXPECT_EQ(testing::errorMessage([&] { decodePackRecord(v1, store); }), "Corrupted pack xyz");
+}
+
+TEST_F(StoredRecords, MergedPackRecordsKeepEverythingStored) {
+    Object one(ObjectType::blob, toBytes("one"));
+    Object two(ObjectType::blob, toBytes("two"));
+    Object three(ObjectType::blob, toBytes("three"));
+    for (const auto* object : {&one, &two, &three})
+        store.putObject(*object);
+    // What another push stored: one and two, as files of the store's own.
+    cloud::Record stored(kPackRecordType, {"abc", zone});
+    stored.recordChangeTag = "tag1";
+    stored.set("version", std::int64_t{2});
+    auto oneFile = file(readFile(store.objectPath(one.id())));
+    auto twoFile = file(readFile(store.objectPath(two.id())));
+    stored.set("ids", std::vector<std::string>{one.id(), two.id()});
+    stored.set("objects", std::vector<cloud::Asset>{oneFile, twoFile});
+
+    // This push knows two and three, and one object it cannot find.
+    std::string lost(40, 'a');
+    auto merged = mergePackRecord("abc", stored, {two.id(), three.id(), lost}, zone, store);
+    EXPECT_TRUE(merged.needsSave);
+    EXPECT_EQ(merged.record.recordChangeTag, "tag1");  // saved only over what was read
+    EXPECT_EQ(merged.missing, std::vector<std::string>{lost});
+    std::map<std::string, cloud::Asset> byId;
+    auto ids = *merged.record.get<std::vector<std::string>>("ids");
+    auto objects = *merged.record.get<std::vector<cloud::Asset>>("objects");
+    ASSERT_EQ(ids.size(), objects.size());
+    for (std::size_t i = 0; i < ids.size(); ++i)
+        byId.emplace(ids[i], objects[i]);
+    EXPECT_TRUE(std::is_sorted(ids.begin(), ids.end()));
+    EXPECT_EQ(byId.size(), 3u);
+    EXPECT_EQ(byId[one.id()], oneFile);  // stored files stay as they are
+    EXPECT_EQ(byId[two.id()], twoFile);
+    EXPECT_EQ(byId[three.id()], cloud::Asset{store.objectPath(three.id())});
+
+    // Nothing new: nothing to save. A newer format or a broken record is never written over.
+    EXPECT_FALSE(mergePackRecord("abc", merged.record, {one.id()}, zone, store).needsSave);
+    stored.set("version", std::int64_t{3});
+    EXPECT_EQ(testing::errorMessage([&] { mergePackRecord("abc", stored, {}, zone, store); }),
+              "Unsupported pack version 3. Try updating Corvane.");
+    stored.set("version", std::int64_t{2});
+    stored.set("ids", std::vector<std::string>{one.id()});
+    EXPECT_EQ(testing::errorMessage([&] { mergePackRecord("abc", stored, {}, zone, store); }),
+              "Received corrupted pack");
+
+    // A version-1 record's objects are written out again as cache files.
+    Object four(ObjectType::blob, toBytes("four"));
+    std::string index = R"({")" + four.id() + R"(": {"type": 3, "size": 4, "offset": 0}})";
+    cloud::Record v1(kPackRecordType, {"abc", zone});
+    v1.set("index", file(lzfseCompress(asBytes(index))));
+    v1.set("data", file(lzfseCompress(asBytes("four"))));
+    auto upgraded = mergePackRecord("abc", v1, {one.id()}, zone, store);
+    auto upgradedIds = *upgraded.record.get<std::vector<std::string>>("ids");
+    EXPECT_EQ(std::set<std::string>(upgradedIds.begin(), upgradedIds.end()),
+              (std::set<std::string>{one.id(), four.id()}));
+    EXPECT_FALSE(upgraded.record.get<cloud::Asset>("index"));
+    EXPECT_EQ(store.getObject(four.id()), four);
 }
 
 TEST_F(StoredRecords, PackContentsGroupByPrefix) {
