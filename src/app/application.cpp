@@ -26,7 +26,7 @@ bool Application::didFinishLaunching(std::uint16_t port) {
     CommandTable commands;
     commands["git-upload-pack"] = [&appState](GitSocket& socket,
                                               std::shared_ptr<Repository> repository) {
-        return std::make_unique<UploadPack>(socket, std::move(repository), appState.store(),
+        return std::make_unique<UploadPack>(socket, std::move(repository),
                                             appState.backend().fetcher());
     };
     commands["git-receive-pack"] = [&appState](GitSocket& socket,

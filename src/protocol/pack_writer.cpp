@@ -17,8 +17,8 @@ constexpr std::uint8_t kEmptyStream[] = {0x78, 0x9c, 0x03, 0x00, 0x00, 0x00, 0x0
 
 }  // namespace
 
-PackWriter::PackWriter(GitSocket& socket, Store& store, unsigned workers)
-    : socket_(socket), store_(store) {
+PackWriter::PackWriter(GitSocket& socket, ObjectReader read, unsigned workers)
+    : socket_(socket), read_(std::move(read)) {
     workers_.emplace("pack-writer", workers);
 }
 
@@ -69,7 +69,7 @@ void PackWriter::write(const std::string& id) {
     Bytes compressed;
     try {
         std::optional<Bytes> stream;
-        Object object = store_.getObject(id, &stream);
+        Object object = read_(id, &stream);
         header = entryHeader(object.type(), object.data().size());
         if (stream) {
             compressed = std::move(*stream);

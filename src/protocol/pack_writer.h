@@ -6,6 +6,7 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -13,17 +14,20 @@
 #include "base/queues.h"
 #include "objects/object.h"
 #include "protocol/git_socket.h"
-#include "storage/store.h"
 
 namespace corvane {
 
 class PackWriter {
   public:
-    PackWriter(GitSocket& socket, Store& store, unsigned workers);
+    // Reads an object that add() was given, with the zlib stream of its data where the cache
+    // has one (see Store::getObject). Called on the workers.
+    using ObjectReader = std::function<Object(const std::string& id, std::optional<Bytes>* stream)>;
+
+    PackWriter(GitSocket& socket, ObjectReader read, unsigned workers);
 
     // The pack header; fails before anything is sent when the count exceeds 32 bits.
     void begin(std::size_t objectCount);
-    // Queues the object (already in the cache) to be read, compressed and written.
+    // Queues the object to be read, compressed and written.
     void add(const std::string& id);
     // Reports a failure: sent on band 3 when the client has a side-band, then the connection
     // stops sending. Later objects are ignored.
@@ -39,7 +43,7 @@ class PackWriter {
     void write(const std::string& id);
 
     GitSocket& socket_;
-    Store& store_;
+    ObjectReader read_;
     std::mutex writeMutex_;  // one entry at a time on the wire; guards failed_
     bool failed_ = false;
     std::optional<WorkQueue> workers_;

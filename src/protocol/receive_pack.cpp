@@ -195,18 +195,9 @@ Object ReceivePack::readObject(const ObjectWriter& writer) {
 
 Object ReceivePack::loadBase(const std::string& id, const ObjectWriter& writer) {
     // A base from earlier in this pack is on its way to the cache or already there; one the
-    // client assumes we have may have to come from the cloud, and so does one whose cached file
-    // is corrupt.
+    // client assumes we have may have to come from the cloud.
     if (auto pending = writer.find(id)) return *pending;
-    Store& store = backend_.store();
-    if (store.hasObject(id)) {
-        try {
-            return store.getObject(id);
-        } catch (const Error&) {
-        }
-    }
-    backend_.fetcher().fetchObjects({id}, *repository_);
-    return store.getObject(id);
+    return backend_.fetcher().readObject(id, *repository_);
 }
 
 void ReceivePack::upload(const std::vector<std::string>& newIds, const RepositoryContent& content,

@@ -44,9 +44,9 @@ void markTreeSeen(const RepositoryContent& content, const std::string& root,
 
 }  // namespace
 
-UploadPack::UploadPack(GitSocket& socket, std::shared_ptr<Repository> repository, Store& store,
+UploadPack::UploadPack(GitSocket& socket, std::shared_ptr<Repository> repository,
                        ObjectFetcher& fetcher)
-    : socket_(socket), repository_(std::move(repository)), store_(store), fetcher_(fetcher) {}
+    : socket_(socket), repository_(std::move(repository)), fetcher_(fetcher) {}
 
 std::optional<std::string> UploadPack::headReference(const RepositoryContent& content) {
     for (const char* preferred : {"refs/heads/master", "refs/heads/main"}) {
@@ -201,7 +201,14 @@ void UploadPack::sendPack(const RepositoryContent& content, const std::vector<st
                           const std::vector<std::string>& haves) {
     auto ids = selectObjects(content, wants, haves);
     unsigned workers = std::max(2u, std::thread::hardware_concurrency());
-    PackWriter writer(socket_, store_, workers);
+    // The fetcher has each object in the cache before it is added; a cached file that turns
+    // out damaged when read is downloaded again instead of failing the clone.
+    PackWriter writer(
+        socket_,
+        [this](const std::string& id, std::optional<Bytes>* stream) {
+            return fetcher_.readObject(id, *repository_, stream);
+        },
+        workers);
     writer.begin(ids.size());
     fetcher_.fetchObjects(ids, *repository_,
                           [&](const std::string& id, const std::optional<std::string>& error) {

@@ -14,14 +14,12 @@
 #include "protocol/server_command.h"
 #include "storage/object_fetcher.h"
 #include "storage/repository.h"
-#include "storage/store.h"
 
 namespace corvane {
 
 class UploadPack : public ServerCommand {
   public:
-    UploadPack(GitSocket& socket, std::shared_ptr<Repository> repository, Store& store,
-               ObjectFetcher& fetcher);
+    UploadPack(GitSocket& socket, std::shared_ptr<Repository> repository, ObjectFetcher& fetcher);
 
     void run() override;
 
@@ -45,7 +43,6 @@ class UploadPack : public ServerCommand {
 
     GitSocket& socket_;
     std::shared_ptr<Repository> repository_;
-    Store& store_;
     ObjectFetcher& fetcher_;
 };
 

@@ -110,6 +110,19 @@ void ObjectFetcher::fetchObjects(
     changed.wait(lock, [&] { return remaining == 0; });
 }
 
+Object ObjectFetcher::readObject(const std::string& id, const Repository& repository,
+                                 std::optional<Bytes>* dataStream) {
+    if (store_.hasObject(id)) {
+        try {
+            return store_.getObject(id, dataStream);
+        } catch (const Error&) {
+            if (store_.hasObject(id)) throw;  // kept: the file is sound, the object odd
+        }
+    }
+    fetchObjects({id}, repository);
+    return store_.getObject(id, dataStream);
+}
+
 void ObjectFetcher::run() {
     setThreadName("object_fetcher");
     for (;;) {

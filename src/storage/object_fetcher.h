@@ -64,6 +64,12 @@ class ObjectFetcher {
                       const std::function<void(const std::string& id,
                                                const std::optional<std::string>& error)>& each);
 
+    // The object from the cache, downloaded first when it is not there, and downloaded again
+    // when its cached file turns out damaged (the read removes such a file). dataStream as in
+    // Store::getObject. Throws the download's or the read's error.
+    Object readObject(const std::string& id, const Repository& repository,
+                      std::optional<Bytes>* dataStream = nullptr);
+
     // For tests: the requests waiting, front first.
     SyncArray<FetchRequest>& pendingRequests() { return pendingRequests_; }
     // For tests: holds the thread before its next pass until resumed.

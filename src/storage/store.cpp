@@ -108,24 +108,30 @@ Object Store::getObject(const std::string& id) {
 Object Store::getObject(const std::string& id, std::optional<Bytes>* dataStream) {
     fs::path path = objectPath(id);
     Bytes file = readFile(path);
-    Bytes header;
-    Bytes data;
-    auto split = zlibInflateSplit(file);
-    if (split) {
-        header = std::move(split->head);
-        data = std::move(split->body);
-    } else {
-        data = zlibInflate(file);
-        auto nul = std::find(data.begin(), data.end(), std::uint8_t{0});
-        if (nul != data.end()) ++nul;
-        header.assign(data.begin(), nul);
-        data.erase(data.begin(), nul);
-    }
+    // A damaged file goes, so that the object is downloaded again (ObjectFetcher::readObject).
     auto corrupted = [&] {
         std::error_code ignored;
         fs::remove(path, ignored);
         return Error("Corrupted cache file for object " + id);
     };
+    Bytes header;
+    Bytes data;
+    std::optional<SplitStream> split;
+    try {
+        split = zlibInflateSplit(file);
+        if (split) {
+            header = std::move(split->head);
+            data = std::move(split->body);
+        } else {
+            data = zlibInflate(file);
+            auto nul = std::find(data.begin(), data.end(), std::uint8_t{0});
+            if (nul != data.end()) ++nul;
+            header.assign(data.begin(), nul);
+            data.erase(data.begin(), nul);
+        }
+    } catch (const Error&) {
+        throw corrupted();  // truncated or overwritten: no longer a zlib stream
+    }
     auto type = parseHeader(asText(header), data.size());
     if (!type) {
         // Undecodable: a damaged file and a well-kept odd one differ by their hash.

@@ -132,6 +132,22 @@ TEST_F(Fetcher, NewerRequestsOfAnotherRepositoryGoFirst) {
     EXPECT_EQ(cloud.passes[1].first, "a");
 }
 
+TEST_F(Fetcher, ReadingDownloadsWhatIsMissingOrDamaged) {
+    Object object = cloud.add("wanted");
+    EXPECT_EQ(fetcher.readObject(object.id(), a), object);
+    ASSERT_EQ(cloud.passes.size(), 1u);
+    EXPECT_EQ(fetcher.readObject(object.id(), a), object);  // now from the cache alone
+    EXPECT_EQ(cloud.passes.size(), 1u);
+    // A cut-off file, as a full disk or a crash leaves it, is fetched again.
+    auto path = store.objectPath(object.id());
+    std::filesystem::resize_file(path, std::filesystem::file_size(path) / 2);
+    EXPECT_EQ(fetcher.readObject(object.id(), a), object);
+    EXPECT_EQ(cloud.passes.size(), 2u);
+    std::string absent = object.id().substr(0, 3) + std::string(37, '0');
+    EXPECT_EQ(testing::errorMessage([&] { fetcher.readObject(absent, a); }),
+              "Missing object " + absent);
+}
+
 TEST_F(Fetcher, ObjectsMissingFromTheirPackAndFailingPacksReportErrors) {
     Object present = cloud.add("present");
     std::string absent = present.id().substr(0, 3) + std::string(37, '0');

@@ -70,6 +70,12 @@ TEST(Store, CorruptFilesAreDeletedAndReported) {
     EXPECT_FALSE(std::filesystem::exists(path));
     EXPECT_EQ(testing::errorMessage([&] { store.getObject(blob.id()); }),
               "No such file or directory");
+    // Bytes that are no zlib stream at all go the same way.
+    store.putObject(blob);
+    writeFileAtomically(path, toBytes("overwritten"));
+    EXPECT_EQ(testing::errorMessage([&] { store.getObject(blob.id()); }),
+              "Corrupted cache file for object " + blob.id());
+    EXPECT_FALSE(std::filesystem::exists(path));
 
     // Hashes right but the header is not one: "<type> <size>\0".
     Bytes odd = toBytes("bolb 3");
