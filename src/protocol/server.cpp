@@ -25,10 +25,27 @@ constexpr int kBacklog = 5;
 constexpr auto kLingerTime = std::chrono::seconds(1);
 constexpr std::size_t kLingerBytes = 1 << 20;
 
+// Blocking reads and writes on the socket fail with EAGAIN after this long.
+void setTimeout(int descriptor, int option, std::chrono::milliseconds timeout) {
+    timeval value{};
+    value.tv_sec = static_cast<time_t>(timeout.count() / 1000);
+    value.tv_usec = static_cast<suseconds_t>((timeout.count() % 1000) * 1000);
+    ::setsockopt(descriptor, SOL_SOCKET, option, &value, sizeof value);
+}
+
+std::string secondsText(std::chrono::milliseconds duration) {
+    auto tenths = duration.count() / 100;
+    return std::to_string(tenths / 10) + (tenths % 10 ? "." + std::to_string(tenths % 10) : "") +
+           " s";
+}
+
 }  // namespace
 
 Server::Server(RepositoryLookup lookup, CommandTable commands)
-    : lookup_(std::move(lookup)), commands_(std::move(commands)) {}
+    : Server(std::move(lookup), std::move(commands), Timeouts{}) {}
+
+Server::Server(RepositoryLookup lookup, CommandTable commands, Timeouts timeouts)
+    : lookup_(std::move(lookup)), commands_(std::move(commands)), timeouts_(timeouts) {}
 
 Server::~Server() {
     std::unique_lock lock(mutex_);
@@ -37,6 +54,7 @@ Server::~Server() {
     if (listener_) ::shutdown(listener_->sock(), SHUT_RDWR);
     for (int descriptor : connections_)
         ::shutdown(descriptor, SHUT_RDWR);
+    connectionsChanged_.notify_all();  // ends a pause after a failed accept
     lock.unlock();
     if (acceptThread_.joinable()) acceptThread_.join();
     lock.lock();
@@ -70,6 +88,9 @@ bool Server::start(std::uint16_t port) {
     port_ = ntohs(bound.sin_port);
     listener_ = std::move(listener);
     trace(TraceModule::info, "Listening on port " + std::to_string(port_));
+    trace(TraceModule::info, "Clients are dropped after " + secondsText(timeouts_.request) +
+                                 " without a request, or " + secondsText(timeouts_.idle) +
+                                 " without progress");
     acceptThread_ = std::thread([this] { acceptLoop(); });
     return true;
 }
@@ -80,11 +101,14 @@ void Server::acceptLoop() {
         std::unique_ptr<GitSocket> connection;
         try {
             connection = listener_->accept();
-        } catch (const Error&) {
-            return;  // the listener was shut down, or accepting failed for good
+        } catch (const Error& error) {
+            if (pauseAfterAcceptFailure(error.what())) continue;
+            return;
         }
         int one = 1;
         ::setsockopt(connection->sock(), IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+        setTimeout(connection->sock(), SO_RCVTIMEO, timeouts_.request);
+        setTimeout(connection->sock(), SO_SNDTIMEO, timeouts_.idle);
         std::lock_guard lock(mutex_);
         if (stopping_) {
             ::close(connection->sock());
@@ -97,6 +121,15 @@ void Server::acceptLoop() {
             handleConnection(std::move(c));
         }).detach();
     }
+}
+
+bool Server::pauseAfterAcceptFailure(const std::string& reason) {
+    std::unique_lock lock(mutex_);
+    if (stopping_) return false;  // the listener was shut down
+    trace(TraceModule::error, "Failed to accept a connection: " + reason + "; trying again");
+    // The destructor's notify ends the pause at once.
+    connectionsChanged_.wait_for(lock, kAcceptRetryPause, [&] { return stopping_; });
+    return !stopping_;
 }
 
 void Server::handleConnection(std::unique_ptr<GitSocket> connection) {
@@ -120,6 +153,7 @@ void Server::handleConnection(std::unique_ptr<GitSocket> connection) {
 
 void Server::handleRequest(GitSocket& connection) {
     auto request = parseRequestLine(connection.readPktLine());
+    setTimeout(connection.sock(), SO_RCVTIMEO, timeouts_.idle);
     trace(TraceModule::info, request.command + " " + request.path);
     try {
         auto repository = lookup_(request.name, request.owner);

@@ -2,11 +2,15 @@
 // thread, serves each connection on a thread of its own, reads the request line, looks the
 // repository up and runs the named command.
 //
+// A failing accept() (no descriptors left, no memory, an aborted connection) is logged and
+// retried after a pause: the daemon never stops accepting while it runs.
+//
 // Threads: start() launches the accept thread; each connection thread is detached but counted,
 // and the destructor stops accepting, cuts open connections and waits for all of them, so the
 // lookup and command table outlive every use. Fields below mutex_ are guarded by it.
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <memory>
@@ -22,7 +26,17 @@ class Server {
   public:
     static constexpr std::uint16_t kDefaultPort = 9418;
 
+    // A connection is dropped when its client keeps the server waiting this long: for the
+    // request line, or for any later read or write (a client that stopped reading a clone).
+    struct Timeouts {
+        std::chrono::milliseconds request{std::chrono::seconds(30)};
+        std::chrono::milliseconds idle{std::chrono::minutes(10)};
+    };
+    // How long the accept loop pauses after accept() failed (out of descriptors or memory).
+    static constexpr std::chrono::milliseconds kAcceptRetryPause{100};
+
     Server(RepositoryLookup lookup, CommandTable commands);
+    Server(RepositoryLookup lookup, CommandTable commands, Timeouts timeouts);
     ~Server();
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
@@ -39,6 +53,8 @@ class Server {
 
   private:
     void acceptLoop();
+    // After a failed accept(): false when the server is stopping, else true after a pause.
+    bool pauseAfterAcceptFailure(const std::string& reason);
     void handleConnection(std::unique_ptr<GitSocket> connection);
     // Ends a connection without resetting it: stop sending, read what the client still had in
     // flight (bounded in time and size), then close.
@@ -46,6 +62,7 @@ class Server {
 
     RepositoryLookup lookup_;
     CommandTable commands_;
+    Timeouts timeouts_;
     std::unique_ptr<GitSocket> listener_;
     std::uint16_t port_ = 0;
     std::thread acceptThread_;

@@ -68,6 +68,8 @@ void Socket::sendAll(ByteView first, ByteView second) {
         ssize_t result = ::sendmsg(sock_, &message, MSG_NOSIGNAL);
         if (result < 0) {
             if (errno == EINTR) continue;
+            if (errno == EAGAIN || errno == EWOULDBLOCK)
+                throw Error("Timed out sending to the client");
             throw Error(systemErrorText());
         }
         sent += static_cast<std::size_t>(result);
@@ -88,7 +90,10 @@ void Socket::fillBuffer(std::size_t n) {
         ssize_t received = receiveMore();
         if (received == 0) throw Error("EOF");
         if (received < 0) {
-            if (errno == EAGAIN || errno == EINTR) continue;
+            if (errno == EINTR) continue;
+            // A receive timeout set on the socket ran out.
+            if (errno == EAGAIN || errno == EWOULDBLOCK)
+                throw Error("Timed out waiting for the client");
             throw Error(systemErrorText());
         }
         recvBufSize_ += static_cast<std::size_t>(received);

@@ -46,7 +46,8 @@ class Socket {
     // One recv into the free tail of the buffer; only valid when nothing is consumed-but-kept
     // (recvBufOffset is 0). Returns recv's raw result.
     ssize_t receiveMore();
-    // Makes at least n (1...4096) unread bytes available; fails with "EOF" when the peer closed.
+    // Makes at least n (1...4096) unread bytes available; fails with "EOF" when the peer closed
+    // and "Timed out waiting for the client" when a receive timeout set on the socket ran out.
     void fillBuffer(std::size_t n);
     void consume(std::size_t n);
 

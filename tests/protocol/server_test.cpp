@@ -2,26 +2,23 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+
 #include <atomic>
 #include <condition_variable>
 #include <future>
 #include <mutex>
 
 #include "base/error.h"
+#include "objects/sha1.h"
 #include "protocol/git_socket.h"
 #include "protocol/request_line.h"
+#include "storage/repository.h"
 #include "support/error_message.h"
 #include "support/tcp_client.h"
 #include "support/trace_capture.h"
 
 namespace corvane {
-
-// The server only passes repositories through; the tests need no more than an identity.
-class Repository {
-  public:
-    std::string name;
-    std::string owner;
-};
 
 namespace {
 
@@ -49,7 +46,7 @@ class EchoCommand : public ServerCommand {
                 std::function<void(GitSocket&)> body)
         : socket_(socket), repository_(std::move(repository)), body_(std::move(body)) {}
     void run() override {
-        socket_.writePktLine("repo " + repository_->owner + " " + repository_->name + "\n");
+        socket_.writePktLine("repo " + repository_->owner() + " " + repository_->name() + "\n");
         if (body_) body_(socket_);
     }
 
@@ -65,18 +62,20 @@ struct ServerFixture : ::testing::Test {
     std::condition_variable arrived;
     int inside = 0;
     std::function<void(GitSocket&)> body;
+    Server::Timeouts timeouts{std::chrono::milliseconds(300), std::chrono::milliseconds(300)};
     std::unique_ptr<Server> server;
 
     void SetUp() override {
         auto lookup = [](const std::string& name, const std::string& owner) {
             if (name == "missing") throw Error("private repository missing does not exist");
-            return std::make_shared<Repository>(Repository{name, owner});
+            return std::make_shared<Repository>(hexString(sha1(asBytes(name))), owner, name,
+                                                std::nullopt, std::nullopt, RepositoryContent{}, 0);
         };
         CommandTable commands;
         commands["git-upload-pack"] = [this](GitSocket& socket, std::shared_ptr<Repository> r) {
             return std::make_unique<EchoCommand>(socket, std::move(r), body);
         };
-        server = std::make_unique<Server>(lookup, commands);
+        server = std::make_unique<Server>(lookup, commands, timeouts);
         ASSERT_TRUE(server->start(0));
     }
 
@@ -166,6 +165,39 @@ TEST_F(ServerFixture, AnswerSurvivesAClientThatSentMoreThanWasRead) {
     client.send(pktLine("git-upload-pack /tools\0"s) + unread);
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     EXPECT_EQ(client.readAll(), pktLine("repo __defaultOwner__ tools\n") + answer);
+}
+
+TEST_F(ServerFixture, ClientsThatKeepTheServerWaitingAreDropped) {
+    using namespace std::string_literals;
+    TraceCapture log;
+    {
+        TcpClient silent(server->port());  // connects and says nothing
+        EXPECT_EQ(silent.readAll(), "");
+    }
+    EXPECT_TRUE(log.waitFor("Timed out waiting for the client"));
+    body = [](GitSocket& socket) { socket.readPktLine(); };  // waits for a line never sent
+    TcpClient stalled(server->port());
+    stalled.send(pktLine("git-upload-pack /tools\0"s));
+    EXPECT_EQ(stalled.readAll(), pktLine("repo __defaultOwner__ tools\n"));
+    EXPECT_EQ(request("git-upload-pack /tools\0"s), pktLine("repo __defaultOwner__ tools\n"));
+}
+
+TEST_F(ServerFixture, AcceptingGoesOnAfterRunningOutOfDescriptors) {
+    using namespace std::string_literals;
+    TraceCapture log;
+    TcpClient client;  // its own descriptor is taken before they run out
+    // Every descriptor the process may have left is taken.
+    std::vector<int> taken;
+    for (int fd; (fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0;)
+        taken.push_back(fd);
+    ASSERT_EQ(errno, EMFILE);
+    client.connect(server->port());  // queued; accepting it needs one more descriptor
+    bool failed = log.waitFor("Failed to accept a connection: Too many open files; trying again");
+    for (int fd : taken)
+        ::close(fd);
+    EXPECT_TRUE(failed);
+    client.send(pktLine("git-upload-pack /tools\0"s));
+    EXPECT_EQ(client.readAll(), pktLine("repo __defaultOwner__ tools\n"));
 }
 
 TEST(Server, StartFailsWhenThePortIsTaken) {

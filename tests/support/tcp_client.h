@@ -17,8 +17,10 @@ namespace corvane::testing {
 
 class TcpClient {
   public:
-    explicit TcpClient(std::uint16_t port) {
-        fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
+    explicit TcpClient(std::uint16_t port) : TcpClient() { connect(port); }
+    // A socket that connects later, when connect() is called.
+    TcpClient() : fd_(::socket(AF_INET, SOCK_STREAM, 0)) {}
+    void connect(std::uint16_t port) {
         sockaddr_in address{};
         address.sin_family = AF_INET;
         address.sin_port = htons(port);
