@@ -21,8 +21,7 @@ AppState& Application::state() {
     return *state_;
 }
 
-bool Application::didFinishLaunching(std::uint16_t port) {
-    AppState& appState = state();
+std::unique_ptr<Server> makeGitServer(AppState& appState) {
     CommandTable commands;
     commands["git-upload-pack"] = [&appState](GitSocket& socket,
                                               std::shared_ptr<Repository> repository) {
@@ -36,7 +35,11 @@ bool Application::didFinishLaunching(std::uint16_t port) {
     auto lookup = [&appState](const std::string& name, const std::string& owner) {
         return appState.backend().fetchRepository(name, owner);
     };
-    auto server = std::make_unique<Server>(lookup, std::move(commands));
+    return std::make_unique<Server>(lookup, std::move(commands));
+}
+
+bool Application::didFinishLaunching(std::uint16_t port) {
+    auto server = makeGitServer(state());
     if (!server->start(port)) return false;
     server_ = std::move(server);
     return true;

@@ -19,6 +19,10 @@
 
 namespace corvane {
 
+// The git daemon over the state's backend and object cache, not yet started. The state must
+// outlive it.
+std::unique_ptr<Server> makeGitServer(AppState& appState);
+
 class Application {
   public:
     static constexpr const char* kWebsite = "https://corvane.org/";

@@ -90,6 +90,18 @@ struct AppFixture : ::testing::Test {
         countdown = 1;
     }
 
+    // Cloud operations (transactions, and statements outside any) counted from now on; the
+    // operation numbered `at` fails with code 1 where `when` says.
+    enum class FailWhen { never, atStart, insteadOfCommit, afterCommit };
+    std::atomic<int> operations{0};
+    std::atomic<int> failOperation{0};
+    std::atomic<FailWhen> failWhen{FailWhen::never};
+    void failOperationAt(int at, FailWhen when) {
+        operations = 0;
+        failOperation = at;
+        failWhen = when;
+    }
+
     // Runs main-queue tasks until the test holds (or ten seconds pass).
     bool pumpUntil(const std::function<bool()>& done) {
         auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
@@ -115,16 +127,40 @@ struct AppFixture : ::testing::Test {
         cloud::SqlDialect dialect() const override { return inner_->dialect(); }
         void begin(cloud::TransactionMode mode) override {
             tick();
+            startOperation();
             inner_->begin(mode);
+            inTransaction_ = true;
         }
-        void commit() override { inner_->commit(); }
-        void rollback() noexcept override { inner_->rollback(); }
+        void commit() override {
+            if (failing(FailWhen::insteadOfCommit)) throw CloudError(1, "injected failure");
+            inner_->commit();
+            inTransaction_ = false;
+            if (failing(FailWhen::afterCommit)) throw CloudError(1, "injected failure");
+        }
+        void rollback() noexcept override {
+            inner_->rollback();
+            inTransaction_ = false;
+        }
         void releaseFreeSpace() override { inner_->releaseFreeSpace(); }
 
       protected:
         std::int64_t run(std::string_view sql, std::span<const cloud::SqlParam> params,
                          const cloud::RowHandler& onRow) override {
             tick();
+            if (!inTransaction_) {
+                // A statement on its own is an operation of its own, committed as it runs.
+                startOperation();
+                if (failing(FailWhen::insteadOfCommit)) throw CloudError(1, "injected failure");
+                auto changed = forward(sql, params, onRow);
+                if (failing(FailWhen::afterCommit)) throw CloudError(1, "injected failure");
+                return changed;
+            }
+            return forward(sql, params, onRow);
+        }
+
+      private:
+        std::int64_t forward(std::string_view sql, std::span<const cloud::SqlParam> params,
+                             const cloud::RowHandler& onRow) {
             std::optional<std::pair<std::string, std::string>> rewrite;
             {
                 std::lock_guard lock(fixture_.rewriteMutex);
@@ -150,7 +186,13 @@ struct AppFixture : ::testing::Test {
             return inner_->execute(sql, changed, onRow);
         }
 
-      private:
+        void startOperation() {
+            current_ = ++fixture_.operations;
+            if (failing(FailWhen::atStart)) throw CloudError(1, "injected failure");
+        }
+        bool failing(FailWhen when) const {
+            return current_ == fixture_.failOperation && fixture_.failWhen == when;
+        }
         void tick() {
             int left = fixture_.countdown.load();
             while (left > 0 && !fixture_.countdown.compare_exchange_weak(left, left - 1)) {
@@ -161,6 +203,8 @@ struct AppFixture : ::testing::Test {
         }
         std::unique_ptr<cloud::Connection> inner_;
         AppFixture& fixture_;
+        bool inTransaction_ = false;
+        int current_ = 0;  // the operation this connection is in
     };
 };
 
