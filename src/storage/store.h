@@ -61,8 +61,8 @@ class Store {
     // do), dataStream receives the zlib stream of the data, ready for a pack entry.
     Object getObject(const std::string& id, std::optional<Bytes>* dataStream);
     bool hasObject(const std::string& id) const;
-    // Moves or copies a downloaded object file into place (keeping a file already there) and
-    // verifies it through getObject.
+    // Moves or copies a downloaded object file into place (keeping a sound file already there,
+    // replacing a damaged one) and verifies it through getObject.
     void placeObjectFile(const std::string& id, const std::filesystem::path& file);
     // A path in the working folder root/zzz, for the caller to write and remove.
     std::filesystem::path workingFile(const std::string& name) const;

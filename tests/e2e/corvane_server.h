@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <regex>
 #include <string>
 
@@ -17,17 +18,15 @@ class CorvaneServer {
                {"XDG_CACHE_HOME", home_.path() + "/cache"},
                {"HOME", home_.path()},
                {"GIT_CONFIG_NOSYSTEM", "1"},
-               {"GIT_CONFIG_GLOBAL", "/dev/null"}},
-          process_({CORVANE_BINARY, "serve", "--port", "0"}, env_) {
-        if (!process_.waitForOutput("Listening on port ")) {
-            ADD_FAILURE() << "server did not start: " << process_.output();
-            return;
-        }
-        std::smatch match;
-        std::string output = process_.output();
-        if (std::regex_search(output, match, std::regex("Listening on port ([0-9]+)\n"))) {
-            port_ = std::stoi(match[1]);
-        }
+               {"GIT_CONFIG_GLOBAL", "/dev/null"}} {
+        start();
+    }
+
+    // Stops the daemon with the signal (SIGKILL: as a crash would) and starts it again on the
+    // same store and cache; the port changes.
+    void restart(int signal) {
+        process_->stop(signal);
+        start();
     }
 
     std::string url(const std::string& path) const {
@@ -38,13 +37,27 @@ class CorvaneServer {
         return runCommand(argv, env_, cwd);
     }
     std::uint16_t port() const { return static_cast<std::uint16_t>(port_); }
-    BackgroundProcess& process() { return process_; }
+    BackgroundProcess& process() { return *process_; }
     const std::string& home() const { return home_.path(); }
 
   private:
+    void start() {
+        process_ = std::make_unique<BackgroundProcess>(
+            std::vector<std::string>{CORVANE_BINARY, "serve", "--port", "0"}, env_);
+        if (!process_->waitForOutput("Listening on port ")) {
+            ADD_FAILURE() << "server did not start: " << process_->output();
+            return;
+        }
+        std::smatch match;
+        std::string output = process_->output();
+        if (std::regex_search(output, match, std::regex("Listening on port ([0-9]+)\n"))) {
+            port_ = std::stoi(match[1]);
+        }
+    }
+
     TempDir home_;
     std::map<std::string, std::string> env_;
-    BackgroundProcess process_;
+    std::unique_ptr<BackgroundProcess> process_;
     int port_ = 0;
 };
 

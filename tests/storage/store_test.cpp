@@ -110,13 +110,17 @@ TEST(Store, OwnFilesLendTheirCompressedDataAndOthersStillRead) {
     EXPECT_FALSE(stream);
 }
 
-TEST(Store, PlacesDownloadedFilesKeepingOnesAlreadyThere) {
+TEST(Store, PlacesDownloadedFilesKeepingSoundOnesAlreadyThere) {
     testing::TempDir dir;
     Store source(dir.path() + "/source", noThread());
     Store store(dir.path() + "/Objects", noThread());
     Object blob(ObjectType::blob, toBytes("placed"));
     source.putObject(blob);
     store.placeObjectFile(blob.id(), source.objectPath(blob.id()));
+    store.placeObjectFile(blob.id(), source.objectPath(blob.id()));
+    EXPECT_EQ(store.getObject(blob.id()), blob);
+    // A damaged file already in place gives way to the download.
+    writeFileAtomically(store.objectPath(blob.id()), toBytes("damaged"));
     store.placeObjectFile(blob.id(), source.objectPath(blob.id()));
     EXPECT_EQ(store.getObject(blob.id()), blob);
 

@@ -1,0 +1,147 @@
+// Nothing pushed is lost: racing pushes, a daemon killed in the middle of a push, damaged cache
+// files, and repositories made by another process, each checked with the real git client
+// against a daemon whose object cache starts empty.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <future>
+
+#include "e2e/corvane_server.h"
+#include "e2e/git_test_repo.h"
+
+namespace corvane::testing {
+namespace {
+
+struct PushSafety : ::testing::Test {
+    CorvaneServer server;
+    TempDir work;
+
+    std::string dir(const std::string& name) {
+        std::string path = work.path() + "/" + name;
+        std::filesystem::create_directories(path);
+        return path;
+    }
+    void create(const std::string& name) {
+        auto result = server.run({CORVANE_BINARY, "create", name});
+        ASSERT_EQ(result.status, 0) << result.out;
+    }
+    // The daemon again, with an empty object cache: what it serves comes from the store alone.
+    void restartCold(int signal) {
+        server.process().stop(signal);
+        std::filesystem::remove_all(server.home() + "/cache/corvane");
+        server.restart(signal);
+    }
+    // A fresh clone, checked by fsck; returns the commit of `branch` in it.
+    std::string cloneAndCheck(const std::string& name, const std::string& branch) {
+        static int clones = 0;
+        std::string into = dir("clone" + std::to_string(++clones));
+        sh(into,
+           "git clone -q --bare " + server.url(name) + " . && git fsck --strict --no-progress");
+        return trimmed(sh(into, "git rev-parse " + branch));
+    }
+    std::string remoteRef(const std::string& name, const std::string& ref) {
+        return trimmed(sh(work.path(), "git ls-remote " + server.url(name) + " " + ref))
+            .substr(0, 40);
+    }
+};
+
+TEST_F(PushSafety, RacingPushesKeepTheWinnersObjectsAndNewRepositoriesShowAtOnce) {
+    create("race");
+    std::string base = dir("base");
+    sh(base,
+       "git init -q && echo base > base.txt && git add . && git commit -qm base && "
+       "git push -q " +
+           server.url("race") + " HEAD:refs/heads/main");
+    std::vector<std::string> clients;
+    for (int i = 0; i < 4; ++i) {
+        std::string client = dir("client" + std::to_string(i));
+        sh(client, "git clone -q " + server.url("race") +
+                       " . && for f in $(seq 300); do "
+                       "echo \"" +
+                       std::to_string(i) + " $f\" > f" + std::to_string(i) +
+                       "-$f.txt; done && git add . && git commit -qm client" + std::to_string(i));
+        clients.push_back(client);
+    }
+    std::vector<std::future<CommandResult>> pushes;
+    for (const auto& client : clients) {
+        pushes.push_back(std::async(std::launch::async, [&, client] {
+            return shTry(client, "git push origin HEAD:main 2>&1");
+        }));
+    }
+    int won = 0;
+    std::string winner;
+    for (std::size_t i = 0; i < pushes.size(); ++i) {
+        auto result = pushes[i].get();
+        if (result.status == 0) {
+            ++won;
+            winner = trimmed(sh(clients[i], "git rev-parse HEAD"));
+        } else {
+            EXPECT_NE(result.out.find("Remote repository has been updated"), std::string::npos)
+                << result.out;
+        }
+    }
+    ASSERT_EQ(won, 1);
+
+    // Created by another process while the daemon runs: usable at once, however many.
+    for (const auto* name : {"made-1", "made-2", "made-3"}) {
+        create(name);
+        EXPECT_EQ(shTry(work.path(), "git ls-remote " + server.url(name)).status, 0) << name;
+    }
+    sh(base, "git push -q " + server.url("made-3") + " HEAD:refs/heads/main");
+    EXPECT_EQ(remoteRef("made-3", "refs/heads/main"), trimmed(sh(base, "git rev-parse HEAD")));
+
+    restartCold(SIGTERM);
+    EXPECT_EQ(cloneAndCheck("race", "main"), winner);
+
+    // Damaged cache files (cut short, overwritten) are fetched again; the clone never fails.
+    int damaged = 0;
+    for (const auto& entry :
+         std::filesystem::recursive_directory_iterator(server.home() + "/cache/corvane/Objects")) {
+        if (!entry.is_regular_file() || damaged >= 40) continue;
+        if (damaged++ % 2) {
+            std::filesystem::resize_file(entry.path(), entry.file_size() / 2);
+        } else {
+            std::ofstream(entry.path(), std::ios::trunc) << "garbage";
+        }
+    }
+    EXPECT_EQ(damaged, 40);
+    EXPECT_EQ(cloneAndCheck("race", "main"), winner);
+}
+
+TEST_F(PushSafety, ADaemonKilledInAPushLosesNothing) {
+    std::string source = dir("source");
+    sh(source, "git clone -q --mirror " + sharedDir() + "/testdata/lz4.bundle .");
+    std::string tip = trimmed(sh(source, "git rev-parse dev"));
+    // Moments of the push: uploading packs, after the first group, saving the references.
+    const char* points[] = {">> saving ", "<< saved 100 packs", ">> saving repository"};
+    int point = 0;
+    for (const auto* moment : points) {
+        std::string name = "killed" + std::to_string(point++);
+        create(name);
+        // Each waits for its own moment of this push: the log so far is older.
+        auto seen = server.process().output().size();
+        auto push = std::async(std::launch::async, [&] {
+            return shTry(source, "git push -q " + server.url(name) + " dev 2>&1");
+        });
+        bool reached = false;
+        for (int i = 0; i < 2000 && !reached; ++i) {
+            reached = server.process().output().find(moment, seen) != std::string::npos;
+            if (!reached) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        EXPECT_TRUE(reached) << moment;
+        restartCold(SIGKILL);
+        push.get();
+
+        std::string now = remoteRef(name, "refs/heads/dev");
+        EXPECT_TRUE(now.empty() || now == tip) << moment << ": " << now;
+        if (!now.empty()) {
+            EXPECT_EQ(cloneAndCheck(name, "dev"), tip) << moment;
+        }
+        sh(source, "git push -q " + server.url(name) + " dev 2>&1");
+        restartCold(SIGTERM);
+        EXPECT_EQ(cloneAndCheck(name, "dev"), tip) << moment;
+    }
+}
+
+}  // namespace
+}  // namespace corvane::testing
