@@ -1,4 +1,0 @@
-corvane_fuzz(git_socket_fuzz SOURCES git_socket_fuzz.cpp LIBS corvane_protocol)
-corvane_fuzz(object_parsers_fuzz SOURCES object_parsers_fuzz.cpp LIBS corvane_objects)
-corvane_fuzz(delta_fuzz SOURCES delta_fuzz.cpp LIBS corvane_objects)
-corvane_fuzz(repository_meta_fuzz SOURCES repository_meta_fuzz.cpp LIBS corvane_storage)

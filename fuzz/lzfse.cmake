@@ -1,1 +1,0 @@
-corvane_fuzz(lzfse_decode_fuzz SOURCES lzfse_decode_fuzz.cpp LIBS corvane_lzfse)
