@@ -324,6 +324,7 @@ void Backend::savePackGroup(cloud::Database& database, const Repository& reposit
         cloud::ModifyRecordsOperation operation;
         operation.savePolicy = cloud::SavePolicy::ifServerRecordUnchanged;
         operation.atomic = true;
+        std::vector<std::vector<std::string>> alreadyStored;  // their progress, once saved
         for (const auto& packId : packIds) {
             auto update =
                 mergePackRecord(packId, stored[packId], contents.at(packId), zone, store_);
@@ -333,10 +334,14 @@ void Backend::savePackGroup(cloud::Database& database, const Repository& reposit
             if (update.needsSave) {
                 operation.recordsToSave.push_back(std::move(update.record));
             } else if (const auto* storedIds = update.record.get<std::vector<std::string>>("ids")) {
-                progress(*storedIds);
+                alreadyStored.push_back(*storedIds);
             }
         }
-        if (operation.recordsToSave.empty()) return;
+        auto reportStored = [&] {
+            for (const auto& storedIds : alreadyStored)
+                progress(storedIds);
+        };
+        if (operation.recordsToSave.empty()) return reportStored();
         std::size_t saved = 0;
         operation.perRecordProgress = [&](const cloud::Record& record, double) {
             if (const auto* recordIds = record.get<std::vector<std::string>>("ids")) {
@@ -351,7 +356,7 @@ void Backend::savePackGroup(cloud::Database& database, const Repository& reposit
             database.modifyRecords(operation);
             trace(TraceModule::response,
                   "saved " + std::to_string(saved) + " packs on " + repository.name());
-            return;
+            return reportStored();
         } catch (const cloud::PartialFailure& failure) {
             // An atomic save stops at its first refused record, so a refusal says little about
             // the rest of the group: the whole group is read again.
