@@ -112,7 +112,12 @@ class MetaReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, MetaRe
         if (value > static_cast<std::uint64_t>(INT64_MAX)) return fail();
         return number(static_cast<std::int64_t>(value));
     }
-    bool Double(double value) { return number(static_cast<std::int64_t>(value)); }
+    bool Double(double value) {
+        // A size another encoder wrote in floating point; one no integer holds is damage (the
+        // test also refuses NaN).
+        if (!(value > -9.2e18 && value < 9.2e18)) return fail();
+        return number(static_cast<std::int64_t>(value));
+    }
     // null and booleans: only where anything goes.
     bool Default() {
         if (skipping() || (depth_ == 1 && section_ == Section::unknown)) return true;

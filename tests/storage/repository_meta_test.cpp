@@ -61,7 +61,8 @@ TEST(RepositoryMeta, ReadsVersionOneDocuments) {
 TEST(RepositoryMeta, RefusesMalformedDocuments) {
     for (std::string bad :
          {R"([])", R"({"refs": []})", R"({"refs": {"a": 1}})", R"({"blobs": {"x": "big"}})",
-          R"({"commits": {"x": 3}})", R"({"tags": {"x": {"type": 5}}})", R"({"refs": {)", "\xff"}) {
+          R"({"commits": {"x": 3}})", R"({"tags": {"x": {"type": 5}}})", R"({"refs": {)", "\xff",
+          R"({"blobs": {"x": 4e112}})"}) {
         auto message = testing::errorMessage([&] { decodeRepositoryMetaJson(bad, 2); });
         EXPECT_TRUE(message.starts_with("Invalid repository metadata: ")) << bad << " " << message;
     }
@@ -71,6 +72,7 @@ TEST(RepositoryMeta, RefusesMalformedDocuments) {
             "trees": [], "blobs": []}}})",
         2);
     EXPECT_EQ(content.blobs.at("b"), 5);
+    EXPECT_EQ(decodeRepositoryMetaJson(R"({"blobs": {"b": 7.0}})", 2).blobs.at("b"), 7);
     EXPECT_EQ(content.trees.size(), 1u);
     EXPECT_EQ(testing::errorMessage([] { decodeRepositoryMeta(asBytes("not lzfse"), 2); }),
               "Decompression error");
