@@ -141,6 +141,7 @@ PackUpdate mergePackRecord(const std::string& packId, const std::optional<cloud:
     update.record = stored ? *stored : cloud::Record(kPackRecordType, {packId, zone});
     std::map<std::string, fs::path> files;  // id → file, in id order
     bool rewritten = !stored;
+    bool keepV1 = false;
     if (stored) {
         auto version = versionOf(*stored);
         if (version != 1 && version != 2) {
@@ -159,21 +160,18 @@ PackUpdate mergePackRecord(const std::string& packId, const std::optional<cloud:
                 files.emplace((*storedIds)[i], *file);
             }
         }
-        // Version-1 contents become cache files; a version-2 record tolerates a bad remnant.
+        // Version-1 contents become cache files. A version-2 record whose version-1 remnant
+        // cannot be read keeps that remnant as it is.
         bool hasV1 = stored->get<cloud::Asset>("index") && stored->get<cloud::Asset>("data");
         if (version == 1 || hasV1) {
-            rewritten = true;
-            std::set<std::string> placed;
-            if (version == 1) {
-                placed = decodePackV1(*stored, store);
-            } else {
-                try {
-                    placed = decodePackV1(*stored, store);
-                } catch (const std::exception&) {
-                }
+            try {
+                for (const auto& id : decodePackV1(*stored, store))
+                    files.emplace(id, store.objectPath(id));
+                rewritten = true;
+            } catch (const std::exception&) {
+                if (version == 1) throw;
+                keepV1 = true;
             }
-            for (const auto& id : placed)
-                files.emplace(id, store.objectPath(id));
         }
     }
     for (const auto& id : ids) {
@@ -187,23 +185,25 @@ PackUpdate mergePackRecord(const std::string& packId, const std::optional<cloud:
     }
     update.needsSave = rewritten;
 
-    std::vector<std::string> packIds;
+    std::vector<std::string> objectIds;
     std::vector<cloud::Asset> objects;
     for (const auto& [id, file] : files) {
         std::error_code error;
         auto fileSize = fs::file_size(file, error);
         if (!error) update.size += static_cast<std::int64_t>(fileSize);
-        packIds.push_back(id);
+        objectIds.push_back(id);
         objects.push_back({file});
     }
     cloud::Record& record = update.record;
     record.setParent({kRepositoryRecordName, zone});
     record.set("version", std::int64_t{2});
-    record.set("ids", std::move(packIds));
+    record.set("ids", std::move(objectIds));
     record.set("objects", std::move(objects));
     record.set("size", update.size);
-    record.remove("index");
-    record.remove("data");
+    if (!keepV1) {
+        record.remove("index");
+        record.remove("data");
+    }
     return update;
 }
 

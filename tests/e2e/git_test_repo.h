@@ -40,4 +40,22 @@ inline std::string sharedDir() {
     return CORVANE_SHARED_DIR;
 }
 
+// A running `corvane serve` and a folder for the working repositories of one test.
+struct GitServerTest : ::testing::Test {
+    CorvaneServer server;
+    TempDir work;
+
+    // A new folder under the test's own.
+    std::string dir(const std::string& name) {
+        std::string path = work.path() + "/" + name;
+        std::filesystem::create_directories(path);
+        return path;
+    }
+    // A repository made with `corvane create`, as another process would.
+    void create(const std::string& name) {
+        auto result = server.run({CORVANE_BINARY, "create", name});
+        ASSERT_EQ(result.status, 0) << result.out;
+    }
+};
+
 }  // namespace corvane::testing

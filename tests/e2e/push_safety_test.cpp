@@ -12,19 +12,7 @@
 namespace corvane::testing {
 namespace {
 
-struct PushSafety : ::testing::Test {
-    CorvaneServer server;
-    TempDir work;
-
-    std::string dir(const std::string& name) {
-        std::string path = work.path() + "/" + name;
-        std::filesystem::create_directories(path);
-        return path;
-    }
-    void create(const std::string& name) {
-        auto result = server.run({CORVANE_BINARY, "create", name});
-        ASSERT_EQ(result.status, 0) << result.out;
-    }
+struct PushSafety : GitServerTest {
     // The daemon again, with an empty object cache: what it serves comes from the store alone.
     void restartCold(int signal) {
         server.process().stop(signal);

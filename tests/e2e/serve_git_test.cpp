@@ -13,19 +13,7 @@ std::string rawPush() {
     return std::string(CORVANE_SOURCE_DIR) + "/tests/e2e/raw_push.py";
 }
 
-struct ServeGit : ::testing::Test {
-    CorvaneServer server;
-    TempDir work;
-
-    std::string dir(const std::string& name) {
-        std::string path = work.path() + "/" + name;
-        std::filesystem::create_directories(path);
-        return path;
-    }
-    void create(const std::string& name) {
-        auto result = server.run({CORVANE_BINARY, "create", name});
-        ASSERT_EQ(result.status, 0) << result.out;
-    }
+struct ServeGit : GitServerTest {
     std::string lsRemote(const std::string& name) {
         return sh(work.path(), "git ls-remote " + server.url(name));
     }
