@@ -13,8 +13,10 @@ namespace corvane::testing {
 
 class CorvaneServer {
   public:
-    CorvaneServer()
-        : env_{{"XDG_DATA_HOME", home_.path() + "/data"},
+    // A daemon with a store of its own, or on the store under `dataHome` (another daemon's),
+    // always with a cache of its own.
+    explicit CorvaneServer(const std::string& dataHome = "")
+        : env_{{"XDG_DATA_HOME", dataHome.empty() ? home_.path() + "/data" : dataHome},
                {"XDG_CACHE_HOME", home_.path() + "/cache"},
                {"HOME", home_.path()},
                {"GIT_CONFIG_NOSYSTEM", "1"},

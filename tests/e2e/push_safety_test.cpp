@@ -50,10 +50,13 @@ TEST_F(PushSafety, RacingPushesKeepTheWinnersObjectsAndNewRepositoriesShowAtOnce
                        "-$f.txt; done && git add . && git commit -qm client" + std::to_string(i));
         clients.push_back(client);
     }
+    // Two clients push through this daemon, two through another process on the same store.
+    CorvaneServer other(server.home() + "/data");
     std::vector<std::future<CommandResult>> pushes;
-    for (const auto& client : clients) {
-        pushes.push_back(std::async(std::launch::async, [&, client] {
-            return shTry(client, "git push origin HEAD:main 2>&1");
+    for (std::size_t i = 0; i < clients.size(); ++i) {
+        std::string url = (i % 2 ? other : server).url("race");
+        pushes.push_back(std::async(std::launch::async, [&, i, url] {
+            return shTry(clients[i], "git push " + url + " HEAD:main 2>&1");
         }));
     }
     int won = 0;
