@@ -4,6 +4,8 @@
 
 #include <future>
 
+#include "objects/zlib.h"
+#include "protocol/pack_writer.h"
 #include "protocol/receive_pack.h"
 #include "protocol/upload_pack.h"
 #include "socket_pair.h"
@@ -175,6 +177,30 @@ TEST_F(Commands, ReceivePackAdvertisesReportsAndRefusesStalePushes) {
                                    pktLine("0123 4567 refs/heads/x") + "0000");
     EXPECT_EQ(offered, pktLine(zeroId + " capabilities^{}" + '\0' + capabilities + "\n") + "0000");
     EXPECT_EQ(bad, "Invalid receive-pack command");
+}
+
+TEST_F(Commands, ReceivePackReportsTheUploadOnBandTwo) {
+    auto repository = storedRepository();
+    Object added(ObjectType::blob, toBytes("new content\n"));
+    std::string pack("PACK\0\0\0\2\0\0\0\1", 12);
+    pack += asText(PackWriter::entryHeader(ObjectType::blob, added.data().size()));
+    pack += asText(zlibDeflate(added.data()));
+    pack += std::string(20, '\0');  // the trailer is not checked: every object is, by its id
+    auto [written, error] =
+        exchange(receivePack(repository), pktLine(zeroId + " " + added.id() + " refs/heads/blob" +
+                                                  '\0' + "report-status side-band-64k") +
+                                              "0000" + pack);
+    EXPECT_EQ(error, "");
+    auto afterAdvertisement = written.substr(written.find("0000") + 4);
+    EXPECT_EQ(afterAdvertisement,
+              band('\x02', "Uploading 1 objects to the cloud \r") +
+                  band('\x02', "Uploading 1 objects to the cloud: 100%  \r") +
+                  band('\x02', "Uploading 1 objects to the cloud: done\n") +
+                  band('\x01', pktLine("unpack ok\n") + pktLine("ok refs/heads/blob\n") + "0000") +
+                  "0000");
+    auto stored = backend.fetchRepository("tools", "__defaultOwner__");
+    EXPECT_EQ(stored->content()->blobs.at(added.id()), 12);
+    EXPECT_TRUE(stored->content()->packs.contains(added.id().substr(0, 3)));
 }
 
 }  // namespace
