@@ -119,7 +119,8 @@ struct AppFixture : ::testing::Test {
     }
 
   private:
-    // Passes statements to SQLite until the fixture's countdown reaches one, which fails.
+    // Passes statements to SQLite until the fixture's countdown reaches one, which fails, and
+    // fails the operation the fixture names where it says.
     class FailingConnection final : public cloud::Connection {
       public:
         FailingConnection(std::unique_ptr<cloud::Connection> inner, AppFixture& fixture)
