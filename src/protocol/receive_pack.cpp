@@ -26,16 +26,22 @@ std::optional<std::string> unlessZero(std::string_view id) {
 // A push that keeps meeting pushes from elsewhere gives up and lets its client fetch first.
 constexpr int kSaveAttempts = 5;
 
-// Adds the summaries of the received objects, replacing any under the same id.
-void mergeSummaries(const RepositoryContent& received, RepositoryContent& content) {
-    for (const auto& [id, tag] : received.tags)
-        content.tags.insert_or_assign(id, tag);
-    for (const auto& [id, commit] : received.commits)
-        content.commits.insert_or_assign(id, commit);
-    for (const auto& [id, tree] : received.trees)
-        content.trees.insert_or_assign(id, tree);
-    for (const auto& [id, size] : received.blobs)
-        content.blobs.insert_or_assign(id, size);
+// Adds the summaries of the received objects to the content, replacing any under the same id;
+// returns the ids the content did not have.
+std::vector<std::string> mergeSummaries(const RepositoryContent& received,
+                                        RepositoryContent& content) {
+    std::vector<std::string> added;
+    auto merge = [&](const auto& from, auto& into) {
+        for (const auto& [id, summary] : from) {
+            if (!content.contains(id)) added.push_back(id);
+            into.insert_or_assign(id, summary);
+        }
+    };
+    merge(received.tags, content.tags);
+    merge(received.commits, content.commits);
+    merge(received.trees, content.trees);
+    merge(received.blobs, content.blobs);
+    return added;
 }
 
 }  // namespace
@@ -75,8 +81,7 @@ void ReceivePack::run() {
     // Read into the cache and summarised on their own, so that the pack can be merged into
     // whatever the repository is once this push's turn comes.
     RepositoryContent received;
-    std::vector<std::string> receivedIds;
-    if (wantsPack) receivedIds = readPack(received);
+    if (wantsPack) readPack(received);
 
     // From here on this push alone, in this process, changes the repository; a push elsewhere
     // shows itself as a conflict, and the push starts again from what that one saved.
@@ -87,10 +92,9 @@ void ReceivePack::run() {
         Repository::ContentUpdate update(*repository_);
         RepositoryContent& content = update.content();
         std::vector<std::string> newIds;
-        for (const auto& id : receivedIds) {
-            if (!content.contains(id) && !uploaded.contains(id)) newIds.push_back(id);
+        for (auto& id : mergeSummaries(received, content)) {
+            if (!uploaded.contains(id)) newIds.push_back(std::move(id));
         }
-        mergeSummaries(received, content);
         if (!newIds.empty()) {
             upload(newIds, content, packSizes, attempt == 1);
             uploaded.insert(newIds.begin(), newIds.end());
@@ -164,22 +168,19 @@ std::vector<RefUpdate> ReceivePack::readCommands() {
     return commands;
 }
 
-std::vector<std::string> ReceivePack::readPack(RepositoryContent& received) {
+void ReceivePack::readPack(RepositoryContent& received) {
     std::uint32_t count = socket_.readPackHeader();
-    if (count < 1) return {};  // no objects, and no trailer either
+    if (count < 1) return;  // no objects, and no trailer either
     // Objects are compressed into the cache on other cores while this thread reads on. The
     // count is the client's word: nothing is sized by it before the objects arrive.
     ObjectWriter writer(backend_.store(), kWriterThreads, kMaxUnwrittenBytes);
-    std::vector<std::string> ids;
     for (std::uint32_t i = 0; i < count; ++i) {
         auto object = std::make_shared<const Object>(readObject(writer));
         summarise(*object, received);
-        ids.push_back(object->id());
         writer.put(std::move(object));
     }
     writer.finish();
     socket_.readRawBytes(20);  // trailer: every object was checked by its own id
-    return ids;
 }
 
 Object ReceivePack::readObject(const ObjectWriter& writer) {

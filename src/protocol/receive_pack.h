@@ -45,8 +45,8 @@ class ReceivePack : public ServerCommand {
     std::vector<RefUpdate> readCommands();
     // Reads the pack into the cache and the update's content; returns the ids received and
     // fills `existing` with the ids the repository had before.
-    // Reads the pack into the cache and `received`; returns the ids in stream order.
-    std::vector<std::string> readPack(RepositoryContent& received);
+    // Reads the pack into the cache and its objects' summaries into `received`.
+    void readPack(RepositoryContent& received);
     Object readObject(const ObjectWriter& writer);
     Object loadBase(const std::string& id, const ObjectWriter& writer);
     // Saves the packs of newIds, adding their new sizes to packSizes.
