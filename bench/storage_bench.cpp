@@ -23,19 +23,19 @@ std::string fakeId(std::size_t n, char kind) {
 RepositoryContent largeContent() {
     RepositoryContent content;
     for (std::size_t i = 0; i < 50000; ++i)
-        content.blobs[fakeId(i, 'b')] = 1000 + i;
+        content.blobs.add(fakeId(i, 'b'), 1000 + i);
     for (std::size_t i = 0; i < 30000; ++i) {
         PartialTree tree;
         for (std::size_t k = 1; k <= 2; ++k)
             tree.trees.push_back(fakeId((i + k) % 30000, 't'));
         for (std::size_t k = 0; k < 5; ++k)
             tree.blobs.push_back(fakeId((i * 5 + k) % 50000, 'b'));
-        content.trees[fakeId(i, 't')] = std::move(tree);
+        content.trees.add(fakeId(i, 't'), std::move(tree));
     }
     for (std::size_t i = 0; i < 20000; ++i) {
         PartialCommit commit{fakeId(i, 't'), {}};
         if (i > 0) commit.parents.push_back(fakeId(i - 1, 'c'));
-        content.commits[fakeId(i, 'c')] = std::move(commit);
+        content.commits.add(fakeId(i, 'c'), std::move(commit));
     }
     content.refs["refs/heads/master"] = fakeId(19999, 'c');
     for (std::size_t i = 0; i < 4096; ++i)

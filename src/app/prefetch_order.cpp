@@ -12,20 +12,18 @@ std::vector<std::string> prefetchOrder(const Repository& repository) {
         if (listed.insert(id).second) order.push_back(id);
     };
     for (auto id = repository.headCommit(); id;) {
-        auto commit = content->commits.find(*id);
+        const PartialCommit* commit = content->commits.find(*id);
         // A missing commit ends the chain, and so does a loop in damaged metadata.
-        if (commit == content->commits.end() || listed.contains(commit->first)) break;
-        list(commit->first);
-        list(commit->second.tree);
-        if (commit->second.parents.empty()) break;
-        id = commit->second.parents.front();
+        if (!commit || listed.contains(*id)) break;
+        list(*id);
+        list(commit->tree);
+        if (commit->parents.empty()) break;
+        id = commit->parents.front();
     }
-    for (const auto& [id, tag] : content->tags)
-        list(id);
-    for (const auto& [id, commit] : content->commits)
-        list(id);
-    for (const auto& [id, tree] : content->trees)
-        list(id);
+    auto listAll = [&](const std::string& id, const auto&) { list(id); };
+    content->tags.forEach(listAll);
+    content->commits.forEach(listAll);
+    content->trees.forEach(listAll);
     return order;
 }
 

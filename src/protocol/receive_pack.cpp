@@ -26,16 +26,14 @@ std::optional<std::string> unlessZero(std::string_view id) {
 // A push that keeps meeting pushes from elsewhere gives up and lets its client fetch first.
 constexpr int kSaveAttempts = 5;
 
-// Adds the summaries of the received objects to the content, replacing any under the same id;
-// returns the ids the content did not have.
+// Adds the summaries of the received objects to the content; returns the ids it did not have.
 std::vector<std::string> mergeSummaries(const RepositoryContent& received,
                                         RepositoryContent& content) {
     std::vector<std::string> added;
     auto merge = [&](const auto& from, auto& into) {
-        for (const auto& [id, summary] : from) {
-            if (!content.contains(id)) added.push_back(id);
-            into.insert_or_assign(id, summary);
-        }
+        from.forEach([&](const std::string& id, const auto& summary) {
+            if (into.add(id, summary)) added.push_back(id);
+        });
     };
     merge(received.tags, content.tags);
     merge(received.commits, content.commits);

@@ -33,11 +33,11 @@ void markTreeSeen(const RepositoryContent& content, const std::string& root,
         std::string id = std::move(pending.back());
         pending.pop_back();
         if (!seen.insert(id).second) continue;
-        auto tree = content.trees.find(id);
-        if (tree == content.trees.end()) continue;
-        for (const auto& subtree : tree->second.trees)
+        const PartialTree* tree = content.trees.find(id);
+        if (!tree) continue;
+        for (const auto& subtree : tree->trees)
             pending.push_back(subtree);
-        for (const auto& blob : tree->second.blobs)
+        for (const auto& blob : tree->blobs)
             seen.insert(blob);
     }
 }
@@ -151,31 +151,31 @@ std::vector<std::string> UploadPack::selectObjects(const RepositoryContent& cont
     std::unordered_set<std::string> seen(haves.begin(), haves.end());
     // What a known have reaches through its tree, the client has already.
     for (const auto& have : haves) {
-        auto commit = content.commits.find(have);
-        if (commit != content.commits.end()) markTreeSeen(content, commit->second.tree, seen);
+        if (const PartialCommit* commit = content.commits.find(have))
+            markTreeSeen(content, commit->tree, seen);
     }
     std::vector<std::string> output;
     std::vector<std::string> pendingCommits;
     std::vector<std::string> pendingTrees;
     for (const auto& want : wants) {
-        auto tag = content.tags.find(want);
-        if (tag == content.tags.end()) {
+        const PartialTag* tag = content.tags.find(want);
+        if (!tag) {
             pendingCommits.push_back(want);
             continue;
         }
         if (seen.insert(want).second) output.push_back(want);
-        if (tag->second.type == ObjectType::commit) pendingCommits.push_back(tag->second.target);
-        if (tag->second.type == ObjectType::tree) pendingTrees.push_back(tag->second.target);
+        if (tag->type == ObjectType::commit) pendingCommits.push_back(tag->target);
+        if (tag->type == ObjectType::tree) pendingTrees.push_back(tag->target);
     }
     while (!pendingCommits.empty()) {
         std::string id = std::move(pendingCommits.back());
         pendingCommits.pop_back();
         if (!seen.insert(id).second) continue;
-        auto commit = content.commits.find(id);
-        if (commit == content.commits.end()) throw Error("Commit " + id + " not found on server");
-        for (const auto& parent : commit->second.parents)
+        const PartialCommit* commit = content.commits.find(id);
+        if (!commit) throw Error("Commit " + id + " not found on server");
+        for (const auto& parent : commit->parents)
             pendingCommits.push_back(parent);
-        pendingTrees.push_back(commit->second.tree);
+        pendingTrees.push_back(commit->tree);
         output.push_back(id);
     }
     std::vector<std::string> blobs;
@@ -184,11 +184,11 @@ std::vector<std::string> UploadPack::selectObjects(const RepositoryContent& cont
         std::string id = std::move(pendingTrees.back());
         pendingTrees.pop_back();
         if (!seen.insert(id).second) continue;
-        auto tree = content.trees.find(id);
-        if (tree == content.trees.end()) throw Error("Tree " + id + " not found on server");
-        for (const auto& subtree : tree->second.trees)
+        const PartialTree* tree = content.trees.find(id);
+        if (!tree) throw Error("Tree " + id + " not found on server");
+        for (const auto& subtree : tree->trees)
             pendingTrees.push_back(subtree);
-        for (const auto& blob : tree->second.blobs) {
+        for (const auto& blob : tree->blobs) {
             if (!seen.contains(blob) && blobSet.insert(blob).second) blobs.push_back(blob);
         }
         output.push_back(id);

@@ -48,8 +48,9 @@ Repository::Repository(std::string id, std::string owner, std::string name,
       url_(cloneURL(owner_, name_)),
       record_(std::move(record)),
       share_(std::move(share)),
-      content_(std::make_shared<const RepositoryContent>(std::move(content))),
       metaSize_(metaSize) {
+    content.freeze();  // so that a push's working copy shares it
+    content_ = std::make_shared<const RepositoryContent>(std::move(content));
     if (record_) {
         modificationDate_ =
             record_->modificationDate ? record_->modificationDate : record_->creationDate;
@@ -135,9 +136,9 @@ std::optional<std::string> Repository::headCommit() const {
     std::string id = ref->second;
     // A chain of tags is finite in a well-formed repository; the bound guards a corrupt one.
     for (std::size_t hops = 0; hops <= current->tags.size(); ++hops) {
-        auto tag = current->tags.find(id);
-        if (tag == current->tags.end()) break;
-        id = tag->second.target;
+        const PartialTag* tag = current->tags.find(id);
+        if (!tag) break;
+        id = tag->target;
     }
     return id;
 }
@@ -155,12 +156,12 @@ std::vector<std::string> Repository::revList() const {
     auto head = headCommit();
     if (head) {
         std::string id = *head;
-        for (auto commit = current->commits.find(id); commit != current->commits.end();
+        for (const PartialCommit* commit = current->commits.find(id); commit;
              commit = current->commits.find(id)) {
             history.push_back(id);
             // A cycle cannot happen with real hashes; the bound guards a corrupt summary.
-            if (commit->second.parents.empty() || history.size() > current->commits.size()) break;
-            id = commit->second.parents.front();
+            if (commit->parents.empty() || history.size() > current->commits.size()) break;
+            id = commit->parents.front();
         }
     }
     std::lock_guard lock(mutex_);
@@ -181,6 +182,7 @@ Repository::ContentUpdate::ContentUpdate(Repository& repository)
     : repository_(repository), lock_(repository.updateMutex_), working_(*repository.content()) {}
 
 void Repository::ContentUpdate::publish() {
+    working_.freeze();
     auto published = std::make_shared<const RepositoryContent>(std::move(working_));
     {
         std::lock_guard lock(repository_.mutex_);

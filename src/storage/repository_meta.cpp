@@ -38,6 +38,18 @@ void writeMap(JsonWriter& writer, const char* key, const Map& map, WriteValue wr
     writer.EndObject();
 }
 
+template <typename Summary, typename WriteValue>
+void writeMap(JsonWriter& writer, const char* key, const SummaryMap<Summary>& map,
+              WriteValue writeValue) {
+    writer.Key(key);
+    writer.StartObject();
+    map.forEach([&](const std::string& id, const Summary& value) {
+        writeString(writer, id);
+        writeValue(value);
+    });
+    writer.EndObject();
+}
+
 // Reads a document event by event straight into the maps. Depth 1 is inside the root object
 // (keys name sections), depth 2 inside a section (keys are names or ids), depth 3 inside an
 // entry (keys name fields), depth 4 inside a field's array. Unknown keys are skipped whole.
@@ -202,7 +214,7 @@ class MetaReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, MetaRe
         if (skipping()) return true;
         if (depth_ == 1) return section_ == Section::unknown || fail();
         if (depth_ == 2 && section_ == Section::blobs && version_ == 2) {
-            content_.blobs[entry_] = value;
+            content_.blobs.add(entry_, value);
             return true;
         }
         if (depth_ == 2 && section_ == Section::packs && version_ == 2) {
@@ -222,7 +234,7 @@ class MetaReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, MetaRe
     bool finishEntry() {
         switch (section_) {
             case Section::tags:
-                content_.tags[entry_] = std::move(tag_);
+                content_.tags.add(entry_, std::move(tag_));
                 break;
             case Section::commits:
                 if (version_ == 1) {
@@ -230,10 +242,10 @@ class MetaReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, MetaRe
                     if (v1CommitTrees_.empty()) return fail("commit " + entry_ + " has no tree");
                     commit_.tree = v1CommitTrees_.front();
                 }
-                content_.commits[entry_] = std::move(commit_);
+                content_.commits.add(entry_, std::move(commit_));
                 break;
             case Section::trees:
-                content_.trees[entry_] = std::move(tree_);
+                content_.trees.add(entry_, std::move(tree_));
                 break;
             default:
                 return fail();

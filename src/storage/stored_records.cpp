@@ -118,10 +118,10 @@ std::map<std::string, std::vector<std::string>> packContents(const RepositoryCon
     for (const auto& packId : packIds)
         packs[packId];
     auto collect = [&](const auto& map) {
-        for (const auto& [id, summary] : map) {
+        map.forEach([&](const std::string& id, const auto&) {
             auto pack = packs.find(id.substr(0, 3));
             if (pack != packs.end()) pack->second.push_back(id);
-        }
+        });
     };
     collect(content.tags);
     collect(content.commits);

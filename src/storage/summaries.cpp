@@ -19,7 +19,7 @@ void summarise(const Object& object, RepositoryContent& content) {
     switch (object.type()) {
         case ObjectType::commit: {
             Commit commit = parseCommit(object);
-            content.commits[id] = {commit.treeId, commit.parentIds};
+            content.commits.add(id, {commit.treeId, commit.parentIds});
             break;
         }
         case ObjectType::tree: {
@@ -32,15 +32,15 @@ void summarise(const Object& object, RepositoryContent& content) {
                     summary.blobs.push_back(entry.id);  // submodule links live elsewhere
                 }
             }
-            content.trees[id] = std::move(summary);
+            content.trees.add(id, std::move(summary));
             break;
         }
         case ObjectType::blob:
-            content.blobs[id] = static_cast<std::int64_t>(object.data().size());
+            content.blobs.add(id, static_cast<std::int64_t>(object.data().size()));
             break;
         case ObjectType::tag: {
             Tag tag = parseTag(object);
-            content.tags[id] = {tag.target, tag.type};
+            content.tags.add(id, {tag.target, tag.type});
             break;
         }
         default:

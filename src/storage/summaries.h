@@ -10,6 +10,7 @@
 
 #include "objects/object.h"
 #include "objects/object_type.h"
+#include "storage/summary_map.h"
 
 namespace corvane {
 
@@ -31,23 +32,31 @@ struct PartialTag {
     bool operator==(const PartialTag&) const = default;
 };
 
-// The references and summaries of one repository at one moment.
+// The references and summaries of one repository at one moment. A copy shares the summaries
+// (see SummaryMap); references and pack sizes are few and copied whole.
 struct RepositoryContent {
     std::map<std::string, std::string> refs;  // full name → id, in name order
-    std::unordered_map<std::string, PartialTag> tags;
-    std::unordered_map<std::string, PartialCommit> commits;
-    std::unordered_map<std::string, PartialTree> trees;
-    std::unordered_map<std::string, std::int64_t> blobs;  // id → size in bytes
+    SummaryMap<PartialTag> tags;
+    SummaryMap<PartialCommit> commits;
+    SummaryMap<PartialTree> trees;
+    SummaryMap<std::int64_t> blobs;                       // id → size in bytes
     std::unordered_map<std::string, std::int64_t> packs;  // pack id → stored size in bytes
 
     bool contains(const std::string& id) const {
         return commits.contains(id) || trees.contains(id) || blobs.contains(id) ||
                tags.contains(id);
     }
+    // Shares what was added since the last freeze (see SummaryMap::freeze).
+    void freeze() {
+        tags.freeze();
+        commits.freeze();
+        trees.freeze();
+        blobs.freeze();
+    }
     bool operator==(const RepositoryContent&) const = default;
 };
 
-// Records the summary of an object in the content, replacing any under the same id: a commit's
+// Records the summary of an object in the content unless it has one: a commit's
 // tree and parents, a tree's subtrees and blobs (submodule links left out), a blob's size, a
 // tag's target. Fails with the object parsers' messages.
 void summarise(const Object& object, RepositoryContent& content);

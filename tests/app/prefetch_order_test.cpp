@@ -20,16 +20,16 @@ TEST(PrefetchOrder, HeadsFirstParentChainWithTreesThenEverythingElseOnce) {
     RepositoryContent content;
     // 3 <- 2 <- 1 on master, with 2 merging 9 (whose tree is shared with 1).
     content.refs["refs/heads/master"] = id('3');
-    content.commits[id('3')] = {id('c'), {id('2')}};
-    content.commits[id('2')] = {id('b'), {id('1'), id('9')}};
-    content.commits[id('1')] = {id('a'), {}};
-    content.commits[id('9')] = {id('a'), {}};
-    content.trees[id('a')] = {{}, {id('0')}};
-    content.trees[id('b')] = {{id('d')}, {}};
-    content.trees[id('c')] = {{}, {}};
-    content.trees[id('d')] = {{}, {}};
-    content.tags[id('7')] = {id('3'), ObjectType::commit};
-    content.blobs[id('0')] = 4;
+    content.commits.add(id('3'), {id('c'), {id('2')}});
+    content.commits.add(id('2'), {id('b'), {id('1'), id('9')}});
+    content.commits.add(id('1'), {id('a'), {}});
+    content.commits.add(id('9'), {id('a'), {}});
+    content.trees.add(id('a'), {{}, {id('0')}});
+    content.trees.add(id('b'), {{id('d')}, {}});
+    content.trees.add(id('c'), {{}, {}});
+    content.trees.add(id('d'), {{}, {}});
+    content.tags.add(id('7'), {id('3'), ObjectType::commit});
+    content.blobs.add(id('0'), 4);
     auto order = prefetchOrder(withContent(content));
     ASSERT_GE(order.size(), 6u);
     EXPECT_EQ(std::vector<std::string>(order.begin(), order.begin() + 6),
@@ -41,8 +41,8 @@ TEST(PrefetchOrder, HeadsFirstParentChainWithTreesThenEverythingElseOnce) {
     // A chain that reaches a commit the summaries lack, or loops in damaged metadata, ends.
     RepositoryContent looping;
     looping.refs["refs/heads/main"] = id('1');
-    looping.commits[id('1')] = {id('a'), {id('2')}};
-    looping.commits[id('2')] = {id('b'), {id('1')}};
+    looping.commits.add(id('1'), {id('a'), {id('2')}});
+    looping.commits.add(id('2'), {id('b'), {id('1')}});
     EXPECT_EQ(prefetchOrder(withContent(looping)),
               (std::vector<std::string>{id('1'), id('a'), id('2'), id('b')}));
     EXPECT_TRUE(prefetchOrder(Repository()).empty());

@@ -20,9 +20,11 @@ TEST(RepositoryMeta, RoundTripsTheSummariesOfARealHistory) {
                                      ++objects;
                                  });
     ASSERT_EQ(objects, 16086u);
-    content.refs["refs/heads/dev"] = content.commits.begin()->first;
-    content.refs["refs/tags/v1.0"] = content.commits.begin()->first;
-    content.tags[std::string(40, 'a')] = {content.commits.begin()->first, ObjectType::commit};
+    std::string commit;
+    content.commits.forEach([&](const std::string& id, const PartialCommit&) { commit = id; });
+    content.refs["refs/heads/dev"] = commit;
+    content.refs["refs/tags/v1.0"] = commit;
+    content.tags.add(std::string(40, 'a'), {commit, ObjectType::commit});
     content.packs["abc"] = 123456;
 
     Bytes document = encodeRepositoryMeta(content);

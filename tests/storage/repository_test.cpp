@@ -20,9 +20,9 @@ Repository loaded(RepositoryContent content) {
 TEST(Repository, HeadFollowsTagChainsAndDetachedIds) {
     RepositoryContent content;
     content.refs["refs/heads/master"] = id('1');
-    content.tags[id('1')] = {id('2'), ObjectType::tag};
-    content.tags[id('2')] = {id('3'), ObjectType::commit};
-    content.commits[id('3')] = {id('t'), {}};
+    content.tags.add(id('1'), {id('2'), ObjectType::tag});
+    content.tags.add(id('2'), {id('3'), ObjectType::commit});
+    content.commits.add(id('3'), {id('t'), {}});
     Repository repository = loaded(content);
     EXPECT_EQ(repository.headCommit(), id('3'));
 
@@ -57,9 +57,9 @@ TEST(Repository, ChoosesHeadFromTheBranchesWhenLoaded) {
 TEST(Repository, RevListWalksFirstParentsAndStopsWhereSummariesEnd) {
     RepositoryContent content;
     content.refs["refs/heads/master"] = id('c');
-    content.commits[id('c')] = {id('t'), {id('b'), id('x')}};
-    content.commits[id('b')] = {id('t'), {id('a')}};  // 'a' is not summarised
-    content.commits[id('x')] = {id('t'), {}};
+    content.commits.add(id('c'), {id('t'), {id('b'), id('x')}});
+    content.commits.add(id('b'), {id('t'), {id('a')}});  // 'a' is not summarised
+    content.commits.add(id('x'), {id('t'), {}});
     Repository repository = loaded(content);
     EXPECT_EQ(repository.revList(), (std::vector<std::string>{id('c'), id('b')}));
 
@@ -103,13 +103,9 @@ TEST(Repository, ReadersSeeWholeSnapshotsWhileAPushPublishes) {
                 auto master = snapshot->refs.find("refs/heads/master");
                 if (master != snapshot->refs.end()) {
                     std::size_t length = 0;
-                    for (auto c = snapshot->commits.find(master->second);
-                         c != snapshot->commits.end();
-                         c = c->second.parents.empty()
-                                 ? snapshot->commits.end()
-                                 : snapshot->commits.find(c->second.parents[0])) {
+                    for (auto c = snapshot->commits.find(master->second); c;
+                         c = c->parents.empty() ? nullptr : snapshot->commits.find(c->parents[0]))
                         ++length;
-                    }
                     if (length != snapshot->commits.size()) ++inconsistent;
                 }
                 auto history = repository->revList();
@@ -129,8 +125,8 @@ TEST(Repository, ReadersSeeWholeSnapshotsWhileAPushPublishes) {
         char buffer[41];
         std::snprintf(buffer, sizeof buffer, "%040d", i + 1);
         std::string commit = buffer;
-        update.content().commits[commit] = {
-            id('t'), parent.empty() ? std::vector<std::string>{} : std::vector{parent}};
+        update.content().commits.add(
+            commit, {id('t'), parent.empty() ? std::vector<std::string>{} : std::vector{parent}});
         update.content().refs["refs/heads/master"] = commit;
         update.publish();
         parent = commit;
@@ -149,18 +145,53 @@ TEST(Repository, TwoUpdatesNeverInterleave) {
         pushes.emplace_back([&, p] {
             for (int i = 0; i < 50; ++i) {
                 Repository::ContentUpdate update(repository);
-                auto& counter = update.content().blobs["counter"];
+                auto& counter = update.content().packs["counter"];
                 auto before = counter;
                 std::this_thread::yield();
                 counter = before + 1;
-                update.content().blobs["p" + std::to_string(p)] += 1;
+                update.content().packs["p" + std::to_string(p)] += 1;
                 update.publish();
             }
         });
     }
     for (auto& push : pushes)
         push.join();
-    EXPECT_EQ(repository.content()->blobs.at("counter"), 200);
+    EXPECT_EQ(repository.content()->packs.at("counter"), 200);
+}
+
+TEST(SummaryMap, CopiesShareLayersAndSeeOnlyTheirOwnAdditions) {
+    SummaryMap<std::int64_t> map;
+    for (int i = 0; i < 1000; ++i)
+        map.add("base" + std::to_string(i), i);
+    map.freeze();
+    EXPECT_TRUE(map.added().empty());
+
+    // Many small pushes, each on a copy of the last published map.
+    std::vector<SummaryMap<std::int64_t>> published{map};
+    for (int push = 0; push < 300; ++push) {
+        auto working = published.back();
+        EXPECT_FALSE(working.add("base7", -1));  // held already: kept as it was
+        working.add("push" + std::to_string(push), push);
+        working.add("push" + std::to_string(push), -2);
+        EXPECT_EQ(working.added().size(), 1u);
+        working.freeze();
+        published.push_back(working);
+    }
+    const auto& last = published.back();
+    EXPECT_EQ(last.size(), 1300u);
+    EXPECT_EQ(last.at("base7"), 7);
+    EXPECT_EQ(last.at("push299"), 299);
+    std::size_t visited = 0;
+    last.forEach([&](const std::string&, std::int64_t) { ++visited; });
+    EXPECT_EQ(visited, 1300u);
+    // Earlier snapshots are untouched by what came after them.
+    EXPECT_EQ(published[10].size(), 1010u);
+    EXPECT_FALSE(published[10].contains("push10"));
+    EXPECT_TRUE(published[11].contains("push10"));
+    EXPECT_FALSE(published[11] == last);
+    auto rebuilt = SummaryMap<std::int64_t>();
+    last.forEach([&](const std::string& id, std::int64_t value) { rebuilt.add(id, value); });
+    EXPECT_TRUE(rebuilt == last);
 }
 
 }  // namespace

@@ -43,7 +43,7 @@ TEST_F(StoredRecords, RepositoryRecordsDecodeByVersion) {
 
     RepositoryContent content;
     content.refs["refs/heads/main"] = std::string(40, 'c');
-    content.commits[std::string(40, 'c')] = {std::string(40, 't'), {}};
+    content.commits.add(std::string(40, 'c'), {std::string(40, 't'), {}});
     Bytes document = encodeRepositoryMeta(content);
     auto record = repositoryRecord();
     record.set("meta", file(document));
@@ -172,9 +172,9 @@ TEST_F(StoredRecords, PackContentsGroupByPrefix) {
     RepositoryContent content;
     std::string ab10 = "ab10" + std::string(36, '0'), ab19 = "ab19" + std::string(36, '0');
     std::string ab2 = "ab2" + std::string(37, '0');
-    content.blobs[ab19] = 1;
-    content.commits[ab10] = {};
-    content.trees[ab2] = {};
+    content.blobs.add(ab19, 1);
+    content.commits.add(ab10, {});
+    content.trees.add(ab2, {});
     auto packs = packContents(content, {"ab1", "ab2", "fff"});
     EXPECT_EQ(packs["ab1"], (std::vector<std::string>{ab10, ab19}));
     EXPECT_EQ(packs["ab2"], std::vector<std::string>{ab2});
