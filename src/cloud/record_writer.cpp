@@ -1,5 +1,6 @@
 #include "cloud/record_writer.h"
 
+#include <algorithm>
 #include <map>
 #include <set>
 #include <string>
@@ -61,7 +62,24 @@ std::optional<CloudError> check(const Record& record) {
     return std::nullopt;
 }
 
-void digestAssets(Pending& pending, std::map<std::string, FileDigest>& known) {
+// A file of the asset cache is named by the hash its bytes were checked against when it was
+// written, so its digest is known without reading it: a record saved again with its large
+// fetched assets (a pack, a metadata base) costs no hashing of them.
+std::optional<FileDigest> cachedDigest(const std::filesystem::path& file, const AssetCache& cache) {
+    if (file.parent_path() != cache.directory()) return std::nullopt;
+    std::string name = file.filename().string();
+    bool hashName = name.size() == 64 && std::all_of(name.begin(), name.end(), [](char c) {
+                        return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f');
+                    });
+    if (!hashName) return std::nullopt;
+    std::error_code error;
+    auto size = std::filesystem::file_size(file, error);
+    if (error) return std::nullopt;
+    return FileDigest{std::move(name), size};
+}
+
+void digestAssets(Pending& pending, std::map<std::string, FileDigest>& known,
+                  const AssetCache& cache) {
     forEachAsset(*pending.record, [&](const std::string& key, const Asset& asset) {
         if (pending.error) return;
         if (!asset.fileURL) {
@@ -74,7 +92,8 @@ void digestAssets(Pending& pending, std::map<std::string, FileDigest>& known) {
         auto it = known.find(path);
         if (it == known.end()) {
             try {
-                it = known.emplace(path, digestFile(*asset.fileURL)).first;
+                auto cached = cachedDigest(*asset.fileURL, cache);
+                it = known.emplace(path, cached ? *cached : digestFile(*asset.fileURL)).first;
             } catch (const CloudError& error) {
                 pending.error = error;
                 return;
@@ -236,7 +255,7 @@ std::vector<SaveOutcome> saveRecords(Session& session, DatabaseScope scope,
     for (std::size_t i = 0; i < records.size(); ++i) {
         pending[i].record = &records[i];
         pending[i].error = check(records[i]);
-        if (!pending[i].error) digestAssets(pending[i], digests);
+        if (!pending[i].error) digestAssets(pending[i], digests, session.assetCache);
         anyRefused = anyRefused || pending[i].error;
     }
     if (atomic && anyRefused) return failAll(pending);

@@ -120,9 +120,9 @@ void Backend::saveRecords(cloud::Database& database, const std::vector<cloud::Re
     }
 }
 
-std::shared_ptr<Repository> Backend::loadRepository(cloud::Database& database,
-                                                    const cloud::ZoneId& zone,
-                                                    const std::string& name) {
+std::pair<cloud::Record, cloud::Record> Backend::fetchRepositoryRecords(cloud::Database& database,
+                                                                        const cloud::ZoneId& zone,
+                                                                        const std::string& name) {
     auto results =
         fetchRecords(database, {{kRepositoryRecordName, zone}, {kShareRecordName, zone}});
     auto& repository = results[{kRepositoryRecordName, zone}];
@@ -131,7 +131,32 @@ std::shared_ptr<Repository> Backend::loadRepository(cloud::Database& database,
     if (!repository.record || !share.record || !share.record->isShare()) {
         throw NotFound(scope + " repository " + name + " does not exist");
     }
-    return decodeRepositoryRecord(*repository.record, *share.record);
+    return {std::move(*repository.record), std::move(*share.record)};
+}
+
+std::shared_ptr<Repository> Backend::loadRepository(cloud::Database& database,
+                                                    const cloud::ZoneId& zone,
+                                                    const std::string& name) {
+    auto [record, share] = fetchRepositoryRecords(database, zone, name);
+    return decodeRepositoryRecord(record, share);
+}
+
+std::shared_ptr<Repository> Backend::servedRepository(const cloud::ZoneId& zone) {
+    std::lock_guard lock(servedMutex_);
+    for (const auto& repository : served_) {
+        if (repository->id() == zone.zoneName && repository->owner() == zone.ownerName)
+            return repository;
+    }
+    return nullptr;
+}
+
+void Backend::keepServed(const std::shared_ptr<Repository>& repository) {
+    std::lock_guard lock(servedMutex_);
+    served_.remove_if([&](const std::shared_ptr<Repository>& kept) {
+        return kept->id() == repository->id() && kept->owner() == repository->owner();
+    });
+    served_.push_front(repository);
+    if (served_.size() > kServedRepositories) served_.pop_back();
 }
 
 std::shared_ptr<Repository> Backend::fetchRepository(const std::string& name,
@@ -139,7 +164,19 @@ std::shared_ptr<Repository> Backend::fetchRepository(const std::string& name,
     auto& database = databaseFor(owner);
     const std::string scope = scopeText(database);
     trace(TraceModule::request, "Fetching " + scope + " repository " + name);
-    auto repository = loadRepository(database, zoneOf(name, owner), name);
+    auto zone = zoneOf(name, owner);
+    auto [record, share] = fetchRepositoryRecords(database, zone, name);
+    auto repository = servedRepository(zone);
+    auto unchanged = [](const std::optional<cloud::Record>& kept, const cloud::Record& stored) {
+        return kept && kept->recordChangeTag && kept->recordChangeTag == stored.recordChangeTag;
+    };
+    // A push through this process updates the kept object with the record it saved; anything
+    // saved elsewhere shows as a new change tag.
+    if (!repository || !unchanged(repository->record(), record) ||
+        !unchanged(repository->share(), share)) {
+        repository = decodeRepositoryRecord(record, share);
+    }
+    keepServed(repository);
     trace(TraceModule::response, "Fetched " + scope + " repository " + name);
     return repository;
 }
@@ -425,8 +462,9 @@ void Backend::saveRepository(const std::shared_ptr<Repository>& repository,
         throw;
     }
     trace(TraceModule::response, "saved repository " + repository->name());
-    if (!saved.empty()) repository->setRecord(std::move(saved.front()));
+    // Content first: a reader that sees the new change tag must find the content it stands for.
     update.publish();
+    if (!saved.empty()) repository->setRecord(std::move(saved.front()));
     repository->setMetaSize(static_cast<std::int64_t>(document.size()));
     if (callbacks_.updateRepository) {
         mainQueue_.async([this, repository] { callbacks_.updateRepository(repository); });

@@ -6,10 +6,12 @@
 // main queue. fetchRepository, savePacks and saveRepository are synchronous for the server's
 // connection threads; fetchPacks runs on the fetcher thread. The container serialises its own
 // calls; the backend's own state is the fetcher and the queue, both owned and stopped by its
-// destructor, and the table of push locks under its mutex.
+// destructor, the repositories kept for the daemon under one mutex and the table of push locks
+// under another.
 #pragma once
 
 #include <functional>
+#include <list>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -40,6 +42,8 @@ class Backend {
     static constexpr std::size_t kPackGroup = 100;   // pack records per upload
     // Times a group of pack records is read again and merged after another save changed it.
     static constexpr int kPackMergeAttempts = 20;
+    // Decoded repositories kept for the daemon, the most recently served first.
+    static constexpr std::size_t kServedRepositories = 4;
 
     Backend(cloud::Container& container, Store& store, MainQueue& mainQueue, Callbacks callbacks);
     ~Backend();
@@ -60,7 +64,9 @@ class Backend {
                            Completion<Done> done);
 
     // The repository a git client asked for; fails with NotFound
-    // "<scope> repository <name> does not exist".
+    // "<scope> repository <name> does not exist". The repositories served lately are kept and
+    // handed out again while their stored records keep their change tags, so a request on an
+    // unchanged repository reads two records and no metadata.
     std::shared_ptr<Repository> fetchRepository(const std::string& name, const std::string& owner);
 
     // Adds the objects of `ids` to the pack records of their prefixes, with every other object
@@ -99,8 +105,15 @@ class Backend {
         cloud::Database& database, const std::vector<cloud::RecordId>& ids);
     // The generic save: groups of kSaveGroup, only over unchanged records, all or nothing.
     void saveRecords(cloud::Database& database, const std::vector<cloud::Record>& records);
+    // The repository and share records; NotFound when either is missing.
+    std::pair<cloud::Record, cloud::Record> fetchRepositoryRecords(cloud::Database& database,
+                                                                   const cloud::ZoneId& zone,
+                                                                   const std::string& name);
     std::shared_ptr<Repository> loadRepository(cloud::Database& database, const cloud::ZoneId& zone,
                                                const std::string& name);
+    // The served repository of that zone, if one is kept; keeps `repository` as the latest.
+    std::shared_ptr<Repository> servedRepository(const cloud::ZoneId& zone);
+    void keepServed(const std::shared_ptr<Repository>& repository);
     std::vector<std::shared_ptr<Repository>> listRepositories(cloud::Database& database);
     // The stored pack records among `packIds`; an absent one maps to nothing.
     void readPackRecords(cloud::Database& database, const cloud::ZoneId& zone,
@@ -120,6 +133,9 @@ class Backend {
     Callbacks callbacks_;
     std::unique_ptr<ObjectFetcher> fetcher_;
     std::unique_ptr<WorkQueue> queue_;
+
+    std::mutex servedMutex_;
+    std::list<std::shared_ptr<Repository>> served_;  // guarded by servedMutex_
 
     std::mutex pushLocksMutex_;
     // One per repository (owner, id) pushed to; few enough to keep for the process's life.

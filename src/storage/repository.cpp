@@ -46,9 +46,9 @@ Repository::Repository(std::string id, std::string owner, std::string name,
       owner_(std::move(owner)),
       name_(std::move(name)),
       url_(cloneURL(owner_, name_)),
-      record_(std::move(record)),
       share_(std::move(share)),
-      metaSize_(metaSize) {
+      metaSize_(metaSize),
+      record_(std::move(record)) {
     content.freeze();  // so that a push's working copy shares it
     content_ = std::make_shared<const RepositoryContent>(std::move(content));
     if (record_) {
@@ -90,6 +90,16 @@ Repository::Repository(std::string id, std::string owner, std::string name,
 std::shared_ptr<const RepositoryContent> Repository::content() const {
     std::lock_guard lock(mutex_);
     return content_;
+}
+
+std::optional<cloud::Record> Repository::record() const {
+    std::lock_guard lock(mutex_);
+    return record_;
+}
+
+void Repository::setRecord(cloud::Record record) {
+    std::lock_guard lock(mutex_);
+    record_ = std::move(record);
 }
 
 std::int64_t Repository::metaSize() const {

@@ -65,11 +65,12 @@ class Repository {
     void setParticipants(std::vector<Participant> participants) {
         participants_ = std::move(participants);
     }
-    const std::optional<cloud::Record>& record() const { return record_; }
-    // The record as the store last saved it, with its new change tag, so that the next save
-    // of this object is not refused as stale. Called by the saving push, which owns the object
-    // until it hands it to the application.
-    void setRecord(cloud::Record record) { record_ = std::move(record); }
+    // The repository record as last read or saved; its change tag tells whether this object
+    // still shows what is stored.
+    std::optional<cloud::Record> record() const;
+    // The record as the store saved it with this object's content, with its new change tag, so
+    // that the next save is not refused as stale. Called by the saving push.
+    void setRecord(cloud::Record record);
     // The share record ("SHARE"); its `share` holds the sharing state.
     const std::optional<cloud::Record>& share() const { return share_; }
 
@@ -120,7 +121,6 @@ class Repository {
     std::optional<Clock::time_point> modificationDate_;
     std::optional<std::string> shareURL_;
     std::vector<Participant> participants_;
-    std::optional<cloud::Record> record_;
     std::optional<cloud::Record> share_;
 
     std::mutex updateMutex_;  // held by the one ContentUpdate at a time
@@ -128,6 +128,7 @@ class Repository {
     mutable std::mutex mutex_;
     std::shared_ptr<const RepositoryContent> content_;  // guarded by mutex_
     std::int64_t metaSize_ = 0;                         // guarded by mutex_
+    std::optional<cloud::Record> record_;               // guarded by mutex_
     State state_;                                       // guarded by mutex_
     mutable std::vector<std::string> revList_;          // guarded by mutex_
 };

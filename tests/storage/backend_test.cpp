@@ -113,6 +113,18 @@ TEST_F(BackendTest, PushedObjectsGoUpInPacksAndComeBackThroughTheFetcher) {
     stale.content().refs["refs/heads/master"] = ids.back();
     EXPECT_THROW(other.saveRepository(loaded, stale), Conflict);
     EXPECT_EQ(loaded->content()->refs.at("refs/heads/master"), ids.front());
+
+    // The daemon's lookup decodes again what was saved elsewhere, then hands out the kept object
+    // while the records stay as they are, with what its own pushes saved.
+    auto current = other.fetchRepository("tools", "__defaultOwner__");
+    EXPECT_NE(current, loaded);
+    EXPECT_TRUE(current->content()->refs.contains("refs/heads/dev"));
+    Repository::ContentUpdate own(*current);
+    own.content().refs["refs/heads/own"] = ids.back();
+    other.saveRepository(current, own);
+    auto kept = other.fetchRepository("tools", "__defaultOwner__");
+    EXPECT_EQ(kept, current);
+    EXPECT_TRUE(kept->content()->refs.contains("refs/heads/own"));
 }
 
 TEST_F(BackendTest, PushesThatSaveTheSamePacksKeepEachOthersObjects) {
