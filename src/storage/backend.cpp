@@ -1,5 +1,7 @@
 #include "storage/backend.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <iterator>
 
@@ -9,6 +11,7 @@
 #include "cloud/partial_failure.h"
 #include "objects/sha1.h"
 #include "storage/file_io.h"
+#include "storage/incremental_meta.h"
 #include "storage/repository_meta.h"
 #include "storage/stored_records.h"
 
@@ -54,7 +57,8 @@ Backend::Backend(cloud::Container& container, Store& store, MainQueue& mainQueue
     : container_(container),
       store_(store),
       mainQueue_(mainQueue),
-      callbacks_(std::move(callbacks)) {
+      callbacks_(std::move(callbacks)),
+      incrementalMetaThreshold_(kIncrementalMetaThreshold) {
     fetcher_ = std::make_unique<ObjectFetcher>(
         store_,
         [this](const std::string& name, const std::string& owner,
@@ -174,7 +178,7 @@ std::shared_ptr<Repository> Backend::fetchRepository(const std::string& name,
     // saved elsewhere shows as a new change tag.
     if (!repository || !unchanged(repository->record(), record) ||
         !unchanged(repository->share(), share)) {
-        repository = decodeRepositoryRecord(record, share);
+        repository = decodeRepositoryRecord(record, share, repository.get());
     }
     keepServed(repository);
     trace(TraceModule::response, "Fetched " + scope + " repository " + name);
@@ -429,30 +433,46 @@ std::unique_lock<std::mutex> Backend::lockPushes(const Repository& repository) {
 
 void Backend::saveRepository(const std::shared_ptr<Repository>& repository,
                              Repository::ContentUpdate& update) {
-    if (!repository->record()) throw Error("Failed to save repository " + repository->name());
-    auto file = store_.workingFile(repository->owner() + "." + repository->id());
-    struct RemoveFile {
-        std::filesystem::path path;
-        ~RemoveFile() {
-            std::error_code ignored;
-            std::filesystem::remove(path, ignored);
-        }
-    } removeFile{file};
+    auto stored = repository->record();
+    if (!stored) throw Error("Failed to save repository " + repository->name());
+    auto plan = planMetaSave(*stored, *repository->content(), update.content(),
+                             incrementalMetaThreshold_);
 
-    Bytes document = encodeRepositoryMeta(update.content());
-    writeFileAtomically(file, document);
-    cloud::Record record = *repository->record();
-    record.set("meta", cloud::Asset{file});
-    record.set("version", std::int64_t{2});
+    // Working files are named per process as well: two daemons may share a cache.
+    struct WorkingFiles {
+        std::vector<std::filesystem::path> paths;
+        ~WorkingFiles() {
+            std::error_code ignored;
+            for (const auto& path : paths)
+                std::filesystem::remove(path, ignored);
+        }
+    } files;
+    auto attach = [&](const char* suffix, const Bytes& document) {
+        files.paths.push_back(store_.workingFile(repository->owner() + "." + repository->id() +
+                                                 suffix + "." + std::to_string(::getpid())));
+        writeFileAtomically(files.paths.back(), document);
+        return cloud::Asset{files.paths.back()};
+    };
+    cloud::Record record = *stored;
+    if (plan.base) record.set("meta", attach("", *plan.base));
+    auto increments = plan.keptIncrements;
+    if (plan.increment) increments.push_back(attach(".increment", *plan.increment));
+    if (increments.empty()) {
+        record.remove("increments");
+    } else {
+        record.set("increments", increments);
+    }
+    record.set("version", std::int64_t{plan.version});
 
     trace(TraceModule::request, "saving repository " + repository->name());
     cloud::ModifyRecordsOperation operation;
     operation.recordsToSave = {record};
     operation.savePolicy = cloud::SavePolicy::ifServerRecordUnchanged;
     operation.atomic = true;
+    auto& database = databaseFor(repository->owner());
     std::vector<cloud::Record> saved;
     try {
-        saved = databaseFor(repository->owner()).modifyRecords(operation);
+        saved = database.modifyRecords(operation);
     } catch (const CloudError& error) {
         trace(TraceModule::error, "error saving repository " + repository->name());
         if (isRecordChanged(error)) throw Conflict(error.what());
@@ -464,8 +484,23 @@ void Backend::saveRepository(const std::shared_ptr<Repository>& repository,
     trace(TraceModule::response, "saved repository " + repository->name());
     // Content first: a reader that sees the new change tag must find the content it stands for.
     update.publish();
-    if (!saved.empty()) repository->setRecord(std::move(saved.front()));
-    repository->setMetaSize(static_cast<std::int64_t>(document.size()));
+    repository->setMetaSize(plan.size);
+    if (!saved.empty()) {
+        // The next push reads back this save's increments: as fetched, they are files of the
+        // asset cache, not the working files about to go. A failed read only costs that push a
+        // new base.
+        if (plan.version == 3) {
+            try {
+                auto again = fetchRecords(database, {saved.front().recordId});
+                auto& fetched = again[saved.front().recordId].record;
+                if (fetched && fetched->recordChangeTag == saved.front().recordChangeTag)
+                    saved.front() = std::move(*fetched);
+            } catch (const std::exception& error) {
+                trace(TraceModule::error, error.what());
+            }
+        }
+        repository->setRecord(std::move(saved.front()));
+    }
     if (callbacks_.updateRepository) {
         mainQueue_.async([this, repository] { callbacks_.updateRepository(repository); });
     }

@@ -85,6 +85,10 @@ class Backend {
     void saveRepository(const std::shared_ptr<Repository>& repository,
                         Repository::ContentUpdate& update);
 
+    // Metadata documents of this compressed size or more are saved as a base and increments.
+    // Tests lower it to reach that layout with small histories.
+    void setIncrementalMetaThreshold(std::size_t bytes) { incrementalMetaThreshold_ = bytes; }
+
     // Serialises the pushes to one repository within this process, from the upload of their
     // objects to the save of their references.
     std::unique_lock<std::mutex> lockPushes(const Repository& repository);
@@ -133,6 +137,7 @@ class Backend {
     Callbacks callbacks_;
     std::unique_ptr<ObjectFetcher> fetcher_;
     std::unique_ptr<WorkQueue> queue_;
+    std::size_t incrementalMetaThreshold_;
 
     std::mutex servedMutex_;
     std::list<std::shared_ptr<Repository>> served_;  // guarded by servedMutex_

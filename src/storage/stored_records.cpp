@@ -9,6 +9,7 @@
 #include "objects/lzfse_compression.h"
 #include "objects/sha1.h"
 #include "storage/file_io.h"
+#include "storage/incremental_meta.h"
 #include "storage/repository_meta.h"
 
 namespace corvane {
@@ -63,7 +64,8 @@ std::set<std::string> decodePackV1(const cloud::Record& record, Store& store) {
 }  // namespace
 
 std::shared_ptr<Repository> decodeRepositoryRecord(const cloud::Record& record,
-                                                   const cloud::Record& share) {
+                                                   const cloud::Record& share,
+                                                   const Repository* known) {
     const auto* name = record.get<std::string>("name");
     if (!name) throw Error("Corrupted repository record: missing name");
     const auto& zone = record.recordId.zoneId;
@@ -72,12 +74,17 @@ std::shared_ptr<Repository> decodeRepositoryRecord(const cloud::Record& record,
     const auto* meta = record.get<cloud::Asset>("meta");
     if (meta && meta->fileURL) {
         auto version = versionOf(record);
-        if (version != 1 && version != 2) {
+        if (version == 3) {
+            auto state = readIncrementalMeta(record, known);
+            content = std::move(state.content);
+            metaSize = state.size;
+        } else if (version == 1 || version == 2) {
+            Bytes document = readAsset(*meta);
+            metaSize = static_cast<std::int64_t>(document.size());
+            content = decodeRepositoryMeta(document, static_cast<int>(version));
+        } else {
             throw Error("Unsupported repository version. Try updating Corvane.");
         }
-        Bytes document = readAsset(*meta);
-        metaSize = static_cast<std::int64_t>(document.size());
-        content = decodeRepositoryMeta(document, static_cast<int>(version));
     }
     return std::make_shared<Repository>(zone.zoneName, zone.ownerName, *name, record, share,
                                         std::move(content), metaSize);

@@ -25,11 +25,14 @@ inline constexpr const char* kRepositoryRecordName = "REPOSITORY";
 inline constexpr const char* kShareRecordName = "SHARE";
 inline constexpr const char* kPackRecordType = "pack";
 
-// Builds the repository from its records, reading and decoding the metadata asset. Fails with
-// "Corrupted repository record: missing name", "Unsupported repository version. Try updating
-// Corvane." or the error of reading and decoding the document.
+// Builds the repository from its records, reading and decoding the metadata documents (version
+// 1, 2, or 3: a base and increments; `known`, decoded from an earlier state of the record, spares
+// reading again what it holds). Fails with "Corrupted repository record: missing name",
+// "Unsupported repository version. Try updating Corvane." or the error of reading and decoding a
+// document.
 std::shared_ptr<Repository> decodeRepositoryRecord(const cloud::Record& record,
-                                                   const cloud::Record& share);
+                                                   const cloud::Record& share,
+                                                   const Repository* known = nullptr);
 
 // Places the objects of a pack record in the cache and returns their ids. Fails with
 // "Unsupported pack version <n>. Try updating Corvane.", "Corrupted pack <name>",

@@ -7,6 +7,7 @@
 
 #include "objects/lzfse_compression.h"
 #include "storage/file_io.h"
+#include "storage/incremental_meta.h"
 #include "storage/repository_meta.h"
 #include "support/error_message.h"
 #include "support/process.h"
@@ -53,16 +54,83 @@ TEST_F(StoredRecords, RepositoryRecordsDecodeByVersion) {
     EXPECT_EQ(loaded->metaSize(), static_cast<std::int64_t>(document.size()));
     EXPECT_EQ(loaded->state().head, "ref: refs/heads/main");
 
-    record.set("version", std::int64_t{3});
+    record.set("version", std::int64_t{4});
     EXPECT_EQ(testing::errorMessage([&] { decodeRepositoryRecord(record, shareRecord()); }),
               "Unsupported repository version. Try updating Corvane.");
     auto noMeta = repositoryRecord();
-    noMeta.set("version", std::int64_t{3});  // not looked at without a document
+    noMeta.set("version", std::int64_t{4});  // not looked at without a document
     EXPECT_NO_THROW(decodeRepositoryRecord(noMeta, shareRecord()));
     auto nameless = repositoryRecord();
     nameless.remove("name");
     EXPECT_EQ(testing::errorMessage([&] { decodeRepositoryRecord(nameless, shareRecord()); }),
               "Corrupted repository record: missing name");
+}
+
+TEST_F(StoredRecords, VersionThreeWritesWhatEachPushChangedAndReadsBackEveryState) {
+    auto hexId = [](int number) {
+        char text[41];
+        std::snprintf(text, sizeof text, "%040x", number);
+        return std::string(text);
+    };
+    RepositoryContent state;
+    for (int i = 0; i < 1000; ++i)
+        state.commits.add(hexId(i), {hexId(1 << 20 | i), {hexId(i - 1)}});
+    state.refs["refs/heads/main"] = hexId(999);
+    state.freeze();
+
+    auto record = repositoryRecord();
+    std::shared_ptr<Repository> known;
+    std::size_t threshold = SIZE_MAX;
+    int saves = 0;
+    auto push = [&](RepositoryContent after) {
+        auto plan = planMetaSave(record, state, after, threshold);
+        if (plan.base) record.set("meta", file(*plan.base));
+        auto increments = plan.keptIncrements;
+        if (plan.increment) increments.push_back(file(*plan.increment));
+        record.set("increments", increments);
+        record.set("version", std::int64_t{plan.version});
+        // A reader that knew the state before sees the push, and so does one from nothing.
+        auto extended = decodeRepositoryRecord(record, shareRecord(), known.get());
+        EXPECT_EQ(*extended->content(), after);
+        EXPECT_EQ(extended->metaSize(), plan.size);
+        if (++saves % 16 == 0) {
+            auto fresh = decodeRepositoryRecord(record, shareRecord());
+            EXPECT_EQ(*fresh->content(), after);
+        }
+        known = extended;
+        after.freeze();
+        state = std::move(after);
+        return plan;
+    };
+
+    // Under the threshold a save is the whole version-2 document; past it, the same document
+    // becomes the base of version 3.
+    EXPECT_EQ(push(state).version, 2);
+    threshold = 1000;
+    auto converted = push(state);
+    ASSERT_EQ(converted.version, 3);
+    ASSERT_TRUE(converted.base);
+    const auto baseSize = converted.base->size();
+
+    std::size_t written = 0, baseWrites = 0, mostIncrements = 0;
+    for (int i = 1000; i < 1600; ++i) {
+        RepositoryContent after = state;
+        after.commits.add(hexId(i), {hexId(1 << 20 | i), {hexId(i - 1)}});
+        after.refs["refs/heads/main"] = hexId(i);
+        after.packs[hexId(i).substr(37)] = i;
+        if (i % 7 == 0) after.refs["refs/heads/topic" + std::to_string(i % 3)] = hexId(i);
+        if (i % 11 == 0) after.refs.erase("refs/heads/topic" + std::to_string(i % 3));
+        auto plan = push(after);
+        ASSERT_EQ(plan.version, 3);
+        written += (plan.base ? plan.base->size() : 0) + (plan.increment ? plan.increment->size() : 0);
+        baseWrites += plan.base ? 1 : 0;
+        mostIncrements = std::max(mostIncrements, plan.keptIncrements.size() + 1);
+    }
+    // 600 pushes rewrote the base now and then and kept few increments; in all they wrote a
+    // tenth of what a whole document each time would be (600 bases at least).
+    EXPECT_GE(baseWrites, 1u);
+    EXPECT_LE(mostIncrements, 10u);
+    EXPECT_LT(written, 60 * baseSize);
 }
 
 TEST_F(StoredRecords, PackRecordsOfBothVersions) {

@@ -1,0 +1,179 @@
+#include "storage/incremental_meta.h"
+
+#include <algorithm>
+#include <filesystem>
+
+#include "base/error.h"
+#include "storage/file_io.h"
+#include "storage/repository_meta.h"
+
+namespace corvane {
+
+namespace {
+
+bool isVersion3(const cloud::Record& record) {
+    const auto* version = record.get<std::int64_t>("version");
+    return version && *version == 3;
+}
+
+std::vector<cloud::Asset> incrementsOf(const cloud::Record& record) {
+    const auto* increments = record.get<std::vector<cloud::Asset>>("increments");
+    return increments ? *increments : std::vector<cloud::Asset>{};
+}
+
+Bytes readDocument(const cloud::Asset& asset) {
+    if (!asset.fileURL) throw Error("Corrupted repository record: a metadata document is missing");
+    return readFile(*asset.fileURL);
+}
+
+// The number of increments `known` has already applied when `increments` extends its list over
+// the same base; none otherwise.
+std::optional<std::size_t> knownPrefix(const cloud::Record& record, const Repository* known) {
+    if (!known) return std::nullopt;
+    auto knownRecord = known->record();
+    if (!knownRecord || !isVersion3(*knownRecord)) return std::nullopt;
+    const auto* base = record.get<cloud::Asset>("meta");
+    const auto* knownBase = knownRecord->get<cloud::Asset>("meta");
+    if (!base || !knownBase || !base->fileURL || base->fileURL != knownBase->fileURL)
+        return std::nullopt;
+    auto have = incrementsOf(*knownRecord);
+    auto now = incrementsOf(record);
+    if (have.size() > now.size() || !std::equal(have.begin(), have.end(), now.begin()))
+        return std::nullopt;
+    return have.size();
+}
+
+MetaSave wholeDocument(const RepositoryContent& after, int version) {
+    MetaSave save;
+    save.version = version;
+    save.base = encodeRepositoryMeta(after);
+    save.size = static_cast<std::int64_t>(save.base->size());
+    return save;
+}
+
+}  // namespace
+
+RepositoryContent incrementBetween(const RepositoryContent& before,
+                                   const RepositoryContent& after) {
+    RepositoryContent increment;
+    for (const auto& [name, id] : after.refs) {
+        auto old = before.refs.find(name);
+        if (old == before.refs.end() || old->second != id) increment.refs[name] = id;
+    }
+    for (const auto& [name, id] : before.refs) {
+        if (!after.refs.contains(name)) increment.refs[name] = kDeletedRef;
+    }
+    for (const auto& [packId, size] : after.packs) {
+        auto old = before.packs.find(packId);
+        if (old == before.packs.end() || old->second != size) increment.packs[packId] = size;
+    }
+    auto copyAdded = [](const auto& from, auto& into) {
+        for (const auto& [id, summary] : from.added())
+            into.add(id, summary);
+    };
+    copyAdded(after.tags, increment.tags);
+    copyAdded(after.commits, increment.commits);
+    copyAdded(after.trees, increment.trees);
+    copyAdded(after.blobs, increment.blobs);
+    return increment;
+}
+
+void applyIncrement(const RepositoryContent& increment, RepositoryContent& content,
+                    bool intoIncrement) {
+    for (const auto& [name, id] : increment.refs) {
+        if (id == kDeletedRef && !intoIncrement) {
+            content.refs.erase(name);
+        } else {
+            content.refs[name] = id;
+        }
+    }
+    for (const auto& [packId, size] : increment.packs)
+        content.packs[packId] = size;
+    auto addAll = [](const auto& from, auto& into) {
+        from.forEach([&](const std::string& id, const auto& summary) { into.add(id, summary); });
+    };
+    addAll(increment.tags, content.tags);
+    addAll(increment.commits, content.commits);
+    addAll(increment.trees, content.trees);
+    addAll(increment.blobs, content.blobs);
+}
+
+StoredState readIncrementalMeta(const cloud::Record& record, const Repository* known) {
+    StoredState state;
+    auto increments = incrementsOf(record);
+    std::size_t next = 0;
+    if (auto applied = knownPrefix(record, known)) {
+        state.content = *known->content();
+        state.size = known->metaSize();
+        next = *applied;
+    } else {
+        const auto* base = record.get<cloud::Asset>("meta");
+        if (!base) throw Error("Corrupted repository record: a metadata document is missing");
+        Bytes document = readDocument(*base);
+        state.size = static_cast<std::int64_t>(document.size());
+        state.content = decodeRepositoryMeta(document, 2);
+    }
+    for (; next < increments.size(); ++next) {
+        Bytes document = readDocument(increments[next]);
+        state.size += static_cast<std::int64_t>(document.size());
+        applyIncrement(decodeRepositoryMeta(document, 2), state.content);
+    }
+    return state;
+}
+
+MetaSave planMetaSave(const cloud::Record& stored, const RepositoryContent& before,
+                      const RepositoryContent& after, std::size_t threshold) {
+    const auto* base = stored.get<cloud::Asset>("meta");
+    if (!isVersion3(stored) || !base || !base->fileURL) {
+        auto save = wholeDocument(after, 2);
+        if (save.base->size() >= threshold) save.version = 3;
+        return save;
+    }
+
+    MetaSave save;
+    save.version = 3;
+    bool readable = true;
+    auto sizeOf = [&](const cloud::Asset& asset) -> std::uintmax_t {
+        std::error_code error;
+        auto size = asset.fileURL ? std::filesystem::file_size(*asset.fileURL, error) : 0;
+        readable = readable && asset.fileURL && !error;
+        return size;
+    };
+    auto baseSize = sizeOf(*base);
+    std::vector<std::uintmax_t> sizes;
+    save.keptIncrements = incrementsOf(stored);
+    for (const auto& kept : save.keptIncrements)
+        sizes.push_back(sizeOf(kept));
+    // Documents this process cannot read back (a record it saved but could not read again)
+    // leave one safe way: a new base.
+    if (!readable) return wholeDocument(after, 3);
+
+    // The last two merge while the older is at most twice the newer, so sizes more than halve
+    // from each increment to the next.
+    RepositoryContent tail = incrementBetween(before, after);
+    Bytes encoded = encodeRepositoryMeta(tail);
+    while (!save.keptIncrements.empty() && sizes.back() <= 2 * encoded.size()) {
+        RepositoryContent earlier;
+        try {
+            earlier = decodeRepositoryMeta(readDocument(save.keptIncrements.back()), 2);
+        } catch (const Error&) {
+            return wholeDocument(after, 3);
+        }
+        applyIncrement(tail, earlier, true);
+        tail = std::move(earlier);
+        encoded = encodeRepositoryMeta(tail);
+        save.keptIncrements.pop_back();
+        sizes.pop_back();
+    }
+    std::uintmax_t total = encoded.size();
+    for (auto size : sizes)
+        total += size;
+    // Increments worth half the base, or too many of them, are folded into a new base.
+    if (2 * total >= baseSize || save.keptIncrements.size() + 1 > kMaxIncrements)
+        return wholeDocument(after, 3);
+    save.increment = std::move(encoded);
+    save.size = static_cast<std::int64_t>(baseSize + total);
+    return save;
+}
+
+}  // namespace corvane
