@@ -2,7 +2,8 @@
 // each of the push's cloud operations in turn: at its start, instead of its commit, and after
 // its commit (done, but reported failed). After every failure the references are exactly as
 // before or exactly as after, a clone with an empty cache is complete and fsck-clean, and the
-// same push then succeeds.
+// same push then succeeds. The sweep runs on both metadata layouts: one whole document, and a
+// base with increments.
 #include <gtest/gtest.h>
 
 #include "app/application.h"
@@ -16,7 +17,8 @@ using FailWhen = testing::AppFixture::FailWhen;
 const std::map<std::string, std::string> kGit = {
     {"GIT_CONFIG_NOSYSTEM", "1"}, {"GIT_CONFIG_GLOBAL", "/dev/null"}, {"GIT_TERMINAL_PROMPT", "0"}};
 
-struct PushFaults : testing::AppFixture {
+// The metadata threshold: one whole document, or a base and increments from the first save on.
+struct PushFaults : testing::AppFixture, ::testing::WithParamInterface<std::size_t> {
     std::unique_ptr<Server> server = makeGitServer(*state);
     // Clones come from a second daemon with a cache of its own, on the same store, never faulty.
     std::string verifierCache = dir.path() + "/verifier-cache";
@@ -27,6 +29,7 @@ struct PushFaults : testing::AppFixture {
     std::string source = dir.path() + "/source";
 
     void SetUp() override {
+        state->backend().setIncrementalMetaThreshold(GetParam());
         ASSERT_TRUE(server->start(0));
         ASSERT_TRUE(verifier->start(0));
         std::filesystem::create_directories(source);
@@ -84,7 +87,7 @@ struct PushFaults : testing::AppFixture {
     }
 };
 
-TEST_F(PushFaults, EveryCloudOperationOfAPushMayFailAndNothingIsLost) {
+TEST_P(PushFaults, EveryCloudOperationOfAPushMayFailAndNothingIsLost) {
     push(commitOfDev(100));
     // Measure the operations of one increment, as every later one makes about as many.
     int next = 100;
@@ -128,6 +131,12 @@ TEST_F(PushFaults, EveryCloudOperationOfAPushMayFailAndNothingIsLost) {
     RecordProperty("lost objects", lost);
     std::printf("%d injection points, %d incomplete clones\n", points, lost);
 }
+
+INSTANTIATE_TEST_SUITE_P(Layouts, PushFaults, ::testing::Values(SIZE_MAX, 0),
+                         [](const auto& layout) {
+                             return layout.param == 0 ? std::string("BaseAndIncrements")
+                                                      : std::string("WholeDocument");
+                         });
 
 }  // namespace
 }  // namespace corvane

@@ -127,6 +127,40 @@ TEST_F(BackendTest, PushedObjectsGoUpInPacksAndComeBackThroughTheFetcher) {
     EXPECT_TRUE(kept->content()->refs.contains("refs/heads/own"));
 }
 
+TEST_F(BackendTest, LargeMetadataBecomesABaseWithIncrementsThatReadersFollow) {
+    auto repository = create("tools");
+    LoopMainQueue otherQueue;
+    Backend reader(*container, store, otherQueue, {});
+    auto versionOf = [&] { return *repository->record()->get<std::int64_t>("version"); };
+    auto push = [&](int i) {
+        Repository::ContentUpdate update(*repository);
+        Object blob(ObjectType::blob, toBytes("blob " + std::to_string(i)));
+        summarise(blob, update.content());
+        update.content().refs["refs/heads/b" + std::to_string(i % 3)] = blob.id();
+        if (i % 4 == 3) update.content().refs.erase("refs/heads/b0");
+        backend.saveRepository(repository, update);
+        // Whatever the layout, another daemon reads what was saved.
+        auto seen = reader.fetchRepository("tools", "__defaultOwner__");
+        EXPECT_EQ(*seen->content(), *repository->content()) << "push " << i;
+        EXPECT_EQ(seen->metaSize(), repository->metaSize()) << "push " << i;
+    };
+    push(0);
+    EXPECT_EQ(versionOf(), 2);
+    backend.setIncrementalMetaThreshold(1);
+    push(1);
+    EXPECT_EQ(versionOf(), 3);
+    EXPECT_FALSE(repository->record()->get<std::vector<cloud::Asset>>("increments"));
+    for (int i = 2; i < 12; ++i)
+        push(i);
+    EXPECT_EQ(versionOf(), 3);
+    auto record = repository->record();
+    const auto* increments = record->get<std::vector<cloud::Asset>>("increments");
+    ASSERT_TRUE(increments);
+    // The next push merges with these: they are readable files, not the removed working files.
+    for (const auto& increment : *increments)
+        EXPECT_TRUE(std::filesystem::exists(*increment.fileURL));
+}
+
 TEST_F(BackendTest, PushesThatSaveTheSamePacksKeepEachOthersObjects) {
     auto repository = create("tools");
     // Two machines with caches of their own push different objects of the same prefixes, each
