@@ -1,79 +1,171 @@
 #!/usr/bin/env bash
-# Times Corvane's daemon against `git daemon` on the same history, interleaved in one run:
-# a full push into an empty repository, a full clone (warm object cache), a clone with a cold
-# cache (every object from the record store), ls-remote, and a fetch of one new commit.
-# Prints each Corvane/git-daemon ratio and the Corvane server's peak memory.
+# Times Corvane's daemon against `git daemon` on the same histories, interleaved in one run, and
+# says which targets hold. For each history: a full push into an empty repository, clones with a
+# warm and a cold object cache, ls-remote, a fetch with nothing new, a push of one commit on the
+# longest branch, and the fetch of that commit. Memory is each server's peak resident size during
+# the operation: Corvane's one process, and git daemon's largest process (it forks per request).
 #
-# usage: [TMPDIR=DIR] bench/serve_vs_git_daemon.sh [BUILD_DIR] [BUNDLE]
+# usage: [TMPDIR=DIR] bench/serve_vs_git_daemon.sh [-b BUILD_DIR] [HISTORY...]
 #
-# Both servers keep their data under TMPDIR. On an ext4 file system without a journal, creating
-# files is very slow for a few minutes after many were deleted (the kernel skips recently freed
-# inodes), which swamps the push and cold clone figures; TMPDIR=/dev/shm measures the servers
-# rather than that.
+# A HISTORY is a bundle or a bare repository; its refs/heads/* and refs/tags/* are pushed. Without
+# one: the lz4 bundle of the test data and a bare clone of curl (about 290k objects, 40k commits),
+# fetched once into BUILD_DIR/bench-histories.
+#
+# Both servers keep their data under TMPDIR (default /tmp); point it at an ext4 folder and at
+# /dev/shm to compare disks.
 set -euo pipefail
 here=$(cd "$(dirname "$0")/.." && pwd)
-build=${1:-$here/build}
-bundle=${2:-$here/../shared/testdata/lz4.bundle}
+build=$here/build
+if [[ ${1:-} == -b ]]; then build=$(cd "$2" && pwd); shift 2; fi
 corvane=$build/src/corvane
+histories=("$@")
+if [[ ${#histories[@]} -eq 0 ]]; then
+    curl_repo=$build/bench-histories/curl.git
+    if [[ ! -d $curl_repo ]]; then
+        mkdir -p "$(dirname "$curl_repo")"
+        git clone -q --bare https://github.com/curl/curl.git "$curl_repo"
+    fi
+    histories=("$here/../shared/testdata/lz4.bundle" "$curl_repo")
+fi
 
-work=$(mktemp -d)
-trap 'kill $(jobs -p) 2>/dev/null || true; wait 2>/dev/null || true; rm -rf "$work"' EXIT
-export XDG_DATA_HOME=$work/data XDG_CACHE_HOME=$work/cache HOME=$work
 export GIT_CONFIG_NOSYSTEM=1 GIT_CONFIG_GLOBAL=/dev/null
-export GIT_AUTHOR_NAME=Bench GIT_AUTHOR_EMAIL=bench@example.com
+export GIT_AUTHOR_NAME=Bench GIT_AUTHOR_EMAIL=bench@example.com GIT_AUTHOR_DATE=2026-01-01T00:00:00
 export GIT_COMMITTER_NAME=Bench GIT_COMMITTER_EMAIL=bench@example.com
+export GIT_COMMITTER_DATE=2026-01-01T00:00:00
 
 free_port() { python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])'; }
+wait_port() { python3 - "$1" <<'EOF'
+import socket, sys, time
+for _ in range(500):
+    try:
+        socket.create_connection(("127.0.0.1", int(sys.argv[1])), 0.1).close(); sys.exit(0)
+    except OSError:
+        time.sleep(0.01)
+sys.exit(1)
+EOF
+}
 now() { date +%s.%N; }
-elapsed() { python3 -c "print(f'{$2 - $1:.3f}')"; }
-
-git clone -q --mirror "$bundle" "$work/source"
-mkdir "$work/daemon"
-
-cport=$(free_port)
-"$corvane" serve --port "$cport" 2> "$work/corvane.log" &
-cpid=$!
-gport=$(free_port)
-git daemon --reuseaddr --listen=127.0.0.1 --port="$gport" --base-path="$work/daemon" \
-    --export-all --enable=receive-pack 2> "$work/daemon.log" &
-sleep 1
-"$corvane" create bench > /dev/null 2>&1
-git init -q --bare "$work/daemon/bench"
-
-url_corvane="git://127.0.0.1:$cport/bench"
-url_daemon="git://127.0.0.1:$gport/bench"
-
-declare -A corvane_time daemon_time
-measure() {  # name, then the command with URL standing for the server's address
+# A failed operation ends the run: its figures would mean nothing.
+run() {
     local name=$1; shift
-    local start end
-    start=$(now); "${@//URL/$url_corvane}" > /dev/null 2>&1; end=$(now)
-    corvane_time[$name]=$(elapsed "$start" "$end")
-    start=$(now); "${@//URL/$url_daemon}" > /dev/null 2>&1; end=$(now)
-    daemon_time[$name]=$(elapsed "$start" "$end")
+    if ! "$@" > "$root/last.log" 2>&1; then
+        echo "$name failed: $*" >&2; cat "$root/last.log" >&2; exit 1
+    fi
 }
 
-measure push git -C "$work/source" push -q --mirror URL
-rm -rf "$work/c1" "$work/d1"
-start=$(now); git clone -q --bare "$url_corvane" "$work/c1"; end=$(now); corvane_time[warm_clone]=$(elapsed "$start" "$end")
-start=$(now); git clone -q --bare "$url_daemon" "$work/d1"; end=$(now); daemon_time[warm_clone]=$(elapsed "$start" "$end")
-rm -rf "$work/cache/corvane"
-start=$(now); git clone -q --bare "$url_corvane" "$work/c2"; end=$(now); corvane_time[cold_clone]=$(elapsed "$start" "$end")
-start=$(now); git clone -q --bare "$url_daemon" "$work/d2"; end=$(now); daemon_time[cold_clone]=$(elapsed "$start" "$end")
-measure ls_remote git ls-remote URL
+# Runs git daemon until SIGTERM, then prints the largest peak resident size (KiB) of the
+# processes it forked and waited for.
+daemon_with_peak() { exec python3 - "$@" <<'EOF'
+import resource, signal, subprocess, sys
+out, args = sys.argv[1], sys.argv[2:]
+child = subprocess.Popen(args)
+signal.signal(signal.SIGTERM, lambda *_: child.terminate())
+child.wait()
+with open(out, "w") as f:
+    f.write(str(resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss))
+EOF
+}
 
-# One new commit, pushed to both, then fetched by the older clones.
-git clone -q -b dev "$bundle" "$work/edit"
-git -C "$work/edit" commit -q --allow-empty -m "one more"
-git -C "$work/edit" push -q "$url_corvane" HEAD:refs/heads/dev 2>/dev/null
-git -C "$work/edit" push -q "$url_daemon" HEAD:refs/heads/dev 2>/dev/null
-start=$(now); git -C "$work/c1" fetch -q "$url_corvane" dev; end=$(now); corvane_time[fetch_one]=$(elapsed "$start" "$end")
-start=$(now); git -C "$work/d1" fetch -q "$url_daemon" dev; end=$(now); daemon_time[fetch_one]=$(elapsed "$start" "$end")
+bench_history() {
+    local history=$1 work=$2
+    local source=$work/source.git
+    git clone -q --bare "$history" "$source"  # heads and tags; a local clone links its objects
+    local branch
+    branch=$(git -C "$source" for-each-ref --format='%(refname:short)' refs/heads |
+        while read -r b; do echo "$(git -C "$source" rev-list --count "refs/heads/$b") $b"; done |
+        sort -rn | head -1 | cut -d' ' -f2)
+    local objects
+    objects=$(git -C "$source" rev-list --objects --branches --tags | wc -l)
 
-peak=$(awk '/VmHWM/ {print $2 / 1024 " MB"}' "/proc/$cpid/status")
-printf '%-12s %10s %10s %8s\n' operation corvane git-daemon ratio
-for name in push warm_clone cold_clone ls_remote fetch_one; do
-    c=${corvane_time[$name]}; d=${daemon_time[$name]}
-    printf '%-12s %9ss %9ss %7sx\n' "$name" "$c" "$d" "$(python3 -c "print(f'{$c / max($d, 0.001):.1f}')")"
+    export XDG_DATA_HOME=$work/data XDG_CACHE_HOME=$work/cache HOME=$work
+    mkdir -p "$work/daemon"
+    local cport gport
+    cport=$(free_port)
+    "$corvane" serve --port "$cport" 2> "$work/corvane.log" &
+    local cpid=$!
+    wait_port "$cport"
+    "$corvane" create bench > /dev/null
+    git init -q --bare "$work/daemon/bench"
+    local url_c="git://127.0.0.1:$cport/bench"
+
+    declare -gA ctime dtime cmem dmem
+    # name, then the command, where URL stands for the server's address and SIDE for c or d
+    # (folders of each server's own).
+    measure() {
+        local name=$1; shift
+        local start end args
+        args=("${@//URL/$url_c}")
+        echo 5 > "/proc/$cpid/clear_refs"
+        start=$(now); run "$name" "${args[@]//SIDE/c}"; end=$(now)
+        ctime[$name]=$(python3 -c "print($end - $start)")
+        cmem[$name]=$(awk '/VmHWM/ {print $2}' "/proc/$cpid/status")
+
+        gport=$(free_port)
+        (daemon_with_peak "$work/gpeak" git daemon --reuseaddr --listen=127.0.0.1 \
+            --port="$gport" --base-path="$work/daemon" --export-all --enable=receive-pack \
+            2>> "$work/daemon.log") &
+        local gpid=$!
+        wait_port "$gport"
+        args=("${@//URL/git://127.0.0.1:$gport/bench}")
+        start=$(now); run "$name" "${args[@]//SIDE/d}"; end=$(now)
+        dtime[$name]=$(python3 -c "print($end - $start)")
+        kill -TERM "$gpid"; wait "$gpid" || true
+        dmem[$name]=$(cat "$work/gpeak")
+    }
+
+    measure push git -C "$source" push -q URL 'refs/heads/*:refs/heads/*' 'refs/tags/*:refs/tags/*'
+    measure clone_warm git clone -q --bare URL "$work/warm_SIDE"
+    rm -rf "$work/cache/corvane"
+    measure clone_cold git clone -q --bare URL "$work/cold_SIDE"
+    measure ls_remote git ls-remote URL
+    for side in c d; do
+        git clone -q --bare -b "$branch" --single-branch "$source" "$work/fetcher_$side"
+    done
+    measure fetch_none git -C "$work/fetcher_SIDE" fetch -q URL "$branch"
+
+    # One new commit on the longest branch, the same object for both servers.
+    local commit
+    commit=$(git -C "$source" commit-tree -p "refs/heads/$branch" -m "one more" \
+        "refs/heads/$branch^{tree}")
+    git -C "$source" update-ref refs/bench/one "$commit"
+    measure push_one git -C "$source" push -q URL "refs/bench/one:refs/heads/$branch"
+    measure fetch_one git -C "$work/fetcher_SIDE" fetch -q URL "$branch"
+    git -C "$source" update-ref -d refs/bench/one
+
+    local size
+    size=$(du -sh "$source" | cut -f1)
+    echo
+    echo "## $(basename "$history"): $objects objects, $size, longest branch $branch"
+    echo
+    printf '| %-10s | %9s | %9s | %6s | %11s | %11s | %-24s |\n' operation corvane git ratio \
+        "corvane MiB" "git MiB" "target"
+    printf '|%s|\n' "------------|-----------|-----------|--------|-------------|-------------|--------------------------"
+    for name in push clone_warm clone_cold ls_remote fetch_none push_one fetch_one; do
+        python3 - "$name" "${ctime[$name]}" "${dtime[$name]}" "${cmem[$name]}" "${dmem[$name]}" <<'EOF'
+import sys
+name, ct, dt, cm, dm = sys.argv[1], *map(float, sys.argv[2:])
+ratio = ct / max(dt, 0.001)
+limits = {"push": 3, "clone_warm": 1.5, "ls_remote": 1.5, "fetch_none": 1.5, "push_one": 2}
+held = []
+if name in limits:
+    held.append(f"time ≤{limits[name]}× {'holds' if ratio <= limits[name] else 'MISSED'}")
+if name in ("push", "clone_warm", "clone_cold"):
+    held.append(f"mem ≤2× {'holds' if cm <= 2 * dm else 'MISSED'}")
+if cm > 512 * 1024:
+    held.append("mem >512 MiB MISSED")
+print(f"| {name:<10} | {ct:8.3f}s | {dt:8.3f}s | {ratio:5.1f}× | {cm / 1024:11.0f} | "
+      f"{dm / 1024:11.0f} | {', '.join(held):<24} |")
+EOF
+    done
+    kill "$cpid"; wait "$cpid" || true
+}
+
+root=$(mktemp -d)
+trap 'kill $(jobs -p) 2>/dev/null || true; wait 2>/dev/null || true; rm -rf "$root"' EXIT
+echo "corvane at $(git -C "$here" rev-parse --short HEAD), $(git --version), data under ${TMPDIR:-/tmp}"
+n=0
+for history in "${histories[@]}"; do
+    n=$((n + 1))
+    mkdir -p "$root/$n"
+    bench_history "$history" "$root/$n"
 done
-echo "corvane serve peak memory: $peak"

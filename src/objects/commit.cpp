@@ -69,10 +69,11 @@ CommitSignature parseSignature(std::string_view text) {
 
 // Layout: header lines ("tree <id>", "parent <id>"..., "author <sig>", "committer <sig>", others
 // such as "encoding" or "gpgsig" with space-led continuation lines), a blank line, the message.
-Commit parseCommit(const Object& object) {
+Commit parseCommit(const Object& object, TextCheck check) {
     const std::string& id = object.id();
     std::string_view text = asText(object.data());
-    if (!isValidUtf8(text)) throw Error("Corrupted commit object " + id);
+    if (check == TextCheck::utf8 && !isValidUtf8(text))
+        throw Error("Corrupted commit object " + id);
     auto parts = splitObjectText(text);
     if (!parts) throw Error("Corrupted commit object " + id);
 

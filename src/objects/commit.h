@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "objects/object.h"
+#include "objects/text_check.h"
 
 namespace corvane {
 
@@ -38,7 +39,7 @@ struct Commit {
 // Parses the contents of a commit object. Fails with "Corrupted commit object <id>",
 // "Corrupted commit <id>", "Invalid parent on commit <id>", "Multiple authors on commit <id>",
 // "Multiple committers on commit <id>" or "Invalid email in commit object".
-Commit parseCommit(const Object& object);
+Commit parseCommit(const Object& object, TextCheck check = TextCheck::utf8);
 
 // Parses the value of an "author", "committer" or "tagger" line:
 // "<name> <<email>> <seconds> <zone>". Fails with "Invalid email in commit object".

@@ -9,10 +9,10 @@ namespace corvane {
 
 // Layout: "object <id>", "type <name>", "tag <name>", "tagger <sig>" lines, a blank line, then
 // the message (with any signature inside it).
-Tag parseTag(const Object& object) {
+Tag parseTag(const Object& object, TextCheck check) {
     const std::string& id = object.id();
     std::string_view text = asText(object.data());
-    if (!isValidUtf8(text)) throw Error("Corrupted tag object " + id);
+    if (check == TextCheck::utf8 && !isValidUtf8(text)) throw Error("Corrupted tag object " + id);
     auto parts = splitObjectText(text);
     if (!parts) throw Error("Invalid tag " + id);
 

@@ -7,6 +7,7 @@
 #include "objects/commit.h"
 #include "objects/object.h"
 #include "objects/object_type.h"
+#include "objects/text_check.h"
 
 namespace corvane {
 
@@ -22,6 +23,6 @@ struct Tag {
 
 // Parses the contents of a tag object. Fails with "Corrupted tag object <id>", "Invalid tag <id>",
 // "Multiple taggers on tag <id>" or "Invalid email in commit object".
-Tag parseTag(const Object& object);
+Tag parseTag(const Object& object, TextCheck check = TextCheck::utf8);
 
 }  // namespace corvane

@@ -16,7 +16,7 @@ constexpr std::size_t kRawIdSize = 20;
 }  // namespace
 
 // Each entry: "<octal mode> <name>" NUL, then the entry's 20-byte raw id.
-Tree parseTree(const Object& object) {
+Tree parseTree(const Object& object, TextCheck check) {
     ByteView data = object.data();
     Tree tree;
     tree.id = object.id();
@@ -28,7 +28,7 @@ Tree parseTree(const Object& object) {
         std::size_t end =
             static_cast<std::size_t>(static_cast<const std::uint8_t*>(nul) - data.data());
         std::string_view head = asText(data.subspan(position, end - position));
-        if (!isValidUtf8(head)) throw corrupted();
+        if (check == TextCheck::utf8 && !isValidUtf8(head)) throw corrupted();
         auto space = head.find(' ');
         if (space == std::string_view::npos) throw corrupted();
 

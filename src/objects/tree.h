@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "objects/object.h"
+#include "objects/text_check.h"
 
 namespace corvane {
 
@@ -28,6 +29,6 @@ struct Tree {
 };
 
 // Parses the contents of a tree object. Fails with "Corrupted tree object <id>".
-Tree parseTree(const Object& object);
+Tree parseTree(const Object& object, TextCheck check = TextCheck::utf8);
 
 }  // namespace corvane

@@ -435,8 +435,8 @@ void Backend::saveRepository(const std::shared_ptr<Repository>& repository,
                              Repository::ContentUpdate& update) {
     auto stored = repository->record();
     if (!stored) throw Error("Failed to save repository " + repository->name());
-    auto plan = planMetaSave(*stored, *repository->content(), update.content(),
-                             incrementalMetaThreshold_);
+    auto plan =
+        planMetaSave(*stored, *repository->content(), update.content(), incrementalMetaThreshold_);
 
     // Working files are named per process as well: two daemons may share a cache.
     struct WorkingFiles {

@@ -46,10 +46,10 @@ StoredState readIncrementalMeta(const cloud::Record& record, const Repository* k
 // `threshold`; version 3 beyond, and always once stored as version 3.
 struct MetaSave {
     int version = 2;
-    std::optional<Bytes> base;                // a new "meta" document; none: the stored one stays
+    std::optional<Bytes> base;                 // a new "meta" document; none: the stored one stays
     std::vector<cloud::Asset> keptIncrements;  // stored increments that stay, oldest first
-    std::optional<Bytes> increment;           // the new last increment
-    std::int64_t size = 0;                    // the documents' compressed size in all
+    std::optional<Bytes> increment;            // the new last increment
+    std::int64_t size = 0;                     // the documents' compressed size in all
 };
 MetaSave planMetaSave(const cloud::Record& stored, const RepositoryContent& before,
                       const RepositoryContent& after,

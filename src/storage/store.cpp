@@ -98,7 +98,6 @@ void Store::putObject(const Object& object) {
     fs::create_directories(path.parent_path());
     // Split after the header, so that a pack entry can reuse the data's compressed blocks.
     writeFileAtomically(path, zlibDeflateSplit(asBytes(looseHeader(object)), object.data()));
-    remember(object);
 }
 
 Object Store::getObject(const std::string& id) {
@@ -144,7 +143,6 @@ Object Store::getObject(const std::string& id, std::optional<Bytes>* dataStream)
     Object object(*type, std::move(data));
     if (object.id() != id) throw corrupted();
     touch(path);
-    remember(object);
     if (dataStream && split) *dataStream = std::move(split->bodyStream);
     return object;
 }
@@ -170,38 +168,7 @@ fs::path Store::workingFile(const std::string& name) const {
     return root_ / kWorkingFolder / name;
 }
 
-void Store::remember(const Object& object) {
-    const std::string& id = object.id();
-    switch (object.type()) {
-        case ObjectType::commit:
-            if (!commits.get(id)) commits.set(id, parseCommit(object));
-            break;
-        case ObjectType::tree:
-            if (!trees.get(id)) trees.set(id, parseTree(object));
-            break;
-        case ObjectType::tag:
-            if (!tags.get(id)) tags.set(id, parseTag(object));
-            break;
-        case ObjectType::blob:
-            blobs.set(id, static_cast<std::int64_t>(object.data().size()));
-            break;
-        default:
-            break;
-    }
-}
-
 std::size_t Store::expire(Clock::time_point now) {
-    // Objects held in memory stay: their files count as used now.
-    auto refresh = [&](const auto& map) {
-        for (const auto& [id, value] : map.values()) {
-            fs::path path = objectPath(id);
-            if (fs::exists(path)) touch(path);
-        }
-    };
-    refresh(tags);
-    refresh(commits);
-    refresh(trees);
-
     auto limit = now - timing_.cacheExpirationInterval;
     std::size_t deleted = 0;
     std::error_code error;

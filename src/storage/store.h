@@ -1,10 +1,11 @@
 // Store: the local object cache. One zlib-compressed git loose-object file per object under
-// root/<first 3 id characters>/<id>, shared by all repositories, plus the parsed commits, trees
-// and tags (and blob sizes) of every object it has handled. Files unused for a week expire.
+// root/<first 3 id characters>/<id>, shared by all repositories. Files unused for a week expire.
+// Nothing is held in memory: a long history's parsed objects would grow without bound, and the
+// repository summaries answer what the daemon asks.
 //
 // Thread safety: every operation may run on any thread. Object files are written atomically
-// (temporary file, then rename), so a reader sees no file or a whole one; the parsed maps are
-// SyncDicts. The "cache_expiry" thread is owned by the Store and stopped by its destructor.
+// (temporary file, then rename), so a reader sees no file or a whole one. The "cache_expiry" thread
+// is owned by the Store and stopped by its destructor.
 //
 // Last use: Linux file systems often do not record access times (noatime, relatime), so the
 // cache records use itself: every read and write sets the file's modification time to now, and
@@ -20,11 +21,7 @@
 #include <string>
 #include <thread>
 
-#include "base/sync.h"
-#include "objects/commit.h"
 #include "objects/object.h"
-#include "objects/tag.h"
-#include "objects/tree.h"
 
 namespace corvane {
 
@@ -50,8 +47,7 @@ class Store {
 
     const std::filesystem::path& root() const { return root_; }
 
-    // Writes the object file and remembers the parsed form; fails on file-system, compression
-    // and parse errors.
+    // Writes the object file; fails on file-system and compression errors.
     void putObject(const Object& object);
     // Reads, verifies and parses an object file. A file whose contents do not hash to the id is
     // deleted ("Corrupted cache file for object <id>"); a bad header gives
@@ -68,17 +64,10 @@ class Store {
     std::filesystem::path workingFile(const std::string& name) const;
     std::filesystem::path objectPath(const std::string& id) const;
 
-    // Refreshes the files of the objects held in memory, then deletes files not used since
-    // now - cacheExpirationInterval. Returns how many were deleted.
+    // Deletes files not used since now - cacheExpirationInterval. Returns how many were deleted.
     std::size_t expire(Clock::time_point now);
 
-    SyncDict<std::string, Tag> tags;
-    SyncDict<std::string, Commit> commits;
-    SyncDict<std::string, Tree> trees;
-    SyncDict<std::string, std::int64_t> blobs;
-
   private:
-    void remember(const Object& object);
     void expiryLoop();
 
     std::filesystem::path root_;

@@ -18,13 +18,13 @@ void summarise(const Object& object, RepositoryContent& content) {
     const std::string& id = object.id();
     switch (object.type()) {
         case ObjectType::commit: {
-            Commit commit = parseCommit(object);
+            Commit commit = parseCommit(object, TextCheck::none);
             content.commits.add(id, {commit.treeId, commit.parentIds});
             break;
         }
         case ObjectType::tree: {
             PartialTree summary;
-            for (const auto& entry : parseTree(object).entries) {
+            for (const auto& entry : parseTree(object, TextCheck::none).entries) {
                 auto kind = entry.mode & kModeTypeMask;
                 if (kind == kModeDirectory) {
                     summary.trees.push_back(entry.id);
@@ -39,7 +39,7 @@ void summarise(const Object& object, RepositoryContent& content) {
             content.blobs.add(id, static_cast<std::int64_t>(object.data().size()));
             break;
         case ObjectType::tag: {
-            Tag tag = parseTag(object);
+            Tag tag = parseTag(object, TextCheck::none);
             content.tags.add(id, {tag.target, tag.type});
             break;
         }

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "base/error.h"
 #include "objects/commit.h"
 #include "objects/object.h"
 #include "objects/tag.h"
@@ -41,7 +42,7 @@ void expectFailures(ObjectType type, const std::vector<BadObject>& cases, Parse 
     for (const auto& bad : cases) {
         SCOPED_TRACE(bad.what);
         Object object(type, toBytes(bad.text));
-        EXPECT_EQ(errorMessage([&] { parse(object); }),
+        EXPECT_EQ(errorMessage([&] { parse(object, TextCheck::utf8); }),
                   bad.message + (bad.appendId ? object.id() : ""));
     }
 }
@@ -109,6 +110,11 @@ TEST(CommitParser, EdgeCases) {
     EXPECT_EQ(signed_.treeId, kTreeId);
     EXPECT_EQ(signed_.parentIds, std::vector<std::string>{kId1});
     EXPECT_EQ(signed_.body, "signed\n");
+    // A Latin-1 message, as old histories have: refused as text, read for its links.
+    Object latin1(ObjectType::commit,
+                  toBytes(tree + "parent " + kId1 + "\n" + kPeople + "\nStorsj\xf6\n"));
+    EXPECT_THROW(parseCommit(latin1), Error);
+    EXPECT_EQ(parseCommit(latin1, TextCheck::none).parentIds, std::vector<std::string>{kId1});
 }
 
 TEST(CommitParser, RefusesMalformedCommits) {
@@ -156,6 +162,9 @@ TEST(TreeParser, ReadsEntriesInOrder) {
     };
     EXPECT_EQ(tree.entries, expected);
     EXPECT_TRUE(parseTree(Object(ObjectType::tree, {})).entries.empty());
+    Object latin1(ObjectType::tree, toBytes(treeEntry("100644", "caf\xe9", '\x01')));
+    EXPECT_THROW(parseTree(latin1), Error);
+    EXPECT_EQ(parseTree(latin1, TextCheck::none).entries.at(0).id, expected.at(0).id);
 }
 
 TEST(TreeParser, RefusesMalformedEntries) {

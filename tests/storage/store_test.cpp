@@ -52,8 +52,6 @@ TEST(Store, WritesLooseObjectsAndReadsThemBackVerified) {
     EXPECT_EQ(store.getObject(blob.id()), blob);
     EXPECT_EQ(store.getObject(empty.id()), empty);
     EXPECT_EQ(store.getObject(commit.id()), commit);
-    EXPECT_EQ(store.commits.get(commit.id())->body, "first\n");
-    EXPECT_EQ(store.blobs.get(blob.id()), 6);
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(path.parent_path()), {}), 1);
 }
 
@@ -134,22 +132,18 @@ TEST(Store, PlacesDownloadedFilesKeepingSoundOnesAlreadyThere) {
     EXPECT_FALSE(store.hasObject(std::string(40, 'a')));
 }
 
-TEST(Store, SweepDeletesWhatIsUnusedForAWeekButSparesObjectsInMemory) {
+TEST(Store, SweepDeletesWhatIsUnusedForAWeek) {
     testing::TempDir dir;
     Store writer(dir.path() + "/Objects", noThread());
     Object old(ObjectType::blob, toBytes("old"));
     Object fresh(ObjectType::blob, toBytes("fresh"));
-    Object held(ObjectType::commit, toBytes(kCommit));
     writer.putObject(old);
     writer.putObject(fresh);
-    writer.putObject(held);
 
     Store store(dir.path() + "/Objects", noThread());
-    store.getObject(held.id());  // now held in memory as a parsed commit
     auto working = store.workingFile("__defaultOwner__.abc");
     std::ofstream(working) << "meta";
     ageFile(store.objectPath(old.id()), std::chrono::hours(24 * 8));
-    ageFile(store.objectPath(held.id()), std::chrono::hours(24 * 8));
     ageFile(working, std::chrono::hours(24 * 8));
     ageFile(store.objectPath(fresh.id()), std::chrono::hours(24 * 6));
 
@@ -157,7 +151,6 @@ TEST(Store, SweepDeletesWhatIsUnusedForAWeekButSparesObjectsInMemory) {
     EXPECT_FALSE(store.hasObject(old.id()));
     EXPECT_FALSE(std::filesystem::exists(working));
     EXPECT_TRUE(store.hasObject(fresh.id()));
-    EXPECT_TRUE(store.hasObject(held.id()));
     // Reading an object counts as a use.
     ageFile(store.objectPath(fresh.id()), std::chrono::hours(24 * 8));
     store.getObject(fresh.id());

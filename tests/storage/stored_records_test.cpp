@@ -122,7 +122,8 @@ TEST_F(StoredRecords, VersionThreeWritesWhatEachPushChangedAndReadsBackEveryStat
         if (i % 11 == 0) after.refs.erase("refs/heads/topic" + std::to_string(i % 3));
         auto plan = push(after);
         ASSERT_EQ(plan.version, 3);
-        written += (plan.base ? plan.base->size() : 0) + (plan.increment ? plan.increment->size() : 0);
+        written +=
+            (plan.base ? plan.base->size() : 0) + (plan.increment ? plan.increment->size() : 0);
         baseWrites += plan.base ? 1 : 0;
         mostIncrements = std::max(mostIncrements, plan.keptIncrements.size() + 1);
     }
