@@ -25,6 +25,14 @@ std::string hexString(ByteView bytes) {
     return text;
 }
 
+Digest digestOfId(std::string_view id) {
+    auto value = [](char c) { return c <= '9' ? c - '0' : c - 'a' + 10; };
+    Digest digest{};
+    for (std::size_t i = 0; i < digest.size(); ++i)
+        digest[i] = static_cast<std::uint8_t>(value(id[2 * i]) << 4 | value(id[2 * i + 1]));
+    return digest;
+}
+
 Digest sha1(ByteView data) {
     SHA1Context context;
     context.update(data);

@@ -21,6 +21,9 @@ bool isObjectId(std::string_view text);
 // Two lowercase hexadecimal digits per byte, no separators.
 std::string hexString(ByteView bytes);
 
+// The 20 bytes an object id spells; the text must be an object id (isObjectId).
+Digest digestOfId(std::string_view id);
+
 Digest sha1(ByteView data);
 
 // Incremental SHA-1: update any number of times, then finish once. Copies carry the state.

@@ -36,9 +36,9 @@ void markTreeSeen(const RepositoryContent& content, const std::string& root,
         const PartialTree* tree = content.trees.find(id);
         if (!tree) continue;
         for (const auto& subtree : tree->trees)
-            pending.push_back(subtree);
+            pending.push_back(hexString(subtree));
         for (const auto& blob : tree->blobs)
-            seen.insert(blob);
+            seen.insert(hexString(blob));
     }
 }
 
@@ -187,8 +187,9 @@ std::vector<std::string> UploadPack::selectObjects(const RepositoryContent& cont
         const PartialTree* tree = content.trees.find(id);
         if (!tree) throw Error("Tree " + id + " not found on server");
         for (const auto& subtree : tree->trees)
-            pendingTrees.push_back(subtree);
-        for (const auto& blob : tree->blobs) {
+            pendingTrees.push_back(hexString(subtree));
+        for (const auto& blobId : tree->blobs) {
+            auto blob = hexString(blobId);
             if (!seen.contains(blob) && blobSet.insert(blob).second) blobs.push_back(blob);
         }
         output.push_back(id);

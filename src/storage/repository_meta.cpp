@@ -27,6 +27,14 @@ void writeStrings(JsonWriter& writer, const char* key, const std::vector<std::st
     writer.EndArray();
 }
 
+void writeIds(JsonWriter& writer, const char* key, const std::vector<Digest>& ids) {
+    writer.Key(key);
+    writer.StartArray();
+    for (const auto& id : ids)
+        writeString(writer, hexString(id));
+    writer.EndArray();
+}
+
 template <typename Map, typename WriteValue>
 void writeMap(JsonWriter& writer, const char* key, const Map& map, WriteValue writeValue) {
     writer.Key(key);
@@ -107,9 +115,11 @@ class MetaReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, MetaRe
             else if (field_ == Field::trees && section_ == Section::commits && version_ == 1)
                 v1CommitTrees_.push_back(std::move(value));
             else if (field_ == Field::trees && section_ == Section::trees)
-                tree_.trees.push_back(std::move(value));
+                return isObjectId(value) ? (tree_.trees.push_back(digestOfId(value)), true)
+                                         : fail("bad id in tree " + entry_);
             else if (field_ == Field::blobs && section_ == Section::trees)
-                tree_.blobs.push_back(std::move(value));
+                return isObjectId(value) ? (tree_.blobs.push_back(digestOfId(value)), true)
+                                         : fail("bad id in tree " + entry_);
             else
                 return fail();
             return true;
@@ -245,6 +255,8 @@ class MetaReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, MetaRe
                 content_.commits.add(entry_, std::move(commit_));
                 break;
             case Section::trees:
+                tree_.trees.shrink_to_fit();
+                tree_.blobs.shrink_to_fit();
                 content_.trees.add(entry_, std::move(tree_));
                 break;
             default:
@@ -296,8 +308,8 @@ std::string encodeRepositoryMetaJson(const RepositoryContent& content) {
     });
     writeMap(writer, "trees", content.trees, [&](const PartialTree& tree) {
         writer.StartObject();
-        writeStrings(writer, "trees", tree.trees);
-        writeStrings(writer, "blobs", tree.blobs);
+        writeIds(writer, "trees", tree.trees);
+        writeIds(writer, "blobs", tree.blobs);
         writer.EndObject();
     });
     writeMap(writer, "blobs", content.blobs, [&](std::int64_t size) { writer.Int64(size); });

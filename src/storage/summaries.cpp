@@ -27,11 +27,13 @@ void summarise(const Object& object, RepositoryContent& content) {
             for (const auto& entry : parseTree(object, TextCheck::none).entries) {
                 auto kind = entry.mode & kModeTypeMask;
                 if (kind == kModeDirectory) {
-                    summary.trees.push_back(entry.id);
+                    summary.trees.push_back(digestOfId(entry.id));
                 } else if (kind != kModeSubmodule) {
-                    summary.blobs.push_back(entry.id);  // submodule links live elsewhere
+                    summary.blobs.push_back(digestOfId(entry.id));  // submodules live elsewhere
                 }
             }
+            summary.trees.shrink_to_fit();
+            summary.blobs.shrink_to_fit();
             content.trees.add(id, std::move(summary));
             break;
         }

@@ -10,6 +10,7 @@
 
 #include "objects/object.h"
 #include "objects/object_type.h"
+#include "objects/sha1.h"
 #include "storage/summary_map.h"
 
 namespace corvane {
@@ -20,9 +21,11 @@ struct PartialCommit {
     bool operator==(const PartialCommit&) const = default;
 };
 
+// Trees hold most of a history's links (11 million in one of 300k objects), so their ids are
+// kept as their 20 bytes rather than as 40-character texts.
 struct PartialTree {
-    std::vector<std::string> trees;  // subtree ids, in entry order
-    std::vector<std::string> blobs;  // blob ids (not submodules), in entry order
+    std::vector<Digest> trees;  // subtree ids, in entry order
+    std::vector<Digest> blobs;  // blob ids (not submodules), in entry order
     bool operator==(const PartialTree&) const = default;
 };
 

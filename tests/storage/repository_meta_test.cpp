@@ -33,7 +33,7 @@ TEST(RepositoryMeta, RoundTripsTheSummariesOfARealHistory) {
 }
 
 TEST(RepositoryMeta, ReadsVersionOneDocuments) {
-    std::string c(40, 'c'), t(40, 't'), s(40, 's'), b(40, 'b'), g(40, 'g'), p(40, 'p');
+    std::string c(40, 'c'), t(40, 't'), s(40, '5'), b(40, 'b'), g(40, 'g'), p(40, 'p');
     std::string json = R"({"HEAD": "ref: refs/heads/old", "refs": {"refs/heads/master": ")" + c +
                        R"("}, "tags": {")" + g + R"(": {"id": ")" + g + R"(", "target": ")" + c +
                        R"(", "type": "commit"}, ")" + p + R"(": {"id": ")" + p +
@@ -49,7 +49,7 @@ TEST(RepositoryMeta, ReadsVersionOneDocuments) {
     EXPECT_EQ(content.tags.at(g), (PartialTag{c, ObjectType::commit}));
     EXPECT_EQ(content.tags.at(p).type, ObjectType::error);  // an unknown type word
     EXPECT_EQ(content.commits.at(c), (PartialCommit{t, {}}));
-    EXPECT_EQ(content.trees.at(t), (PartialTree{{s}, {b}}));
+    EXPECT_EQ(content.trees.at(t), (PartialTree{{digestOfId(s)}, {digestOfId(b)}}));
     EXPECT_TRUE(content.blobs.empty());
     // Through the compressed form too.
     EXPECT_EQ(decodeRepositoryMeta(lzfseCompress(asBytes(json)), 1), content);
