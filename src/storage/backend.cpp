@@ -435,9 +435,6 @@ void Backend::saveRepository(const std::shared_ptr<Repository>& repository,
                              Repository::ContentUpdate& update) {
     auto stored = repository->record();
     if (!stored) throw Error("Failed to save repository " + repository->name());
-    auto plan =
-        planMetaSave(*stored, *repository->content(), update.content(), incrementalMetaThreshold_);
-
     // Working files are named per process as well: two daemons may share a cache.
     struct WorkingFiles {
         std::vector<std::filesystem::path> paths;
@@ -447,21 +444,31 @@ void Backend::saveRepository(const std::shared_ptr<Repository>& repository,
                 std::filesystem::remove(path, ignored);
         }
     } files;
-    auto attach = [&](const char* suffix, const Bytes& document) {
+    auto write = [&](const Bytes& document) {
         files.paths.push_back(store_.workingFile(repository->owner() + "." + repository->id() +
-                                                 suffix + "." + std::to_string(::getpid())));
+                                                 "." + std::to_string(files.paths.size()) + "." +
+                                                 std::to_string(::getpid())));
         writeFileAtomically(files.paths.back(), document);
         return cloud::Asset{files.paths.back()};
     };
+    auto plan = planMetaSave(*stored, *repository->content(), update.content(), write,
+                             incrementalMetaThreshold_);
+
     cloud::Record record = *stored;
-    if (plan.base) record.set("meta", attach("", *plan.base));
-    auto increments = plan.keptIncrements;
-    if (plan.increment) increments.push_back(attach(".increment", *plan.increment));
-    if (increments.empty()) {
-        record.remove("increments");
-    } else {
-        record.set("increments", increments);
+    auto setList = [&](const char* key, std::vector<cloud::Asset> assets) {
+        if (assets.empty()) {
+            record.remove(key);
+        } else {
+            record.set(key, std::move(assets));
+        }
+    };
+    if (!plan.base.empty()) {
+        record.set("meta", plan.base.front());
+        setList("parts", {plan.base.begin() + 1, plan.base.end()});
     }
+    auto increments = plan.keptIncrements;
+    if (plan.increment) increments.push_back(*plan.increment);
+    setList("increments", std::move(increments));
     record.set("version", std::int64_t{plan.version});
 
     trace(TraceModule::request, "saving repository " + repository->name());

@@ -16,9 +16,22 @@ bool isVersion3(const cloud::Record& record) {
     return version && *version == 3;
 }
 
+std::vector<cloud::Asset> listOf(const cloud::Record& record, const char* key) {
+    const auto* assets = record.get<std::vector<cloud::Asset>>(key);
+    return assets ? *assets : std::vector<cloud::Asset>{};
+}
+
 std::vector<cloud::Asset> incrementsOf(const cloud::Record& record) {
-    const auto* increments = record.get<std::vector<cloud::Asset>>("increments");
-    return increments ? *increments : std::vector<cloud::Asset>{};
+    return listOf(record, "increments");
+}
+
+// "meta", then "parts"; empty without "meta".
+std::vector<cloud::Asset> baseOf(const cloud::Record& record) {
+    const auto* meta = record.get<cloud::Asset>("meta");
+    if (!meta) return {};
+    auto base = listOf(record, "parts");
+    base.insert(base.begin(), *meta);
+    return base;
 }
 
 Bytes readDocument(const cloud::Asset& asset) {
@@ -32,10 +45,8 @@ std::optional<std::size_t> knownPrefix(const cloud::Record& record, const Reposi
     if (!known) return std::nullopt;
     auto knownRecord = known->record();
     if (!knownRecord || !isVersion3(*knownRecord)) return std::nullopt;
-    const auto* base = record.get<cloud::Asset>("meta");
-    const auto* knownBase = knownRecord->get<cloud::Asset>("meta");
-    if (!base || !knownBase || !base->fileURL || base->fileURL != knownBase->fileURL)
-        return std::nullopt;
+    auto base = baseOf(record);
+    if (base.empty() || base != baseOf(*knownRecord)) return std::nullopt;
     auto have = incrementsOf(*knownRecord);
     auto now = incrementsOf(record);
     if (have.size() > now.size() || !std::equal(have.begin(), have.end(), now.begin()))
@@ -43,11 +54,17 @@ std::optional<std::size_t> knownPrefix(const cloud::Record& record, const Reposi
     return have.size();
 }
 
-MetaSave wholeDocument(const RepositoryContent& after, int version) {
+// The whole state as a new base: version 2 when it is one part under the threshold, unless
+// version 3 is asked for.
+MetaSave newBase(const RepositoryContent& after, const DocumentWriter& write, bool version3,
+                 std::size_t threshold, std::size_t partJsonBytes) {
     MetaSave save;
-    save.version = version;
-    save.base = encodeRepositoryMeta(after);
-    save.size = static_cast<std::int64_t>(save.base->size());
+    encodeRepositoryMetaParts(after, partJsonBytes, [&](const Bytes& document) {
+        save.size += static_cast<std::int64_t>(document.size());
+        save.base.push_back(write(document));
+    });
+    bool small = save.base.size() == 1 && static_cast<std::size_t>(save.size) < threshold;
+    save.version = version3 || !small ? 3 : 2;
     return save;
 }
 
@@ -107,11 +124,14 @@ StoredState readIncrementalMeta(const cloud::Record& record, const Repository* k
         state.size = known->metaSize();
         next = *applied;
     } else {
-        const auto* base = record.get<cloud::Asset>("meta");
-        if (!base) throw Error("Corrupted repository record: a metadata document is missing");
-        Bytes document = readDocument(*base);
-        state.size = static_cast<std::int64_t>(document.size());
-        state.content = decodeRepositoryMeta(document, 2);
+        auto base = baseOf(record);
+        if (base.empty())
+            throw Error("Corrupted repository record: a metadata document is missing");
+        for (const auto& part : base) {
+            Bytes document = readDocument(part);
+            state.size += static_cast<std::int64_t>(document.size());
+            applyIncrement(decodeRepositoryMeta(document, 2), state.content);
+        }
     }
     for (; next < increments.size(); ++next) {
         Bytes document = readDocument(increments[next]);
@@ -122,16 +142,13 @@ StoredState readIncrementalMeta(const cloud::Record& record, const Repository* k
 }
 
 MetaSave planMetaSave(const cloud::Record& stored, const RepositoryContent& before,
-                      const RepositoryContent& after, std::size_t threshold) {
-    const auto* base = stored.get<cloud::Asset>("meta");
-    if (!isVersion3(stored) || !base || !base->fileURL) {
-        auto save = wholeDocument(after, 2);
-        if (save.base->size() >= threshold) save.version = 3;
-        return save;
-    }
+                      const RepositoryContent& after, const DocumentWriter& write,
+                      std::size_t threshold, std::size_t partJsonBytes) {
+    auto base = baseOf(stored);
+    if (!isVersion3(stored) || base.empty())
+        return newBase(after, write, false, threshold, partJsonBytes);
+    auto rebase = [&] { return newBase(after, write, true, threshold, partJsonBytes); };
 
-    MetaSave save;
-    save.version = 3;
     bool readable = true;
     auto sizeOf = [&](const cloud::Asset& asset) -> std::uintmax_t {
         std::error_code error;
@@ -139,14 +156,18 @@ MetaSave planMetaSave(const cloud::Record& stored, const RepositoryContent& befo
         readable = readable && asset.fileURL && !error;
         return size;
     };
-    auto baseSize = sizeOf(*base);
-    std::vector<std::uintmax_t> sizes;
+    std::uintmax_t baseSize = 0;
+    for (const auto& part : base)
+        baseSize += sizeOf(part);
+    MetaSave save;
+    save.version = 3;
     save.keptIncrements = incrementsOf(stored);
+    std::vector<std::uintmax_t> sizes;
     for (const auto& kept : save.keptIncrements)
         sizes.push_back(sizeOf(kept));
     // Documents this process cannot read back (a record it saved but could not read again)
     // leave one safe way: a new base.
-    if (!readable) return wholeDocument(after, 3);
+    if (!readable) return rebase();
 
     // The last two merge while the older is at most twice the newer, so sizes more than halve
     // from each increment to the next.
@@ -157,7 +178,7 @@ MetaSave planMetaSave(const cloud::Record& stored, const RepositoryContent& befo
         try {
             earlier = decodeRepositoryMeta(readDocument(save.keptIncrements.back()), 2);
         } catch (const Error&) {
-            return wholeDocument(after, 3);
+            return rebase();
         }
         applyIncrement(tail, earlier, true);
         tail = std::move(earlier);
@@ -169,9 +190,8 @@ MetaSave planMetaSave(const cloud::Record& stored, const RepositoryContent& befo
     for (auto size : sizes)
         total += size;
     // Increments worth half the base, or too many of them, are folded into a new base.
-    if (2 * total >= baseSize || save.keptIncrements.size() + 1 > kMaxIncrements)
-        return wholeDocument(after, 3);
-    save.increment = std::move(encoded);
+    if (2 * total >= baseSize || save.keptIncrements.size() + 1 > kMaxIncrements) return rebase();
+    save.increment = write(encoded);
     save.size = static_cast<std::int64_t>(baseSize + total);
     return save;
 }

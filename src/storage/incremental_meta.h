@@ -1,12 +1,13 @@
-// Version-3 repository metadata: the version-2 document as a base ("meta") and, in the list
-// "increments", what each push changed since. The layout and its rules are in metadata_v3.md
-// beside this file. An increment is a RepositoryContent in the version-2 document's format whose
-// references may map to kDeletedRef. Pure functions apart from the asset files they read; any
-// thread.
+// Version-3 repository metadata: a base in the version-2 document format, cut into parts ("meta",
+// then the list "parts"), and, in the list "increments", what each push changed since. The layout
+// and its rules are in metadata_v3.md beside this file. An increment is a RepositoryContent in the
+// version-2 document's format whose references may map to kDeletedRef. Pure functions apart from
+// the asset files they read and the writer they are given; any thread.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -21,6 +22,8 @@ namespace corvane {
 inline constexpr std::size_t kIncrementalMetaThreshold = 512 << 10;
 // More increments than this are folded into a new base whatever their sizes.
 inline constexpr std::size_t kMaxIncrements = 32;
+// A base is written in parts of about this much JSON, so that no more than one is in memory.
+inline constexpr std::size_t kBasePartJsonBytes = 8 << 20;
 // An increment's value for a reference that was deleted.
 inline const std::string kDeletedRef(40, '0');
 
@@ -42,17 +45,22 @@ struct StoredState {
 };
 StoredState readIncrementalMeta(const cloud::Record& record, const Repository* known);
 
-// What saving `after` over the stored record writes. Version 2 while the whole document is under
-// `threshold`; version 3 beyond, and always once stored as version 3.
+// Puts a compressed document where a record can take it from and returns the asset.
+using DocumentWriter = std::function<cloud::Asset(const Bytes& document)>;
+
+// What saving `after` over the stored record writes, its new documents already written. Version
+// 2 while the whole document is one part under `threshold`; version 3 beyond, and always once
+// stored as version 3.
 struct MetaSave {
     int version = 2;
-    std::optional<Bytes> base;                 // a new "meta" document; none: the stored one stays
+    std::vector<cloud::Asset> base;            // a new base, "meta" first; none: the stored stays
     std::vector<cloud::Asset> keptIncrements;  // stored increments that stay, oldest first
-    std::optional<Bytes> increment;            // the new last increment
+    std::optional<cloud::Asset> increment;     // the new last increment
     std::int64_t size = 0;                     // the documents' compressed size in all
 };
 MetaSave planMetaSave(const cloud::Record& stored, const RepositoryContent& before,
-                      const RepositoryContent& after,
-                      std::size_t threshold = kIncrementalMetaThreshold);
+                      const RepositoryContent& after, const DocumentWriter& write,
+                      std::size_t threshold = kIncrementalMetaThreshold,
+                      std::size_t partJsonBytes = kBasePartJsonBytes);
 
 }  // namespace corvane

@@ -6,6 +6,8 @@
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
+#include <functional>
+
 #include "base/error.h"
 #include "objects/lzfse_compression.h"
 
@@ -35,27 +37,126 @@ void writeIds(JsonWriter& writer, const char* key, const std::vector<Digest>& id
     writer.EndArray();
 }
 
-template <typename Map, typename WriteValue>
-void writeMap(JsonWriter& writer, const char* key, const Map& map, WriteValue writeValue) {
-    writer.Key(key);
-    writer.StartObject();
+// Writes one section; `entryDone` runs after each entry (where a part may end).
+template <typename Map, typename WriteValue, typename EntryDone>
+void writeMap(JsonWriter& writer, const char* key, const Map& map, WriteValue writeValue,
+              EntryDone entryDone) {
+    entryDone.begin(key);
     for (const auto& [id, value] : map) {
         writeString(writer, id);
         writeValue(value);
+        entryDone();
     }
-    writer.EndObject();
+    entryDone.end();
 }
 
-template <typename Summary, typename WriteValue>
+template <typename Summary, typename WriteValue, typename EntryDone>
 void writeMap(JsonWriter& writer, const char* key, const SummaryMap<Summary>& map,
-              WriteValue writeValue) {
-    writer.Key(key);
-    writer.StartObject();
+              WriteValue writeValue, EntryDone entryDone) {
+    entryDone.begin(key);
     map.forEach([&](const std::string& id, const Summary& value) {
         writeString(writer, id);
         writeValue(value);
+        entryDone();
     });
-    writer.EndObject();
+    entryDone.end();
+}
+
+// Cuts the JSON into documents of about `limit` bytes at entry boundaries: the sections open at
+// a cut are closed and opened again in the next document, so each document is whole and the
+// union of their entries is the content.
+class PartWriter {
+  public:
+    PartWriter(std::size_t limit, const std::function<void(std::string_view json)>& sink)
+        : writer_(buffer_), limit_(limit), sink_(sink) {
+        writer_.StartObject();
+    }
+    JsonWriter& writer() { return writer_; }
+
+    struct EntryDone {
+        PartWriter& parts;
+        void begin(const char* key) {
+            parts.section_ = key;
+            parts.writer_.Key(key);
+            parts.writer_.StartObject();
+        }
+        void operator()() {
+            if (parts.buffer_.GetSize() >= parts.limit_) parts.cut();
+        }
+        void end() {
+            parts.writer_.EndObject();
+            parts.section_ = nullptr;
+        }
+    };
+    EntryDone entryDone() { return EntryDone{*this}; }
+
+    void finish() {
+        writer_.EndObject();
+        sink_(std::string_view(buffer_.GetString(), buffer_.GetSize()));
+    }
+
+  private:
+    void cut() {
+        if (section_) writer_.EndObject();
+        finish();
+        buffer_.Clear();
+        writer_.Reset(buffer_);
+        writer_.StartObject();
+        if (section_) {
+            writer_.Key(section_);
+            writer_.StartObject();
+        }
+    }
+
+    rapidjson::StringBuffer buffer_;
+    JsonWriter writer_;
+    const std::size_t limit_;
+    const std::function<void(std::string_view)>& sink_;
+    const char* section_ = nullptr;
+};
+
+void writeContent(PartWriter& parts, const RepositoryContent& content) {
+    JsonWriter& writer = parts.writer();
+    writeMap(
+        writer, "refs", content.refs, [&](const std::string& id) { writeString(writer, id); },
+        parts.entryDone());
+    writeMap(
+        writer, "tags", content.tags,
+        [&](const PartialTag& tag) {
+            writer.StartObject();
+            writer.Key("target");
+            writeString(writer, tag.target);
+            writer.Key("type");
+            writer.Int(static_cast<int>(tag.type));
+            writer.EndObject();
+        },
+        parts.entryDone());
+    writeMap(
+        writer, "commits", content.commits,
+        [&](const PartialCommit& commit) {
+            writer.StartObject();
+            writer.Key("tree");
+            writeString(writer, commit.tree);
+            writeStrings(writer, "parents", commit.parents);
+            writer.EndObject();
+        },
+        parts.entryDone());
+    writeMap(
+        writer, "trees", content.trees,
+        [&](const PartialTree& tree) {
+            writer.StartObject();
+            writeIds(writer, "trees", tree.trees);
+            writeIds(writer, "blobs", tree.blobs);
+            writer.EndObject();
+        },
+        parts.entryDone());
+    writeMap(
+        writer, "blobs", content.blobs, [&](std::int64_t size) { writer.Int64(size); },
+        parts.entryDone());
+    writeMap(
+        writer, "packs", content.packs, [&](std::int64_t size) { writer.Int64(size); },
+        parts.entryDone());
+    parts.finish();
 }
 
 // Reads a document event by event straight into the maps. Depth 1 is inside the root object
@@ -287,39 +388,24 @@ class MetaReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, MetaRe
 }  // namespace
 
 std::string encodeRepositoryMetaJson(const RepositoryContent& content) {
-    rapidjson::StringBuffer buffer;
-    JsonWriter writer(buffer);
-    writer.StartObject();
-    writeMap(writer, "refs", content.refs, [&](const std::string& id) { writeString(writer, id); });
-    writeMap(writer, "tags", content.tags, [&](const PartialTag& tag) {
-        writer.StartObject();
-        writer.Key("target");
-        writeString(writer, tag.target);
-        writer.Key("type");
-        writer.Int(static_cast<int>(tag.type));
-        writer.EndObject();
-    });
-    writeMap(writer, "commits", content.commits, [&](const PartialCommit& commit) {
-        writer.StartObject();
-        writer.Key("tree");
-        writeString(writer, commit.tree);
-        writeStrings(writer, "parents", commit.parents);
-        writer.EndObject();
-    });
-    writeMap(writer, "trees", content.trees, [&](const PartialTree& tree) {
-        writer.StartObject();
-        writeIds(writer, "trees", tree.trees);
-        writeIds(writer, "blobs", tree.blobs);
-        writer.EndObject();
-    });
-    writeMap(writer, "blobs", content.blobs, [&](std::int64_t size) { writer.Int64(size); });
-    writeMap(writer, "packs", content.packs, [&](std::int64_t size) { writer.Int64(size); });
-    writer.EndObject();
-    return {buffer.GetString(), buffer.GetSize()};
+    std::string json;
+    std::function<void(std::string_view)> keep = [&](std::string_view part) { json = part; };
+    PartWriter parts(SIZE_MAX, keep);
+    writeContent(parts, content);
+    return json;
 }
 
 Bytes encodeRepositoryMeta(const RepositoryContent& content) {
     return lzfseCompress(asBytes(encodeRepositoryMetaJson(content)));
+}
+
+void encodeRepositoryMetaParts(const RepositoryContent& content, std::size_t partJsonBytes,
+                               const std::function<void(Bytes)>& sink) {
+    std::function<void(std::string_view)> compress = [&](std::string_view json) {
+        sink(lzfseCompress(asBytes(json)));
+    };
+    PartWriter parts(partJsonBytes, compress);
+    writeContent(parts, content);
 }
 
 RepositoryContent decodeRepositoryMetaJson(std::string_view json, int version) {

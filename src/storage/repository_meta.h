@@ -11,6 +11,8 @@
 // Pure functions; any thread.
 #pragma once
 
+#include <functional>
+
 #include "base/bytes.h"
 #include "storage/summaries.h"
 
@@ -20,6 +22,12 @@ namespace corvane {
 std::string encodeRepositoryMetaJson(const RepositoryContent& content);
 // The compressed version-2 document.
 Bytes encodeRepositoryMeta(const RepositoryContent& content);
+
+// The same content as several version-2 documents of about partJsonBytes of JSON each (one
+// entry may run past), compressed and handed to `sink` one by one as each is complete: the union
+// of their entries is the content, and no more than one part is in memory at a time.
+void encodeRepositoryMetaParts(const RepositoryContent& content, std::size_t partJsonBytes,
+                               const std::function<void(Bytes)>& sink);
 
 // Parses the JSON text of a version 1 or 2 document straight into the maps. Fails with
 // "Invalid repository metadata: ..." on anything malformed, including a version-1 commit

@@ -80,13 +80,20 @@ TEST_F(StoredRecords, VersionThreeWritesWhatEachPushChangedAndReadsBackEveryStat
 
     auto record = repositoryRecord();
     std::shared_ptr<Repository> known;
-    std::size_t threshold = SIZE_MAX;
+    std::size_t threshold = SIZE_MAX, partBytes = SIZE_MAX, written = 0;
+    DocumentWriter write = [&](const Bytes& document) {
+        written += document.size();
+        return file(document);
+    };
     int saves = 0;
     auto push = [&](RepositoryContent after) {
-        auto plan = planMetaSave(record, state, after, threshold);
-        if (plan.base) record.set("meta", file(*plan.base));
+        auto plan = planMetaSave(record, state, after, write, threshold, partBytes);
+        if (!plan.base.empty()) {
+            record.set("meta", plan.base.front());
+            record.set("parts", std::vector<cloud::Asset>(plan.base.begin() + 1, plan.base.end()));
+        }
         auto increments = plan.keptIncrements;
-        if (plan.increment) increments.push_back(file(*plan.increment));
+        if (plan.increment) increments.push_back(*plan.increment);
         record.set("increments", increments);
         record.set("version", std::int64_t{plan.version});
         // A reader that knew the state before sees the push, and so does one from nothing.
@@ -103,16 +110,18 @@ TEST_F(StoredRecords, VersionThreeWritesWhatEachPushChangedAndReadsBackEveryStat
         return plan;
     };
 
-    // Under the threshold a save is the whole version-2 document; past it, the same document
-    // becomes the base of version 3.
+    // Under the threshold a save is the whole version-2 document; past it, the state becomes the
+    // base of version 3, written in parts of a few kilobytes here.
     EXPECT_EQ(push(state).version, 2);
     threshold = 1000;
+    partBytes = 4096;
     auto converted = push(state);
     ASSERT_EQ(converted.version, 3);
-    ASSERT_TRUE(converted.base);
-    const auto baseSize = converted.base->size();
+    ASSERT_GT(converted.base.size(), 5u);
+    const auto baseSize = static_cast<std::size_t>(converted.size);
 
-    std::size_t written = 0, baseWrites = 0, mostIncrements = 0;
+    written = 0;
+    std::size_t baseWrites = 0, mostIncrements = 0;
     for (int i = 1000; i < 1600; ++i) {
         RepositoryContent after = state;
         after.commits.add(hexId(i), {hexId(1 << 20 | i), {hexId(i - 1)}});
@@ -122,9 +131,7 @@ TEST_F(StoredRecords, VersionThreeWritesWhatEachPushChangedAndReadsBackEveryStat
         if (i % 11 == 0) after.refs.erase("refs/heads/topic" + std::to_string(i % 3));
         auto plan = push(after);
         ASSERT_EQ(plan.version, 3);
-        written +=
-            (plan.base ? plan.base->size() : 0) + (plan.increment ? plan.increment->size() : 0);
-        baseWrites += plan.base ? 1 : 0;
+        baseWrites += plan.base.empty() ? 0 : 1;
         mostIncrements = std::max(mostIncrements, plan.keptIncrements.size() + 1);
     }
     // 600 pushes rewrote the base now and then and kept few increments; in all they wrote a
