@@ -13,7 +13,7 @@ namespace {
 
 // Both cores compress; the reader waits when this much is read but not yet written.
 constexpr unsigned kWriterThreads = 2;
-constexpr std::size_t kMaxUnwrittenBytes = 64 << 20;
+constexpr std::size_t kMaxUnwrittenBytes = 16 << 20;
 
 constexpr Capability kOffered[] = {Capability::reportStatus, Capability::deleteRefs,
                                    Capability::sideBand64k, Capability::quiet, Capability::atomic};
@@ -31,9 +31,9 @@ std::vector<std::string> mergeSummaries(const RepositoryContent& received,
                                         RepositoryContent& content) {
     std::vector<std::string> added;
     auto merge = [&](const auto& from, auto& into) {
-        from.forEach([&](const std::string& id, const auto& summary) {
-            if (into.add(id, summary)) added.push_back(id);
-        });
+        auto ids = into.addAbsent(from);
+        added.insert(added.end(), std::make_move_iterator(ids.begin()),
+                     std::make_move_iterator(ids.end()));
     };
     merge(received.tags, content.tags);
     merge(received.commits, content.commits);
@@ -80,6 +80,7 @@ void ReceivePack::run() {
     // whatever the repository is once this push's turn comes.
     RepositoryContent received;
     if (wantsPack) readPack(received);
+    received.freeze();  // shared, not copied, by the content it joins
 
     // From here on this push alone, in this process, changes the repository; a push elsewhere
     // shows itself as a conflict, and the push starts again from what that one saved.

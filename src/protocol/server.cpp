@@ -1,5 +1,6 @@
 #include "protocol/server.h"
 
+#include <malloc.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -146,9 +147,15 @@ void Server::handleConnection(std::unique_ptr<GitSocket> connection) {
         connections_.erase(descriptor);
     }
     closeConnection(descriptor);
-    std::lock_guard lock(mutex_);
-    --active_;
-    connectionsChanged_.notify_all();
+    bool idle = false;
+    {
+        std::lock_guard lock(mutex_);
+        idle = --active_ == 0;
+        connectionsChanged_.notify_all();
+    }
+    // A clone or push of a long history frees hundreds of megabytes, which the allocator would
+    // keep for later; an idle daemon gives them back.
+    if (idle) ::malloc_trim(0);
 }
 
 void Server::handleRequest(GitSocket& connection) {

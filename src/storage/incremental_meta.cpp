@@ -85,8 +85,8 @@ RepositoryContent incrementBetween(const RepositoryContent& before,
         if (old == before.packs.end() || old->second != size) increment.packs[packId] = size;
     }
     auto copyAdded = [](const auto& from, auto& into) {
-        for (const auto& [id, summary] : from.added())
-            into.add(id, summary);
+        from.forEachAdded(
+            [&](const std::string& id, const auto& summary) { into.add(id, summary); });
     };
     copyAdded(after.tags, increment.tags);
     copyAdded(after.commits, increment.commits);

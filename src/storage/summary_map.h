@@ -12,6 +12,7 @@
 #include <stdexcept>
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 namespace corvane {
@@ -57,15 +58,46 @@ class SummaryMap {
             visit(id, summary);
     }
 
-    // The entries added since this map was made or last frozen.
-    const Layer& added() const { return own_; }
+    // Adds every entry of `other` this map lacks and returns their ids. When it lacks them all
+    // (a push of new objects), other's shared layers become layers of this map, uncopied.
+    std::vector<std::string> addAbsent(const SummaryMap& other) {
+        std::vector<std::string> ids;
+        bool disjoint = true;
+        other.forEach([&](const std::string& id, const Summary&) {
+            if (contains(id)) {
+                disjoint = false;
+            } else {
+                ids.push_back(id);
+            }
+        });
+        if (disjoint) {
+            layers_.insert(layers_.end(), other.layers_.begin(), other.layers_.end());
+            for (const auto& [id, summary] : other.own_)
+                own_.emplace(id, summary);
+            size_ += other.size_;
+        } else {
+            for (const auto& id : ids)
+                add(id, *other.find(id));
+        }
+        return ids;
+    }
+
+    // The entries added since this map was made or last frozen: visit(id, summary).
+    template <typename Visit>
+    void forEachAdded(Visit&& visit) const {
+        for (std::size_t i = frozenLayers_; i < layers_.size(); ++i) {
+            for (const auto& [id, summary] : *layers_[i])
+                visit(id, summary);
+        }
+        for (const auto& [id, summary] : own_)
+            visit(id, summary);
+    }
 
     // Shares the own layer as the newest layer. Layers are merged while one is at most twice the
     // size of the next newer one, so sizes more than halve upwards: a lookup visits a logarithmic
     // number of layers, and each entry is copied a logarithmic number of times in all.
     void freeze() {
-        if (own_.empty()) return;
-        layers_.push_back(std::make_shared<const Layer>(std::move(own_)));
+        if (!own_.empty()) layers_.push_back(std::make_shared<const Layer>(std::move(own_)));
         own_ = Layer();
         while (layers_.size() >= 2 &&
                layers_[layers_.size() - 2]->size() <= 2 * layers_.back()->size()) {
@@ -74,6 +106,7 @@ class SummaryMap {
             layers_.pop_back();
             layers_.back() = std::move(merged);
         }
+        frozenLayers_ = layers_.size();
     }
 
     bool operator==(const SummaryMap& other) const {
@@ -88,6 +121,7 @@ class SummaryMap {
 
   private:
     std::vector<std::shared_ptr<const Layer>> layers_;  // oldest first
+    std::size_t frozenLayers_ = 0;                      // layers_ before the last freeze
     Layer own_;
     std::size_t size_ = 0;
 };

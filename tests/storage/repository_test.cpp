@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <thread>
 
@@ -164,7 +165,12 @@ TEST(SummaryMap, CopiesShareLayersAndSeeOnlyTheirOwnAdditions) {
     for (int i = 0; i < 1000; ++i)
         map.add("base" + std::to_string(i), i);
     map.freeze();
-    EXPECT_TRUE(map.added().empty());
+    auto countAdded = [](const SummaryMap<std::int64_t>& m) {
+        std::size_t count = 0;
+        m.forEachAdded([&](const std::string&, std::int64_t) { ++count; });
+        return count;
+    };
+    EXPECT_EQ(countAdded(map), 0u);
 
     // Many small pushes, each on a copy of the last published map.
     std::vector<SummaryMap<std::int64_t>> published{map};
@@ -173,7 +179,7 @@ TEST(SummaryMap, CopiesShareLayersAndSeeOnlyTheirOwnAdditions) {
         EXPECT_FALSE(working.add("base7", -1));  // held already: kept as it was
         working.add("push" + std::to_string(push), push);
         working.add("push" + std::to_string(push), -2);
-        EXPECT_EQ(working.added().size(), 1u);
+        EXPECT_EQ(countAdded(working), 1u);
         working.freeze();
         published.push_back(working);
     }
@@ -192,6 +198,26 @@ TEST(SummaryMap, CopiesShareLayersAndSeeOnlyTheirOwnAdditions) {
     auto rebuilt = SummaryMap<std::int64_t>();
     last.forEach([&](const std::string& id, std::int64_t value) { rebuilt.add(id, value); });
     EXPECT_TRUE(rebuilt == last);
+
+    // A received set joins whole when it is all new, and only its new entries otherwise; either
+    // way they count as added.
+    SummaryMap<std::int64_t> received;
+    received.add("new1", 1);
+    received.add("new2", 2);
+    received.freeze();
+    auto joined = last;
+    EXPECT_EQ(joined.addAbsent(received).size(), 2u);
+    EXPECT_EQ(countAdded(joined), 2u);
+    EXPECT_EQ(joined.size(), 1302u);
+    received.add("base1", -1);
+    auto overlapping = last;
+    auto ids = overlapping.addAbsent(received);
+    std::sort(ids.begin(), ids.end());
+    EXPECT_EQ(ids, (std::vector<std::string>{"new1", "new2"}));
+    EXPECT_EQ(overlapping.at("base1"), 1);
+    EXPECT_EQ(countAdded(overlapping), 2u);
+    overlapping.freeze();
+    EXPECT_TRUE(overlapping == joined);
 }
 
 }  // namespace
