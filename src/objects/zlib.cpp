@@ -25,7 +25,9 @@ Bytes zlibDeflate(ByteView input) {
     if (input.empty()) return {};
     checkLength(input.size(), "Deflate");
     z_stream stream{};
-    if (deflateInit(&stream, Z_DEFAULT_COMPRESSION) != Z_OK) throw Error("Deflate error: init");
+    // Objects are compressed while a client or a push waits: speed over size, as git's loose
+    // objects.
+    if (deflateInit(&stream, Z_BEST_SPEED) != Z_OK) throw Error("Deflate error: init");
     Bytes output(deflateBound(&stream, static_cast<uLong>(input.size())));
     stream.next_in = const_cast<Bytef*>(input.data());
     stream.avail_in = static_cast<uInt>(input.size());

@@ -57,7 +57,21 @@ void PackWriter::begin(std::size_t objectCount) {
 }
 
 void PackWriter::add(const std::string& id) {
-    workers_->async([this, id] { write(id); });
+    {
+        std::lock_guard lock(queueMutex_);
+        ++queued_;
+    }
+    workers_->async([this, id] {
+        write(id);
+        std::lock_guard lock(queueMutex_);
+        --queued_;
+        dequeued_.notify_all();
+    });
+}
+
+void PackWriter::waitForRoom(std::size_t limit) {
+    std::unique_lock lock(queueMutex_);
+    dequeued_.wait(lock, [&] { return queued_ < limit; });
 }
 
 void PackWriter::write(const std::string& id) {

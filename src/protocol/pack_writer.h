@@ -6,6 +6,7 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <functional>
 #include <mutex>
 #include <optional>
@@ -29,6 +30,9 @@ class PackWriter {
     void begin(std::size_t objectCount);
     // Queues the object to be read, compressed and written.
     void add(const std::string& id);
+    // Waits until fewer than `limit` objects are queued, so that a long list is handed over as
+    // the wire takes it rather than held in memory all at once.
+    void waitForRoom(std::size_t limit);
     // Reports a failure: sent on band 3 when the client has a side-band, then the connection
     // stops sending. Later objects are ignored.
     void fail(const std::string& message);
@@ -46,6 +50,9 @@ class PackWriter {
     ObjectReader read_;
     std::mutex writeMutex_;  // one entry at a time on the wire; guards failed_
     bool failed_ = false;
+    std::mutex queueMutex_;
+    std::condition_variable dequeued_;
+    std::size_t queued_ = 0;  // guarded by queueMutex_
     std::optional<WorkQueue> workers_;
 };
 

@@ -14,6 +14,9 @@ namespace {
 constexpr Capability kOffered[] = {Capability::sideBand, Capability::sideBand64k,
                                    Capability::noProgress};
 
+// Objects asked of the fetcher at a time while a pack is written.
+constexpr std::size_t kFetchBatch = 4096;
+
 std::vector<std::string_view> splitSpaces(std::string_view line) {
     std::vector<std::string_view> parts;
     std::size_t start = 0;
@@ -211,14 +214,22 @@ void UploadPack::sendPack(const RepositoryContent& content, const std::vector<st
         },
         workers);
     writer.begin(ids.size());
-    fetcher_.fetchObjects(ids, *repository_,
-                          [&](const std::string& id, const std::optional<std::string>& error) {
-                              if (error) {
-                                  writer.fail("Failed to fetch object " + id + ": " + *error);
-                              } else {
-                                  writer.add(id);
-                              }
-                          });
+    // A batch at a time, each asked for once the writer is nearly through the one before: the
+    // requests and queued work of a whole history would take hundreds of megabytes.
+    for (std::size_t start = 0; start < ids.size(); start += kFetchBatch) {
+        auto end =
+            ids.begin() + static_cast<std::ptrdiff_t>(std::min(ids.size(), start + kFetchBatch));
+        std::vector<std::string> batch(ids.begin() + static_cast<std::ptrdiff_t>(start), end);
+        writer.waitForRoom(kFetchBatch / 4);
+        fetcher_.fetchObjects(batch, *repository_,
+                              [&](const std::string& id, const std::optional<std::string>& error) {
+                                  if (error) {
+                                      writer.fail("Failed to fetch object " + id + ": " + *error);
+                                  } else {
+                                      writer.add(id);
+                                  }
+                              });
+    }
     writer.finish();
     socket_.writePktLine(kFlush);
 }
