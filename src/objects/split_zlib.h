@@ -13,7 +13,7 @@
 
 namespace corvane {
 
-// Compresses head then body at zlib's default level, with a full flush after head. Fails with
+// Compresses head then body at zlib's fastest level, with a full flush after head. Fails with
 // "Deflate error: init" or "Deflate error: " + zlib's message.
 Bytes zlibDeflateSplit(ByteView head, ByteView body);
 

@@ -154,11 +154,20 @@ std::shared_ptr<Repository> Backend::servedRepository(const cloud::ZoneId& zone)
     return nullptr;
 }
 
+void Backend::forgetServed(const cloud::ZoneId& zone) {
+    std::lock_guard lock(servedMutex_);
+    forgetServedLocked(zone);
+}
+
+void Backend::forgetServedLocked(const cloud::ZoneId& zone) {
+    served_.remove_if([&](const std::shared_ptr<Repository>& kept) {
+        return kept->id() == zone.zoneName && kept->owner() == zone.ownerName;
+    });
+}
+
 void Backend::keepServed(const std::shared_ptr<Repository>& repository) {
     std::lock_guard lock(servedMutex_);
-    served_.remove_if([&](const std::shared_ptr<Repository>& kept) {
-        return kept->id() == repository->id() && kept->owner() == repository->owner();
-    });
+    forgetServedLocked({repository->id(), repository->owner()});
     served_.push_front(repository);
     if (served_.size() > kServedRepositories) served_.pop_back();
 }
@@ -169,7 +178,14 @@ std::shared_ptr<Repository> Backend::fetchRepository(const std::string& name,
     const std::string scope = scopeText(database);
     trace(TraceModule::request, "Fetching " + scope + " repository " + name);
     auto zone = zoneOf(name, owner);
-    auto [record, share] = fetchRepositoryRecords(database, zone, name);
+    std::pair<cloud::Record, cloud::Record> records;
+    try {
+        records = fetchRepositoryRecords(database, zone, name);
+    } catch (const NotFound&) {
+        forgetServed(zone);  // deleted: its decoded content need not stay in memory
+        throw;
+    }
+    auto& [record, share] = records;
     auto repository = servedRepository(zone);
     auto unchanged = [](const std::optional<cloud::Record>& kept, const cloud::Record& stored) {
         return kept && kept->recordChangeTag && kept->recordChangeTag == stored.recordChangeTag;

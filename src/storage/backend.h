@@ -118,6 +118,8 @@ class Backend {
     // The served repository of that zone, if one is kept; keeps `repository` as the latest.
     std::shared_ptr<Repository> servedRepository(const cloud::ZoneId& zone);
     void keepServed(const std::shared_ptr<Repository>& repository);
+    void forgetServed(const cloud::ZoneId& zone);
+    void forgetServedLocked(const cloud::ZoneId& zone);  // servedMutex_ held
     std::vector<std::shared_ptr<Repository>> listRepositories(cloud::Database& database);
     // The stored pack records among `packIds`; an absent one maps to nothing.
     void readPackRecords(cloud::Database& database, const cloud::ZoneId& zone,
