@@ -13,7 +13,7 @@ namespace {
 
 // Both cores compress; the reader waits when this much is read but not yet written.
 constexpr unsigned kWriterThreads = 2;
-constexpr std::size_t kMaxUnwrittenBytes = 8 << 20;
+constexpr std::size_t kMaxUnwrittenBytes = 16 << 20;
 
 constexpr Capability kOffered[] = {Capability::reportStatus, Capability::deleteRefs,
                                    Capability::sideBand64k, Capability::quiet, Capability::atomic};
