@@ -95,10 +95,9 @@ RepositoryContent incrementBetween(const RepositoryContent& before,
     return increment;
 }
 
-void applyIncrement(const RepositoryContent& increment, RepositoryContent& content,
-                    bool intoIncrement) {
+void applyIncrement(const RepositoryContent& increment, RepositoryContent& content, bool verbatim) {
     for (const auto& [name, id] : increment.refs) {
-        if (id == kDeletedRef && !intoIncrement) {
+        if (id == kDeletedRef && !verbatim) {
             content.refs.erase(name);
         } else {
             content.refs[name] = id;
@@ -130,7 +129,7 @@ StoredState readIncrementalMeta(const cloud::Record& record, const Repository* k
         for (const auto& part : base) {
             Bytes document = readDocument(part);
             state.size += static_cast<std::int64_t>(document.size());
-            applyIncrement(decodeRepositoryMeta(document, 2), state.content);
+            applyIncrement(decodeRepositoryMeta(document, 2), state.content, true);
         }
     }
     for (; next < increments.size(); ++next) {

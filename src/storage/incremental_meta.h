@@ -31,10 +31,11 @@ inline const std::string kDeletedRef(40, '0');
 // the pack sizes that differ, and the summaries added to the copy.
 RepositoryContent incrementBetween(const RepositoryContent& before, const RepositoryContent& after);
 
-// Applies an increment to a state. Between two increments (`intoIncrement`), a deleted reference
-// stays marked deleted, since an earlier increment or the base may hold it.
+// Applies an increment to a state. `verbatim` keeps a kDeletedRef value as it stands: when two
+// increments merge (the reference may be in an earlier one or the base), and when the parts of a
+// base are joined (they mark nothing deleted).
 void applyIncrement(const RepositoryContent& increment, RepositoryContent& content,
-                    bool intoIncrement = false);
+                    bool verbatim = false);
 
 // The state a version-3 record stores and the compressed size of its documents. `known`, decoded
 // from an earlier state of the same record, is extended by the increments added since instead
