@@ -37,24 +37,23 @@ void writeIds(JsonWriter& writer, const char* key, const std::vector<Digest>& id
     writer.EndArray();
 }
 
+template <typename Map, typename Visit>
+void forEachEntry(const Map& map, Visit visit) {
+    for (const auto& [id, value] : map)
+        visit(id, value);
+}
+
+template <typename Summary, typename Visit>
+void forEachEntry(const SummaryMap<Summary>& map, Visit visit) {
+    map.forEach(visit);
+}
+
 // Writes one section; `entryDone` runs after each entry (where a part may end).
 template <typename Map, typename WriteValue, typename EntryDone>
 void writeMap(JsonWriter& writer, const char* key, const Map& map, WriteValue writeValue,
               EntryDone entryDone) {
     entryDone.begin(key);
-    for (const auto& [id, value] : map) {
-        writeString(writer, id);
-        writeValue(value);
-        entryDone();
-    }
-    entryDone.end();
-}
-
-template <typename Summary, typename WriteValue, typename EntryDone>
-void writeMap(JsonWriter& writer, const char* key, const SummaryMap<Summary>& map,
-              WriteValue writeValue, EntryDone entryDone) {
-    entryDone.begin(key);
-    map.forEach([&](const std::string& id, const Summary& value) {
+    forEachEntry(map, [&](const std::string& id, const auto& value) {
         writeString(writer, id);
         writeValue(value);
         entryDone();
