@@ -5,7 +5,7 @@ set -euo pipefail
 
 packages=(
   cmake ninja-build g++ pkg-config git
-  zlib1g-dev libssl-dev rapidjson-dev libsqlite3-dev
+  zlib1g-dev libdeflate-dev libssl-dev rapidjson-dev libsqlite3-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   clang clang-format libclang-rt-14-dev ccache
 )

@@ -1,8 +1,10 @@
 #include "objects/zlib.h"
 
+#include <libdeflate.h>
 #include <zlib.h>
 
 #include <limits>
+#include <memory>
 
 #include "base/error.h"
 
@@ -14,6 +16,24 @@ std::string zlibMessage(const z_stream& stream) {
     return stream.msg ? stream.msg : "";
 }
 
+// Objects are compressed while a client or a push waits: speed over size, as git's loose objects.
+constexpr int kFastestLevel = 1;
+
+// libdeflate's compressor and decompressor hold large tables: one of each per thread.
+libdeflate_compressor& fastestCompressor() {
+    thread_local std::unique_ptr<libdeflate_compressor, decltype(&libdeflate_free_compressor)>
+        compressor(libdeflate_alloc_compressor(kFastestLevel), &libdeflate_free_compressor);
+    if (!compressor) throw Error("Deflate error: init");
+    return *compressor;
+}
+
+libdeflate_decompressor& decompressor() {
+    thread_local std::unique_ptr<libdeflate_decompressor, decltype(&libdeflate_free_decompressor)>
+        decompressor(libdeflate_alloc_decompressor(), &libdeflate_free_decompressor);
+    if (!decompressor) throw Error("Inflate error: init");
+    return *decompressor;
+}
+
 void checkLength(std::size_t length, const char* operation) {
     if (length > std::numeric_limits<uInt>::max())
         throw Error(std::string(operation) + " error: input too large");
@@ -23,24 +43,12 @@ void checkLength(std::size_t length, const char* operation) {
 
 Bytes zlibDeflate(ByteView input) {
     if (input.empty()) return {};
-    checkLength(input.size(), "Deflate");
-    z_stream stream{};
-    // Objects are compressed while a client or a push waits: speed over size, as git's loose
-    // objects.
-    if (deflateInit(&stream, Z_BEST_SPEED) != Z_OK) throw Error("Deflate error: init");
-    Bytes output(deflateBound(&stream, static_cast<uLong>(input.size())));
-    stream.next_in = const_cast<Bytef*>(input.data());
-    stream.avail_in = static_cast<uInt>(input.size());
-    stream.next_out = output.data();
-    stream.avail_out = static_cast<uInt>(output.size());
-    int result = deflate(&stream, Z_FINISH);
-    if (result != Z_STREAM_END) {
-        std::string message = zlibMessage(stream);
-        deflateEnd(&stream);
-        throw Error("Deflate error: " + message);
-    }
-    output.resize(stream.total_out);
-    deflateEnd(&stream);
+    auto& compressor = fastestCompressor();
+    Bytes output(libdeflate_zlib_compress_bound(&compressor, input.size()));
+    std::size_t length = libdeflate_zlib_compress(&compressor, input.data(), input.size(),
+                                                  output.data(), output.size());
+    if (length == 0) throw Error("Deflate error: output too small");
+    output.resize(length);
     return output;
 }
 
@@ -71,6 +79,38 @@ Bytes zlibInflate(ByteView input) {
     }
     inflateEnd(&stream);
     return result;
+}
+
+void appendRawDeflate(Bytes& output, ByteView input) {
+    auto& compressor = fastestCompressor();
+    std::size_t start = output.size();
+    output.resize(start + libdeflate_deflate_compress_bound(&compressor, input.size()));
+    std::size_t length = libdeflate_deflate_compress(&compressor, input.data(), input.size(),
+                                                     output.data() + start, output.size() - start);
+    if (length == 0) throw Error("Deflate error: output too small");
+    output.resize(start + length);
+}
+
+std::optional<Bytes> rawInflateExactly(ByteView input, std::size_t size) {
+    Bytes output(size);
+    std::size_t consumed = 0;
+    std::size_t produced = 0;
+    auto result = libdeflate_deflate_decompress_ex(&decompressor(), input.data(), input.size(),
+                                                   output.data(), output.size(), &consumed,
+                                                   &produced);
+    if (result != LIBDEFLATE_SUCCESS || consumed != input.size() || produced != size)
+        return std::nullopt;
+    return output;
+}
+
+std::uint32_t adler32Of(ByteView data, std::uint32_t seed) {
+    if (data.empty()) return seed;  // libdeflate takes a null buffer for "the initial value"
+    return libdeflate_adler32(seed, data.data(), data.size());
+}
+
+std::uint32_t adler32Combine(std::uint32_t first, std::uint32_t second, std::size_t secondLength) {
+    return static_cast<std::uint32_t>(
+        adler32_combine64(first, second, static_cast<z_off64_t>(secondLength)));
 }
 
 }  // namespace corvane

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <charconv>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -38,6 +39,18 @@ std::string looseHeader(const Object& object) {
 std::optional<ObjectType> typeFromHeaderName(std::string_view name) {
     if (name == "error") return ObjectType::error;
     return objectTypeFromName(name);
+}
+
+// The data size a "<type name> <decimal size>\0" header declares.
+std::optional<std::size_t> declaredSize(ByteView headerBytes) {
+    auto header = asText(headerBytes);
+    auto space = header.find(' ');
+    if (space == std::string_view::npos || !header.ends_with('\0')) return std::nullopt;
+    std::size_t size = 0;
+    auto digits = header.substr(space + 1, header.size() - space - 2);
+    auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), size);
+    if (error != std::errc{} || end != digits.data() + digits.size()) return std::nullopt;
+    return size;
 }
 
 // The type of a "<type name> <decimal size>\0" header whose size is the data's.
@@ -117,7 +130,7 @@ Object Store::getObject(const std::string& id, std::optional<Bytes>* dataStream)
     Bytes data;
     std::optional<SplitStream> split;
     try {
-        split = zlibInflateSplit(file);
+        split = zlibInflateSplit(file, declaredSize);
         if (split) {
             header = std::move(split->head);
             data = std::move(split->body);
