@@ -95,9 +95,9 @@ std::optional<Bytes> rawInflateExactly(ByteView input, std::size_t size) {
     Bytes output(size);
     std::size_t consumed = 0;
     std::size_t produced = 0;
-    auto result = libdeflate_deflate_decompress_ex(&decompressor(), input.data(), input.size(),
-                                                   output.data(), output.size(), &consumed,
-                                                   &produced);
+    auto result =
+        libdeflate_deflate_decompress_ex(&decompressor(), input.data(), input.size(), output.data(),
+                                         output.size(), &consumed, &produced);
     if (result != LIBDEFLATE_SUCCESS || consumed != input.size() || produced != size)
         return std::nullopt;
     return output;
