@@ -6,9 +6,15 @@
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
+#include <algorithm>
+#include <deque>
 #include <functional>
+#include <future>
+#include <memory>
+#include <thread>
 
 #include "base/error.h"
+#include "base/queues.h"
 #include "objects/lzfse_compression.h"
 
 namespace corvane {
@@ -400,11 +406,28 @@ Bytes encodeRepositoryMeta(const RepositoryContent& content) {
 
 void encodeRepositoryMetaParts(const RepositoryContent& content, std::size_t partJsonBytes,
                                const std::function<void(Bytes)>& sink) {
+    // Compressing takes most of the time: parts compress on every core while the next is
+    // written, and reach the sink in order. At most one part per core waits.
+    const unsigned threads = std::max(1u, std::thread::hardware_concurrency());
+    std::deque<std::future<Bytes>> compressed;
+    WorkQueue compressors("meta_compress", threads);
+    auto deliverFirst = [&] {
+        Bytes document = compressed.front().get();
+        compressed.pop_front();
+        sink(std::move(document));
+    };
     std::function<void(std::string_view)> compress = [&](std::string_view json) {
-        sink(lzfseCompress(asBytes(json)));
+        auto task = std::make_shared<std::packaged_task<Bytes()>>(
+            [text = std::string(json)] { return lzfseCompress(asBytes(text)); });
+        compressed.push_back(task->get_future());
+        compressors.async([task] { (*task)(); });
+        while (compressed.size() > threads)
+            deliverFirst();
     };
     PartWriter parts(partJsonBytes, compress);
     writeContent(parts, content);
+    while (!compressed.empty())
+        deliverFirst();
 }
 
 RepositoryContent decodeRepositoryMetaJson(std::string_view json, int version) {

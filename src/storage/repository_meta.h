@@ -24,8 +24,9 @@ std::string encodeRepositoryMetaJson(const RepositoryContent& content);
 Bytes encodeRepositoryMeta(const RepositoryContent& content);
 
 // The same content as several version-2 documents of about partJsonBytes of JSON each (one
-// entry may run past), compressed and handed to `sink` one by one as each is complete: the union
-// of their entries is the content, and no more than one part is in memory at a time.
+// entry may run past), compressed and handed to `sink` in order: the union of their entries is
+// the content. Parts compress on a pool of "meta_compress" threads, one per core, owned and joined
+// by the call; at most one part per core is in memory at a time.
 void encodeRepositoryMetaParts(const RepositoryContent& content, std::size_t partJsonBytes,
                                const std::function<void(Bytes)>& sink);
 
