@@ -106,6 +106,9 @@ void writeFileAtomically(const fs::path& path, ByteView data) {
 
 void copyFileIfAbsent(const fs::path& source, const fs::path& target) {
     if (fs::exists(target)) return;
+    // A second name for the same file costs no copy. Nobody writes into a placed file (every
+    // writer renames a new file over the name), so the two names can share it.
+    if (::link(source.c_str(), target.c_str()) == 0 || errno == EEXIST) return;
     fs::path temporary = temporaryBeside(target);
     std::error_code error;
     fs::copy_file(source, temporary, error);

@@ -14,8 +14,9 @@ Bytes readFile(const std::filesystem::path& path);
 // the old file or the whole new one.
 void writeFileAtomically(const std::filesystem::path& path, ByteView data);
 
-// Copies source to target unless target already exists (then the existing file stays). The copy
-// lands under a temporary name first, so a target is never seen half-written.
+// Gives target the contents of source unless target already exists (then the existing file
+// stays): a hard link where the file system allows one, else a copy that lands under a temporary
+// name first, so a target is never seen half-written.
 void copyFileIfAbsent(const std::filesystem::path& source, const std::filesystem::path& target);
 
 }  // namespace corvane
