@@ -11,14 +11,14 @@
 namespace corvane {
 
 // Compresses at the fastest level; empty for empty input. Fails with "Deflate error: init" or
-// "Deflate error: " + zlib's message.
+// "Deflate error: output too small".
 Bytes zlibDeflate(ByteView input);
 
 // Inflates a zlib stream. A stream cut short yields what it holds so far; bytes after the end of
 // the stream are ignored. Fails with "Inflate error: init" or "Inflate error: " + zlib's message.
 Bytes zlibInflate(ByteView input);
 
-// Appends the raw deflate blocks of input, compressed at the fastest level.
+// Appends the raw deflate blocks of input, compressed at the fastest level; fails as zlibDeflate.
 void appendRawDeflate(Bytes& output, ByteView input);
 // Inflates raw deflate blocks that make exactly `size` bytes and end exactly at the end of the
 // input; nullopt for anything else.

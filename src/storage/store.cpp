@@ -41,7 +41,8 @@ std::optional<ObjectType> typeFromHeaderName(std::string_view name) {
     return objectTypeFromName(name);
 }
 
-// The data size a "<type name> <decimal size>\0" header declares.
+// The data size a "<type name> <decimal size>\0" header declares: how much to inflate. The
+// header is checked strictly afterwards (parseHeader).
 std::optional<std::size_t> declaredSize(ByteView headerBytes) {
     auto header = asText(headerBytes);
     auto space = header.find(' ');
