@@ -1,11 +1,8 @@
 #include "objects/split_zlib.h"
 
-#include <libdeflate.h>
 #include <zlib.h>
 
 #include <algorithm>
-#include <limits>
-#include <memory>
 #include <string>
 
 #include "base/error.h"
