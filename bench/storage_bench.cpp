@@ -27,9 +27,9 @@ RepositoryContent largeContent() {
     for (std::size_t i = 0; i < 30000; ++i) {
         PartialTree tree;
         for (std::size_t k = 1; k <= 2; ++k)
-            tree.trees.push_back(digestOfId(fakeId((i + k) % 30000, 't')));
+            tree.trees.push_back(treeLink(fakeId((i + k) % 30000, 't')));
         for (std::size_t k = 0; k < 5; ++k)
-            tree.blobs.push_back(digestOfId(fakeId((i * 5 + k) % 50000, 'b')));
+            tree.blobs.push_back(treeLink(fakeId((i * 5 + k) % 50000, 'b')));
         content.trees.add(fakeId(i, 't'), std::move(tree));
     }
     for (std::size_t i = 0; i < 20000; ++i) {

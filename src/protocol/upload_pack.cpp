@@ -38,10 +38,10 @@ void markTreeSeen(const RepositoryContent& content, const std::string& root,
         if (!seen.insert(id).second) continue;
         const PartialTree* tree = content.trees.find(id);
         if (!tree) continue;
-        for (const auto& subtree : tree->trees)
-            pending.push_back(hexString(subtree));
-        for (const auto& blob : tree->blobs)
-            seen.insert(hexString(blob));
+        for (auto subtree : tree->trees)
+            pending.push_back(linkedId(subtree));
+        for (auto blob : tree->blobs)
+            seen.insert(linkedId(blob));
     }
 }
 
@@ -189,10 +189,10 @@ std::vector<std::string> UploadPack::selectObjects(const RepositoryContent& cont
         if (!seen.insert(id).second) continue;
         const PartialTree* tree = content.trees.find(id);
         if (!tree) throw Error("Tree " + id + " not found on server");
-        for (const auto& subtree : tree->trees)
-            pendingTrees.push_back(hexString(subtree));
-        for (const auto& blobId : tree->blobs) {
-            auto blob = hexString(blobId);
+        for (auto subtree : tree->trees)
+            pendingTrees.push_back(linkedId(subtree));
+        for (auto link : tree->blobs) {
+            auto blob = linkedId(link);
             if (!seen.contains(blob) && blobSet.insert(blob).second) blobs.push_back(blob);
         }
         output.push_back(id);

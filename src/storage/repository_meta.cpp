@@ -35,11 +35,11 @@ void writeStrings(JsonWriter& writer, const char* key, const std::vector<std::st
     writer.EndArray();
 }
 
-void writeIds(JsonWriter& writer, const char* key, const std::vector<Digest>& ids) {
+void writeIds(JsonWriter& writer, const char* key, const std::vector<TreeLink>& links) {
     writer.Key(key);
     writer.StartArray();
-    for (const auto& id : ids)
-        writeString(writer, hexString(id));
+    for (auto link : links)
+        writeString(writer, linkedId(link));
     writer.EndArray();
 }
 
@@ -221,10 +221,10 @@ class MetaReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, MetaRe
             else if (field_ == Field::trees && section_ == Section::commits && version_ == 1)
                 v1CommitTrees_.push_back(std::move(value));
             else if (field_ == Field::trees && section_ == Section::trees)
-                return isObjectId(value) ? (tree_.trees.push_back(digestOfId(value)), true)
+                return isObjectId(value) ? (tree_.trees.push_back(treeLink(value)), true)
                                          : fail("bad id in tree " + entry_);
             else if (field_ == Field::blobs && section_ == Section::trees)
-                return isObjectId(value) ? (tree_.blobs.push_back(digestOfId(value)), true)
+                return isObjectId(value) ? (tree_.blobs.push_back(treeLink(value)), true)
                                          : fail("bad id in tree " + entry_);
             else
                 return fail();

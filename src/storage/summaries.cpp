@@ -14,6 +14,14 @@ constexpr std::uint16_t kModeSubmodule = 0160000;
 
 }  // namespace
 
+TreeLink treeLink(std::string_view id) {
+    return ObjectIdTable::process().number(digestOfId(id));
+}
+
+std::string linkedId(TreeLink link) {
+    return hexString(ObjectIdTable::process().digest(link));
+}
+
 void summarise(const Object& object, RepositoryContent& content) {
     const std::string& id = object.id();
     switch (object.type()) {
@@ -27,9 +35,9 @@ void summarise(const Object& object, RepositoryContent& content) {
             for (const auto& entry : parseTree(object, TextCheck::none).entries) {
                 auto kind = entry.mode & kModeTypeMask;
                 if (kind == kModeDirectory) {
-                    summary.trees.push_back(digestOfId(entry.id));
+                    summary.trees.push_back(treeLink(entry.id));
                 } else if (kind != kModeSubmodule) {
-                    summary.blobs.push_back(digestOfId(entry.id));  // submodules live elsewhere
+                    summary.blobs.push_back(treeLink(entry.id));  // submodules live elsewhere
                 }
             }
             summary.trees.shrink_to_fit();

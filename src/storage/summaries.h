@@ -5,12 +5,14 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
 #include "objects/object.h"
 #include "objects/object_type.h"
 #include "objects/sha1.h"
+#include "storage/object_id_table.h"
 #include "storage/summary_map.h"
 
 namespace corvane {
@@ -21,11 +23,15 @@ struct PartialCommit {
     bool operator==(const PartialCommit&) const = default;
 };
 
-// Trees hold most of a history's links (11 million in one of 300k objects), so their ids are
-// kept as their 20 bytes rather than as 40-character texts.
+// A tree's link to a subtree or blob. Trees hold most of a history's links (11 million in one of
+// 300k objects), so a link is the id's number in the process's ObjectIdTable, not its text.
+using TreeLink = ObjectIdTable::Number;
+TreeLink treeLink(std::string_view id);  // id: an object id (isObjectId)
+std::string linkedId(TreeLink link);
+
 struct PartialTree {
-    std::vector<Digest> trees;  // subtree ids, in entry order
-    std::vector<Digest> blobs;  // blob ids (not submodules), in entry order
+    std::vector<TreeLink> trees;  // subtrees, in entry order
+    std::vector<TreeLink> blobs;  // blobs (not submodules), in entry order
     bool operator==(const PartialTree&) const = default;
 };
 

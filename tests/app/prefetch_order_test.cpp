@@ -24,8 +24,8 @@ TEST(PrefetchOrder, HeadsFirstParentChainWithTreesThenEverythingElseOnce) {
     content.commits.add(id('2'), {id('b'), {id('1'), id('9')}});
     content.commits.add(id('1'), {id('a'), {}});
     content.commits.add(id('9'), {id('a'), {}});
-    content.trees.add(id('a'), {{}, {digestOfId(id('0'))}});
-    content.trees.add(id('b'), {{digestOfId(id('d'))}, {}});
+    content.trees.add(id('a'), {{}, {treeLink(id('0'))}});
+    content.trees.add(id('b'), {{treeLink(id('d'))}, {}});
     content.trees.add(id('c'), {{}, {}});
     content.trees.add(id('d'), {{}, {}});
     content.tags.add(id('7'), {id('3'), ObjectType::commit});

@@ -49,7 +49,7 @@ TEST(RepositoryMeta, ReadsVersionOneDocuments) {
     EXPECT_EQ(content.tags.at(g), (PartialTag{c, ObjectType::commit}));
     EXPECT_EQ(content.tags.at(p).type, ObjectType::error);  // an unknown type word
     EXPECT_EQ(content.commits.at(c), (PartialCommit{t, {}}));
-    EXPECT_EQ(content.trees.at(t), (PartialTree{{digestOfId(s)}, {digestOfId(b)}}));
+    EXPECT_EQ(content.trees.at(t), (PartialTree{{treeLink(s)}, {treeLink(b)}}));
     EXPECT_TRUE(content.blobs.empty());
     // Through the compressed form too.
     EXPECT_EQ(decodeRepositoryMeta(lzfseCompress(asBytes(json)), 1), content);
