@@ -16,6 +16,23 @@ std::optional<CloudError> AssetStore::store(const std::filesystem::path& file,
                                             const FileDigest& digest) {
     if (queryInteger(connection_, "SELECT size FROM assets WHERE hash = ?", {digest.hash}))
         return std::nullopt;
+    auto insertChunk = [&](std::int64_t seq, ByteView piece) {
+        connection_.execute("INSERT INTO asset_chunks (hash, seq, data) VALUES (?, ?, ?)",
+                            {digest.hash, seq, piece});
+    };
+    auto insertAsset = [&] {
+        connection_.execute("INSERT INTO assets (hash, size) VALUES (?, ?)",
+                            {digest.hash, static_cast<std::int64_t>(digest.size)});
+        return std::nullopt;
+    };
+    if (digest.contents) {
+        ByteView bytes(*digest.contents);
+        for (std::int64_t seq = 0; !bytes.empty(); ++seq) {
+            insertChunk(seq, bytes.first(std::min(kChunkSize, bytes.size())));
+            bytes = bytes.subspan(std::min(kChunkSize, bytes.size()));
+        }
+        return insertAsset();
+    }
 
     int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0)
@@ -49,16 +66,13 @@ std::optional<CloudError> AssetStore::store(const std::filesystem::path& file,
         ByteView piece(chunk.get(), filled);
         sha.update(piece);
         total += filled;
-        connection_.execute("INSERT INTO asset_chunks (hash, seq, data) VALUES (?, ?, ?)",
-                            {digest.hash, seq, piece});
+        insertChunk(seq, piece);
         if (filled < capacity) break;
     }
     if (total != digest.size || sha.finishHex() != digest.hash)
         return CloudError(kAssetFileModified,
                           "The asset file " + file.string() + " changed while it was saved");
-    connection_.execute("INSERT INTO assets (hash, size) VALUES (?, ?)",
-                        {digest.hash, static_cast<std::int64_t>(digest.size)});
-    return std::nullopt;
+    return insertAsset();
 }
 
 void AssetStore::writeToCache(const StoredAsset& asset, const AssetCache& cache) {

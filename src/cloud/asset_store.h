@@ -26,9 +26,10 @@ class AssetStore {
 
     explicit AssetStore(Connection& connection) : connection_(connection) {}
 
-    // Stores the file's bytes as the content `digest` unless that content is stored already.
-    // Returns the record's error when the file cannot be read (16) or no longer matches the
-    // digest taken before (17); the caller then rolls back what was written.
+    // Stores the file's bytes as the content `digest` unless that content is stored already:
+    // the bytes the digest kept, else the file's. Returns the record's error when the file
+    // cannot be read (16) or no longer matches the digest taken before (17); the caller then
+    // rolls back what was written.
     std::optional<CloudError> store(const std::filesystem::path& file, const FileDigest& digest);
 
     // Makes sure the content's file is in the cache. Throws CloudError 1 when the stored bytes

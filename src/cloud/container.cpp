@@ -6,13 +6,17 @@
 #include "cloud/schema.h"
 #include "cloud/session.h"
 #include "cloud/share_access.h"
+#include "cloud/sqlite_checkpointer.h"
 #include "cloud/sqlite_connection.h"
 
 namespace corvane::cloud {
 
 std::unique_ptr<Container> Container::open(const std::filesystem::path& databaseFile,
                                            const ContainerOptions& options) {
-    return open([databaseFile] { return SqliteConnection::open(databaseFile); }, options);
+    auto checkpointer = std::make_shared<SqliteCheckpointer>(databaseFile);
+    return open(
+        [databaseFile, checkpointer] { return SqliteConnection::open(databaseFile, checkpointer); },
+        options);
 }
 
 std::unique_ptr<Container> Container::open(ConnectionFactory connect,

@@ -1,11 +1,15 @@
 #include "cloud/record_writer.h"
 
 #include <algorithm>
+#include <atomic>
 #include <map>
 #include <set>
 #include <string>
+#include <thread>
 #include <variant>
+#include <vector>
 
+#include "base/queues.h"
 #include "cloud/asset_store.h"
 #include "cloud/crypto.h"
 #include "cloud/error_codes.h"
@@ -75,11 +79,64 @@ std::optional<FileDigest> cachedDigest(const std::filesystem::path& file, const 
     std::error_code error;
     auto size = std::filesystem::file_size(file, error);
     if (error) return std::nullopt;
-    return FileDigest{std::move(name), size};
+    return FileDigest{std::move(name), size, nullptr};
 }
 
-void digestAssets(Pending& pending, std::map<std::string, FileDigest>& known,
-                  const AssetCache& cache) {
+// Small files (most of a pack's objects) stay in memory between hashing and storing, so they are
+// read once; a save keeps at most this much of them.
+constexpr std::uint64_t kKeptFileSize = 256 << 10;
+constexpr std::uint64_t kKeptBytesPerSave = 64 << 20;
+// A save naming this many files hashes them on every core.
+constexpr std::size_t kFilesPerDigestThread = 256;
+
+using DigestResult = std::variant<FileDigest, CloudError>;
+
+// Digests the files the records name, each once: many on several threads, which live as long as
+// the call.
+std::map<std::string, DigestResult> digestFiles(const std::vector<Pending>& pending,
+                                                const AssetCache& cache) {
+    std::map<std::string, DigestResult> digests;
+    for (const auto& item : pending) {
+        if (item.error) continue;
+        forEachAsset(*item.record, [&](const std::string&, const Asset& asset) {
+            if (asset.fileURL) digests.emplace(asset.fileURL->string(), DigestResult{});
+        });
+    }
+    std::vector<std::pair<const std::string, DigestResult>*> entries;
+    for (auto& entry : digests)
+        entries.push_back(&entry);
+    std::atomic<std::size_t> next = 0;
+    std::atomic<std::uint64_t> kept = 0;
+    auto work = [&] {
+        for (std::size_t i = next++; i < entries.size(); i = next++) {
+            auto& [path, result] = *entries[i];
+            try {
+                auto cached = cachedDigest(path, cache);
+                auto digest = cached ? *cached : digestFile(path, kKeptFileSize);
+                if (digest.contents && (kept += digest.contents->size()) > kKeptBytesPerSave)
+                    digest.contents.reset();
+                result = std::move(digest);
+            } catch (const CloudError& error) {
+                result = error;
+            } catch (const std::exception& error) {
+                // Nothing may leave a helper thread; the record fails like an unreadable file.
+                result = CloudError(kInternalError, error.what());
+            }
+        }
+    };
+    std::vector<std::jthread> helpers;
+    auto threads = std::max(1u, std::thread::hardware_concurrency());
+    for (unsigned t = 1; t < threads && t * kFilesPerDigestThread < entries.size(); ++t)
+        helpers.emplace_back([&] {
+            setThreadName("asset_digest");
+            work();
+        });
+    work();
+    helpers.clear();  // joins
+    return digests;
+}
+
+void assignDigests(Pending& pending, const std::map<std::string, DigestResult>& digests) {
     forEachAsset(*pending.record, [&](const std::string& key, const Asset& asset) {
         if (pending.error) return;
         if (!asset.fileURL) {
@@ -89,17 +146,12 @@ void digestAssets(Pending& pending, std::map<std::string, FileDigest>& known,
             return;
         }
         auto path = asset.fileURL->string();
-        auto it = known.find(path);
-        if (it == known.end()) {
-            try {
-                auto cached = cachedDigest(*asset.fileURL, cache);
-                it = known.emplace(path, cached ? *cached : digestFile(*asset.fileURL)).first;
-            } catch (const CloudError& error) {
-                pending.error = error;
-                return;
-            }
+        const auto& result = digests.at(path);
+        if (const auto* error = std::get_if<CloudError>(&result)) {
+            pending.error = *error;
+        } else {
+            pending.digests.emplace(path, std::get<FileDigest>(result));
         }
-        pending.digests.emplace(path, it->second);
     });
 }
 
@@ -250,13 +302,15 @@ std::vector<SaveOutcome> saveRecords(Session& session, DatabaseScope scope,
     }
 
     std::vector<Pending> pending(records.size());
-    std::map<std::string, FileDigest> digests;
-    bool anyRefused = false;
     for (std::size_t i = 0; i < records.size(); ++i) {
         pending[i].record = &records[i];
         pending[i].error = check(records[i]);
-        if (!pending[i].error) digestAssets(pending[i], digests, session.assetCache);
-        anyRefused = anyRefused || pending[i].error;
+    }
+    auto digests = digestFiles(pending, session.assetCache);
+    bool anyRefused = false;
+    for (auto& item : pending) {
+        if (!item.error) assignDigests(item, digests);
+        anyRefused = anyRefused || item.error;
     }
     if (atomic && anyRefused) return failAll(pending);
     bool anyToWrite = false;

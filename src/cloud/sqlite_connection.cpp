@@ -64,7 +64,8 @@ bool isDamage(int sqliteCode) {
 
 }  // namespace
 
-std::unique_ptr<SqliteConnection> SqliteConnection::open(const std::filesystem::path& file) {
+std::unique_ptr<SqliteConnection> SqliteConnection::open(
+    const std::filesystem::path& file, std::shared_ptr<SqliteCheckpointer> checkpointer) {
     if (file.has_parent_path()) createPrivateDirectories(file.parent_path());
     // Creating the file ourselves fixes its mode; SQLite gives its WAL files the same mode.
     // Only a new file is opened here: closing a descriptor of a file this process already has
@@ -105,6 +106,20 @@ std::unique_ptr<SqliteConnection> SqliteConnection::open(const std::filesystem::
     // FULL: a save that returned survives a power cut, not only a crash of the process.
     connection->execute("PRAGMA synchronous = FULL");
     connection->execute("PRAGMA journal_size_limit = 67108864");
+    // A save of a hundred pack records fits, so its pages reach the log once; the cache is
+    // emptied after each transaction (see commit).
+    connection->execute("PRAGMA cache_size = -65536");
+    if (checkpointer) {
+        connection->checkpointer_ = std::move(checkpointer);
+        sqlite3_wal_hook(
+            db,
+            [](void* context, sqlite3*, const char*, int pages) {
+                if (pages >= SqliteCheckpointer::kPagesBeforeCheckpoint)
+                    static_cast<SqliteCheckpointer*>(context)->request();
+                return SQLITE_OK;
+            },
+            connection->checkpointer_.get());
+    }
     return connection;
 }
 
@@ -120,6 +135,8 @@ void SqliteConnection::begin(TransactionMode mode) {
 
 void SqliteConnection::commit() {
     execute("COMMIT");
+    // An idle connection keeps no pages: memory follows the work under way.
+    sqlite3_db_release_memory(db_);
 }
 
 void SqliteConnection::rollback() noexcept {
@@ -129,6 +146,11 @@ void SqliteConnection::rollback() noexcept {
 
 void SqliteConnection::releaseFreeSpace() {
     execute("PRAGMA incremental_vacuum");
+}
+
+void SqliteConnection::checkpoint() {
+    int rc = sqlite3_wal_checkpoint_v2(db_, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+    if (rc != SQLITE_OK) fail(rc, "checkpoint");
 }
 
 sqlite3_stmt* SqliteConnection::prepare(std::string_view sql) const {

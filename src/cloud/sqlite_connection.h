@@ -12,6 +12,7 @@
 #include <unordered_map>
 
 #include "cloud/connection.h"
+#include "cloud/sqlite_checkpointer.h"
 
 namespace corvane::cloud {
 
@@ -20,7 +21,11 @@ class SqliteConnection final : public Connection {
     // How long a writer waits for another process's transaction before failing with code 6.
     static constexpr int kBusyTimeoutMilliseconds = 10 * 60 * 1000;
 
-    static std::unique_ptr<SqliteConnection> open(const std::filesystem::path& file);
+    // With a checkpointer, the write-ahead log is copied back into the file on its thread;
+    // without one, by whichever commit fills it (SQLite's default).
+    static std::unique_ptr<SqliteConnection> open(
+        const std::filesystem::path& file,
+        std::shared_ptr<SqliteCheckpointer> checkpointer = nullptr);
 
   private:
     struct Key {};  // only open() makes connections
@@ -37,6 +42,8 @@ class SqliteConnection final : public Connection {
     void commit() override;
     void rollback() noexcept override;
     void releaseFreeSpace() override;
+    // Copies what it can of the log into the file without waiting for readers or writers.
+    void checkpoint();
 
   protected:
     std::int64_t run(std::string_view sql, std::span<const SqlParam> params,
@@ -60,6 +67,7 @@ class SqliteConnection final : public Connection {
 
     sqlite3* db_;
     std::filesystem::path file_;
+    std::shared_ptr<SqliteCheckpointer> checkpointer_;
     std::unordered_map<std::string, CachedStatement, TextHash, std::equal_to<>> statements_;
 };
 

@@ -1,5 +1,7 @@
 #include "protocol/receive_pack.h"
 
+#include <malloc.h>
+
 #include <cstdio>
 #include <unordered_set>
 
@@ -224,6 +226,9 @@ void ReceivePack::upload(const std::vector<std::string>& newIds, const Repositor
         });
     for (const auto& [packId, size] : sizes)
         packSizes[packId] = size;
+    // The upload's buffers are freed on several threads' heaps; they go back before the
+    // metadata, the push's other large piece of work, is written.
+    ::malloc_trim(0);
     say("Uploading " + count + " objects to the cloud: done\n");
 }
 

@@ -185,9 +185,10 @@ TEST_F(AssetTest, TheSweepRemovesOnlyOldFilesOfItsOwn) {
 }
 
 TEST_F(AssetTest, AFileThatChangesWhileSavedIsRefused) {
-    // Files are hashed before the transaction begins; one that differs by the time its bytes
-    // are stored must not be stored under the old hash.
-    auto path = file("moving", "before");
+    // Files are hashed before the transaction begins; one too large to be kept in memory
+    // meanwhile that differs by the time its bytes are stored must not be stored under the old
+    // hash. Small files are stored as they were hashed.
+    auto path = file("moving", std::string(300 << 10, 'b'));
     int countdown = 1000000;
     auto faulty = Container::open(
         testing::faultyFactory(databaseFile(), countdown,
@@ -207,7 +208,8 @@ TEST_F(AssetTest, AFileThatChangesWhileSavedIsRefused) {
         EXPECT_EQ(failure.partialErrors().at(record.recordId).code(), kAssetFileModified);
     }
     EXPECT_EQ(container->storageUsage().assetCount, 1);
-    EXPECT_TRUE(fetchOne(database(), other.recordId).record);
+    auto steady = fetchOne(database(), other.recordId);
+    EXPECT_EQ(testing::readFile(*steady.record->get<Asset>("x")->fileURL), "steady bytes");
     auto connection = SqliteConnection::open(databaseFile());
     EXPECT_EQ(queryInteger(*connection, "SELECT COUNT(*) FROM asset_chunks", {}), 1);
 
