@@ -9,6 +9,7 @@
 #include "base/trace.h"
 #include "cloud/connection_pool.h"
 #include "cloud/schema.h"
+#include "cloud/sqlite_checkpointer.h"
 #include "cloud_test_support.h"
 
 namespace corvane::cloud {
@@ -27,6 +28,23 @@ TEST_F(EngineTest, CreatesAPrivateFileInPrivateFoldersWithWriteAheadLogging) {
     ASSERT_EQ(::stat((folder() / "a").c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777, 0700u);
     EXPECT_EQ(queryText(*connection, "PRAGMA journal_mode", {}), "wal");
+}
+
+TEST_F(EngineTest, TheCheckpointThreadCopiesALargeCommitBackIntoTheFile) {
+    auto checkpointer = std::make_shared<SqliteCheckpointer>(databaseFile());
+    auto connection = SqliteConnection::open(databaseFile(), checkpointer);
+    connection->execute("CREATE TABLE t (b BLOB)");
+    Bytes piece(1 << 20, 7);
+    connection->begin(TransactionMode::write);
+    for (int i = 0; i < 8; ++i)
+        connection->execute("INSERT INTO t VALUES (?)", {ByteView(piece)});
+    connection->commit();
+    // The commit itself leaves its pages in the log; the file grows once they are copied.
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (std::filesystem::file_size(databaseFile()) < 8 * piece.size() &&
+           std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_GE(std::filesystem::file_size(databaseFile()), 8 * piece.size());
 }
 
 TEST_F(EngineTest, BindsAndReadsEveryType) {
