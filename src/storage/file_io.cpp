@@ -104,22 +104,25 @@ void writeFileAtomically(const fs::path& path, ByteView data) {
     }
 }
 
-void copyFileIfAbsent(const fs::path& source, const fs::path& target) {
-    if (fs::exists(target)) return;
+bool copyFileIfAbsent(const fs::path& source, const fs::path& target) {
+    if (fs::exists(target)) return false;
     // A second name for the same file costs no copy. Nobody writes into a placed file (every
     // writer renames a new file over the name), so the two names can share it.
-    if (::link(source.c_str(), target.c_str()) == 0 || errno == EEXIST) return;
+    if (::link(source.c_str(), target.c_str()) == 0) return true;
+    if (errno == EEXIST) return false;
     fs::path temporary = temporaryBeside(target);
     std::error_code error;
     fs::copy_file(source, temporary, error);
     if (error) throw Error(error.message());
     // link() refuses an existing target, so a file placed meanwhile by another thread stays.
-    if (::link(temporary.c_str(), target.c_str()) != 0 && errno != EEXIST) {
+    bool placed = ::link(temporary.c_str(), target.c_str()) == 0;
+    if (!placed && errno != EEXIST) {
         std::string message = systemError();
         ::unlink(temporary.c_str());
         throw Error(message);
     }
     ::unlink(temporary.c_str());
+    return placed;
 }
 
 }  // namespace corvane

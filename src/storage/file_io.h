@@ -16,7 +16,7 @@ void writeFileAtomically(const std::filesystem::path& path, ByteView data);
 
 // Gives target the contents of source unless target already exists (then the existing file
 // stays): a hard link where the file system allows one, else a copy that lands under a temporary
-// name first, so a target is never seen half-written.
-void copyFileIfAbsent(const std::filesystem::path& source, const std::filesystem::path& target);
+// name first, so a target is never seen half-written. True when it placed the file.
+bool copyFileIfAbsent(const std::filesystem::path& source, const std::filesystem::path& target);
 
 }  // namespace corvane

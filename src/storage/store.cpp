@@ -164,7 +164,9 @@ Object Store::getObject(const std::string& id, std::optional<Bytes>* dataStream)
 void Store::placeObjectFile(const std::string& id, const fs::path& file) {
     fs::path path = objectPath(id);
     fs::create_directories(path.parent_path());
-    copyFileIfAbsent(file, path);
+    // A download is checked when it is first read, as every cache file is: checking it here
+    // as well would inflate and hash each object of a cold clone twice.
+    if (copyFileIfAbsent(file, path)) return;
     try {
         getObject(id);
         return;
@@ -173,7 +175,6 @@ void Store::placeObjectFile(const std::string& id, const fs::path& file) {
     }
     // The file that was there was damaged, and reading it removed it: the download replaces it.
     copyFileIfAbsent(file, path);
-    getObject(id);
 }
 
 fs::path Store::workingFile(const std::string& name) const {

@@ -57,8 +57,9 @@ class Store {
     // do), dataStream receives the zlib stream of the data, ready for a pack entry.
     Object getObject(const std::string& id, std::optional<Bytes>* dataStream);
     bool hasObject(const std::string& id) const;
-    // Moves or copies a downloaded object file into place (keeping a sound file already there,
-    // replacing a damaged one) and verifies it through getObject.
+    // Links or copies a downloaded object file into place, keeping a sound file already there
+    // and replacing a damaged one. The download itself is verified when first read (getObject
+    // removes it if it is not the object its id names).
     void placeObjectFile(const std::string& id, const std::filesystem::path& file);
     // A path in the working folder root/zzz, for the caller to write and remove.
     std::filesystem::path workingFile(const std::string& name) const;

@@ -124,10 +124,10 @@ TEST(Store, PlacesDownloadedFilesKeepingSoundOnesAlreadyThere) {
 
     Object other(ObjectType::blob, toBytes("other"));
     source.putObject(other);
-    // A download whose bytes are not the object it claims to be is refused and removed.
-    EXPECT_EQ(testing::errorMessage([&] {
-                  store.placeObjectFile(std::string(40, 'a'), source.objectPath(other.id()));
-              }),
+    // A download whose bytes are not the object it claims to be is refused when read, and
+    // removed.
+    store.placeObjectFile(std::string(40, 'a'), source.objectPath(other.id()));
+    EXPECT_EQ(testing::errorMessage([&] { store.getObject(std::string(40, 'a')); }),
               "Corrupted cache file for object " + std::string(40, 'a'));
     EXPECT_FALSE(store.hasObject(std::string(40, 'a')));
 }
