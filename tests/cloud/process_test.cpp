@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <random>
 #include <thread>
 
 #include "cloud_test_support.h"
@@ -147,107 +146,6 @@ TEST_F(ProcessTest, AProcessKilledInsideAnAtomicSaveLeavesItWholeOrAbsent) {
         EXPECT_EQ(storedRecords(database, save), expected) << "kill at " << killAt;
         EXPECT_EQ(storedAssets(database), expected ? assetsOf(save) : 0);
     }
-}
-
-TEST_F(ProcessTest, AProcessKilledAtAnyMomentLeavesEachSaveWholeOrAbsent) {
-    // The child prepares 8 saves (a new zone of 10 records with 40 new contents each), tells the
-    // parent, and runs them one after the other, reporting the start and end of each; the
-    // parent kills it at a random moment. Rounds repeat until kills have landed inside saves.
-    constexpr int kSaves = 8;
-    constexpr int kRecords = 10;
-    constexpr int kAssets = 40;
-    auto content = [](int save, int r, int a) {
-        return "z" + std::to_string(save) + "-" + std::to_string(r) + "-" + std::to_string(a) +
-               std::string(300, '.');
-    };
-    std::mt19937 random(12345);
-    int interrupted = 0;
-    for (int round = 0; round < 12 && interrupted < 3; ++round) {
-        auto database = folder() / ("round-" + std::to_string(round) + ".sqlite");
-        prepareFile(database);
-        int report[2];
-        ASSERT_EQ(::pipe(report), 0);
-        auto pid = spawn([&] {
-            ::close(report[0]);
-            auto container = Container::open(database, optionsFor("ann@example.com"));
-            auto& db = container->privateCloudDatabase();
-            std::vector<std::vector<Record>> saves;
-            for (int save = 0; save < kSaves; ++save) {
-                ZoneId zone{"z" + std::to_string(save)};
-                db.saveRecordZone(zone);
-                std::vector<Record> records;
-                for (int r = 0; r < kRecords; ++r) {
-                    Record record("pack", RecordId{"r" + std::to_string(r), zone});
-                    std::vector<Asset> objects;
-                    for (int a = 0; a < kAssets; ++a) {
-                        auto name = std::to_string(round) + "-" + std::to_string(save) + "-" +
-                                    std::to_string(r) + "-" + std::to_string(a);
-                        objects.push_back(Asset{file(name, content(save, r, a))});
-                    }
-                    record.set("objects", objects);
-                    records.push_back(record);
-                }
-                saves.push_back(std::move(records));
-            }
-            auto say = [&](char mark) {
-                if (::write(report[1], &mark, 1) != 1) throw Error("pipe");
-            };
-            say('r');
-            for (const auto& records : saves) {
-                say('b');
-                testing::saveAll(db, records);
-                say('e');
-            }
-            for (;;)
-                ::pause();
-        });
-        ::close(report[1]);
-        char mark = 0;
-        ASSERT_EQ(::read(report[0], &mark, 1), 1);
-        std::this_thread::sleep_for(std::chrono::milliseconds(random() % 400));
-        ::kill(pid, SIGKILL);
-        EXPECT_TRUE(waitFor(pid).killed);
-        std::string marks;
-        while (::read(report[0], &mark, 1) == 1)
-            marks += mark;
-        ::close(report[0]);
-        if (!marks.empty() && marks.back() == 'b') ++interrupted;
-
-        // Saves 0 .. whole-1 are complete; no later one left a trace.
-        auto connection = SqliteConnection::open(database);
-        EXPECT_EQ(queryText(*connection, "PRAGMA integrity_check", {}), "ok");
-        auto container = Container::open(database, optionsFor("ann@example.com"));
-        auto& db = container->privateCloudDatabase();
-        int whole = 0;
-        for (int save = 0; save < kSaves; ++save) {
-            ZoneId zone{"z" + std::to_string(save)};
-            std::vector<RecordId> ids;
-            for (int r = 0; r < kRecords; ++r)
-                ids.push_back(RecordId{"r" + std::to_string(r), zone});
-            int stored = 0;
-            auto results = db.fetchRecords(ids);
-            for (int r = 0; r < kRecords; ++r) {
-                const auto& result = results[static_cast<std::size_t>(r)];
-                if (!result.record) continue;
-                ++stored;
-                auto objects = *result.record->get<std::vector<Asset>>("objects");
-                ASSERT_EQ(objects.size(), static_cast<std::size_t>(kAssets));
-                for (int a = 0; a < kAssets; ++a) {
-                    EXPECT_EQ(testing::readFile(*objects[static_cast<std::size_t>(a)].fileURL),
-                              content(save, r, a));
-                }
-            }
-            EXPECT_TRUE(stored == 0 || stored == kRecords) << "round " << round << " save " << save;
-            if (stored == kRecords && save == whole) ++whole;
-            if (stored && save > whole) ADD_FAILURE() << "a later save without an earlier one";
-        }
-        // Every save that returned is stored; the one under way may be either.
-        auto finished = static_cast<int>(std::count(marks.begin(), marks.end(), 'e'));
-        EXPECT_TRUE(whole == finished || whole == finished + 1) << marks;
-        EXPECT_EQ(container->storageUsage().assetCount, whole * kRecords * kAssets);
-    }
-    EXPECT_GT(interrupted, 0) << "no kill landed inside a save";
-    RecordProperty("kills inside a save", interrupted);
 }
 
 // Not a test of its own: the other process of the next test, started afresh (a forked child
