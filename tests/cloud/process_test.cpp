@@ -5,8 +5,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
-#include <thread>
 
 #include "cloud_test_support.h"
 
