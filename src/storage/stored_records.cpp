@@ -181,13 +181,23 @@ PackUpdate mergePackRecord(const std::string& packId, const std::optional<cloud:
             }
         }
     }
+    for (const auto& [id, file] : files) {
+        std::error_code error;
+        auto fileSize = fs::file_size(file, error);
+        if (!error) update.size += static_cast<std::int64_t>(fileSize);
+    }
     for (const auto& id : ids) {
         if (files.contains(id)) continue;
-        if (!store.hasObject(id)) {
+        // One look at the file tells both whether the cache has the object and its size.
+        auto path = store.objectPath(id);
+        std::error_code error;
+        auto fileSize = fs::file_size(path, error);
+        if (error) {
             update.missing.push_back(id);
             continue;
         }
-        files.emplace(id, store.objectPath(id));
+        update.size += static_cast<std::int64_t>(fileSize);
+        files.emplace(id, std::move(path));
         rewritten = true;
     }
     update.needsSave = rewritten;
@@ -195,9 +205,6 @@ PackUpdate mergePackRecord(const std::string& packId, const std::optional<cloud:
     std::vector<std::string> objectIds;
     std::vector<cloud::Asset> objects;
     for (const auto& [id, file] : files) {
-        std::error_code error;
-        auto fileSize = fs::file_size(file, error);
-        if (!error) update.size += static_cast<std::int64_t>(fileSize);
         objectIds.push_back(id);
         objects.push_back({file});
     }
