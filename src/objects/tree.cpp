@@ -16,10 +16,8 @@ constexpr std::size_t kRawIdSize = 20;
 }  // namespace
 
 // Each entry: "<octal mode> <name>" NUL, then the entry's 20-byte raw id.
-Tree parseTree(const Object& object, TextCheck check) {
+void forEachTreeEntry(const Object& object, TextCheck check, const TreeEntryVisitor& visit) {
     ByteView data = object.data();
-    Tree tree;
-    tree.id = object.id();
     auto corrupted = [&] { return Error("Corrupted tree object " + object.id()); };
     std::size_t position = 0;
     while (position < data.size()) {
@@ -32,16 +30,22 @@ Tree parseTree(const Object& object, TextCheck check) {
         auto space = head.find(' ');
         if (space == std::string_view::npos) throw corrupted();
 
-        TreeEntry entry;
+        std::uint16_t mode = 0;
         const char* modeEnd = head.data() + space;
-        auto [stop, status] = std::from_chars(head.data(), modeEnd, entry.mode, 8);
+        auto [stop, status] = std::from_chars(head.data(), modeEnd, mode, 8);
         if (status != std::errc() || stop != modeEnd) throw corrupted();
         if (data.size() - (end + 1) < kRawIdSize) throw corrupted();
-        entry.id = hexString(data.subspan(end + 1, kRawIdSize));
-        entry.name = head.substr(space + 1);
-        tree.entries.push_back(std::move(entry));
+        visit(mode, head.substr(space + 1), data.subspan(end + 1, kRawIdSize));
         position = end + 1 + kRawIdSize;
     }
+}
+
+Tree parseTree(const Object& object, TextCheck check) {
+    Tree tree;
+    tree.id = object.id();
+    forEachTreeEntry(object, check, [&](std::uint16_t mode, std::string_view name, ByteView id) {
+        tree.entries.push_back({hexString(id), std::string(name), mode});
+    });
     return tree;
 }
 

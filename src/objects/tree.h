@@ -3,7 +3,9 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "objects/object.h"
@@ -30,5 +32,10 @@ struct Tree {
 
 // Parses the contents of a tree object. Fails with "Corrupted tree object <id>".
 Tree parseTree(const Object& object, TextCheck check = TextCheck::utf8);
+
+// The entries one by one, as parseTree reads them, without copying them out: visit(mode, name,
+// the id's 20 bytes). Fails as parseTree does.
+using TreeEntryVisitor = std::function<void(std::uint16_t, std::string_view, ByteView)>;
+void forEachTreeEntry(const Object& object, TextCheck check, const TreeEntryVisitor& visit);
 
 }  // namespace corvane

@@ -1,5 +1,7 @@
 #include "storage/summaries.h"
 
+#include <algorithm>
+
 #include "objects/commit.h"
 #include "objects/tag.h"
 #include "objects/tree.h"
@@ -32,14 +34,19 @@ void summarise(const Object& object, RepositoryContent& content) {
         }
         case ObjectType::tree: {
             PartialTree summary;
-            for (const auto& entry : parseTree(object, TextCheck::none).entries) {
-                auto kind = entry.mode & kModeTypeMask;
-                if (kind == kModeDirectory) {
-                    summary.trees.push_back(treeLink(entry.id));
-                } else if (kind != kModeSubmodule) {
-                    summary.blobs.push_back(treeLink(entry.id));  // submodules live elsewhere
-                }
-            }
+            auto& ids = ObjectIdTable::process();
+            forEachTreeEntry(object, TextCheck::none,
+                             [&](std::uint16_t mode, std::string_view, ByteView rawId) {
+                                 Digest digest;
+                                 std::copy(rawId.begin(), rawId.end(), digest.begin());
+                                 auto kind = mode & kModeTypeMask;
+                                 if (kind == kModeDirectory) {
+                                     summary.trees.push_back(ids.number(digest));
+                                 } else if (kind != kModeSubmodule) {
+                                     // submodules live elsewhere
+                                     summary.blobs.push_back(ids.number(digest));
+                                 }
+                             });
             summary.trees.shrink_to_fit();
             summary.blobs.shrink_to_fit();
             content.trees.add(id, std::move(summary));
