@@ -6,8 +6,7 @@
 
 namespace corvane::cloud {
 
-SqliteCheckpointer::SqliteCheckpointer(std::filesystem::path file)
-    : file_(std::move(file)), thread_([this] { run(); }) {}
+SqliteCheckpointer::SqliteCheckpointer(std::filesystem::path file) : file_(std::move(file)) {}
 
 SqliteCheckpointer::~SqliteCheckpointer() {
     {
@@ -15,13 +14,15 @@ SqliteCheckpointer::~SqliteCheckpointer() {
         stopping_ = true;
     }
     changed_.notify_one();
-    thread_.join();
+    if (thread_.joinable()) thread_.join();
 }
 
 void SqliteCheckpointer::request() {
     {
         std::lock_guard lock(mutex_);
         requested_ = true;
+        // Started by the first large commit: a process that only reads never needs it.
+        if (!thread_.joinable()) thread_ = std::thread([this] { run(); });
     }
     changed_.notify_one();
 }

@@ -35,7 +35,7 @@ class SqliteCheckpointer {
     std::condition_variable changed_;
     bool requested_ = false;  // guarded by mutex_
     bool stopping_ = false;   // guarded by mutex_
-    std::thread thread_;
+    std::thread thread_;      // guarded by mutex_
 };
 
 }  // namespace corvane::cloud
