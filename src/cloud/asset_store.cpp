@@ -1,19 +1,17 @@
 #include "cloud/asset_store.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <memory>
 
+#include "cloud/asset_file.h"
+#include "cloud/crypto.h"
 #include "cloud/error_codes.h"
 
 namespace corvane::cloud {
 
-std::optional<CloudError> AssetStore::store(const std::filesystem::path& file,
-                                            const FileDigest& digest) {
+std::optional<CloudError> AssetStore::store(const Asset& asset, const FileDigest& digest) {
     if (queryInteger(connection_, "SELECT size FROM assets WHERE hash = ?", {digest.hash}))
         return std::nullopt;
     auto insertChunk = [&](std::int64_t seq, ByteView piece) {
@@ -34,44 +32,36 @@ std::optional<CloudError> AssetStore::store(const std::filesystem::path& file,
         return insertAsset();
     }
 
-    int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0)
-        return CloudError(kAssetFileNotFound, "Cannot read the asset file " + file.string() + ": " +
-                                                  std::strerror(errno));
-    struct Closer {
-        int fd;
-        ~Closer() { ::close(fd); }
-    } closer{fd};
-
-    // The bytes are hashed again as they are stored: the file may have changed since it was
-    // first read, and a content must never be stored under another content's name.
-    Sha256 sha;
-    // One byte more than the digest counted lets a file that grew show itself.
-    auto capacity = static_cast<std::size_t>(std::min<std::uint64_t>(kChunkSize, digest.size + 1));
-    auto chunk = std::make_unique_for_overwrite<std::uint8_t[]>(capacity);
-    std::uint64_t total = 0;
-    for (std::int64_t seq = 0;; ++seq) {
-        std::size_t filled = 0;
-        while (filled < capacity) {
-            auto count = ::read(fd, chunk.get() + filled, capacity - filled);
-            if (count < 0 && errno == EINTR) continue;
-            if (count < 0)
-                return CloudError(
-                    kAssetFileNotFound,
-                    "Cannot read the asset file " + file.string() + ": " + std::strerror(errno));
-            if (count == 0) break;
-            filled += static_cast<std::size_t>(count);
+    try {
+        AssetFileReader reader(asset);
+        // The bytes are hashed again as they are stored: the file may have changed since it was
+        // first read, and a content must never be stored under another content's name.
+        Sha256 sha;
+        // One byte more than the digest counted lets a file that grew show itself.
+        auto capacity =
+            static_cast<std::size_t>(std::min<std::uint64_t>(kChunkSize, digest.size + 1));
+        auto chunk = std::make_unique_for_overwrite<std::uint8_t[]>(capacity);
+        std::uint64_t total = 0;
+        for (std::int64_t seq = 0;; ++seq) {
+            std::size_t filled = 0;
+            while (filled < capacity) {
+                auto count = reader.read(chunk.get() + filled, capacity - filled);
+                if (count == 0) break;
+                filled += count;
+            }
+            if (filled == 0) break;
+            ByteView piece(chunk.get(), filled);
+            sha.update(piece);
+            total += filled;
+            insertChunk(seq, piece);
+            if (filled < capacity) break;
         }
-        if (filled == 0) break;
-        ByteView piece(chunk.get(), filled);
-        sha.update(piece);
-        total += filled;
-        insertChunk(seq, piece);
-        if (filled < capacity) break;
+        if (total != digest.size || sha.finishHex() != digest.hash)
+            return CloudError(kAssetFileModified, "The asset file " + reader.description() +
+                                                      " changed while it was saved");
+    } catch (const CloudError& error) {
+        return error;
     }
-    if (total != digest.size || sha.finishHex() != digest.hash)
-        return CloudError(kAssetFileModified,
-                          "The asset file " + file.string() + " changed while it was saved");
     return insertAsset();
 }
 

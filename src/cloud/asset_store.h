@@ -12,8 +12,8 @@
 
 #include "base/error.h"
 #include "cloud/asset_cache.h"
+#include "cloud/asset_file.h"
 #include "cloud/connection.h"
-#include "cloud/crypto.h"
 #include "cloud/field_codec.h"
 #include "cloud/storage_usage.h"
 
@@ -26,11 +26,11 @@ class AssetStore {
 
     explicit AssetStore(Connection& connection) : connection_(connection) {}
 
-    // Stores the file's bytes as the content `digest` unless that content is stored already:
+    // Stores the asset's bytes as the content `digest` unless that content is stored already:
     // the bytes the digest kept, else the file's. Returns the record's error when the file
     // cannot be read (16) or no longer matches the digest taken before (17); the caller then
     // rolls back what was written.
-    std::optional<CloudError> store(const std::filesystem::path& file, const FileDigest& digest);
+    std::optional<CloudError> store(const Asset& asset, const FileDigest& digest);
 
     // Makes sure the content's file is in the cache. Throws CloudError 1 when the stored bytes
     // are damaged or the file cannot be written.

@@ -55,42 +55,6 @@ std::string Sha256::finishHex() {
     return toHex(digest, length);
 }
 
-FileDigest digestFile(const std::filesystem::path& file, std::uint64_t keepUpTo) {
-    auto failure = [&](int error) {
-        return CloudError(kAssetFileNotFound, "Cannot read the asset file " + file.string() + ": " +
-                                                  std::strerror(error));
-    };
-    int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) throw failure(errno);
-    struct Closer {
-        int fd;
-        ~Closer() { ::close(fd); }
-    } closer{fd};
-
-    Sha256 sha;
-    FileDigest digest;
-    constexpr std::size_t kBufferSize = 1 << 16;
-    auto buffer = std::make_unique_for_overwrite<std::uint8_t[]>(kBufferSize);
-    auto kept = std::make_shared<Bytes>();
-    for (;;) {
-        auto count = ::read(fd, buffer.get(), kBufferSize);
-        if (count < 0 && errno == EINTR) continue;
-        if (count < 0) throw failure(errno);
-        if (count == 0) break;
-        ByteView piece(buffer.get(), static_cast<std::size_t>(count));
-        sha.update(piece);
-        digest.size += piece.size();
-        if (kept && digest.size <= keepUpTo) {
-            kept->insert(kept->end(), piece.begin(), piece.end());
-        } else {
-            kept.reset();
-        }
-    }
-    digest.hash = sha.finishHex();
-    digest.contents = std::move(kept);
-    return digest;
-}
-
 bool isContentHash(std::string_view text) {
     if (text.size() != 64) return false;
     for (char c : text) {

@@ -30,18 +30,6 @@ class Sha256 {
     std::unique_ptr<State> state_;
 };
 
-struct FileDigest {
-    std::string hash;  // SHA-256, 64 lowercase hexadecimal digits
-    std::uint64_t size = 0;
-    // The bytes that were hashed, when kept: storing them then needs no second read of a file
-    // that may have changed since.
-    std::shared_ptr<const Bytes> contents;
-};
-
-// Reads the file once, keeping its bytes when there are at most `keepUpTo` of them. Throws
-// CloudError 16 when it cannot be opened or read.
-FileDigest digestFile(const std::filesystem::path& file, std::uint64_t keepUpTo = 0);
-
 // True for 64 lowercase hexadecimal digits: the only text used as a content's file name.
 bool isContentHash(std::string_view text);
 

@@ -22,10 +22,24 @@ using Date = std::chrono::system_clock::time_point;
 
 inline constexpr std::string_view kShareRecordType = "cloud.share";
 
-// A file attached to a record. When saving, the file whose bytes are stored; when fetched, a
-// readable local copy of the stored bytes (absent only on records built without one).
+// Where an asset's bytes lie in a file that holds several things back to back.
+struct ByteRange {
+    std::uint64_t offset = 0;
+    std::uint64_t length = 0;
+
+    bool operator==(const ByteRange&) const = default;
+};
+
+// A file attached to a record. When saving, the file whose bytes are stored (only `range` of it,
+// when set); when fetched, a readable local copy of the stored bytes, whole (absent only on
+// records built without one).
 struct Asset {
+    Asset() = default;
+    Asset(std::filesystem::path file, std::optional<ByteRange> part = std::nullopt)
+        : fileURL(std::move(file)), range(part) {}
+
     std::optional<std::filesystem::path> fileURL;
+    std::optional<ByteRange> range;
 
     bool operator==(const Asset&) const = default;
 };

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "base/queues.h"
+#include "cloud/asset_file.h"
 #include "cloud/asset_store.h"
 #include "cloud/crypto.h"
 #include "cloud/error_codes.h"
@@ -25,9 +26,19 @@ namespace {
 // is held for database work only.
 struct Pending {
     const Record* record = nullptr;
-    std::map<std::string, FileDigest> digests;  // by file path
+    std::map<std::string, std::pair<Asset, FileDigest>> digests;  // by assetKey
     std::optional<CloudError> error;
 };
+
+// Names an asset's bytes: its file, and its range of the file when it has one.
+std::string assetKey(const Asset& asset) {
+    std::string key = asset.fileURL->string();
+    if (asset.range) {
+        key += '\0';
+        key += std::to_string(asset.range->offset) + ':' + std::to_string(asset.range->length);
+    }
+    return key;
+}
 
 CloudError invalid(const std::string& message) {
     return CloudError(kInvalidArguments, message);
@@ -69,8 +80,9 @@ std::optional<CloudError> check(const Record& record) {
 // A file of the asset cache is named by the hash its bytes were checked against when it was
 // written, so its digest is known without reading it: a record saved again with its large
 // fetched assets (a pack, a metadata base) costs no hashing of them.
-std::optional<FileDigest> cachedDigest(const std::filesystem::path& file, const AssetCache& cache) {
-    if (file.parent_path() != cache.directory()) return std::nullopt;
+std::optional<FileDigest> cachedDigest(const Asset& asset, const AssetCache& cache) {
+    const auto& file = *asset.fileURL;
+    if (asset.range || file.parent_path() != cache.directory()) return std::nullopt;
     std::string name = file.filename().string();
     bool hashName = name.size() == 64 && std::all_of(name.begin(), name.end(), [](char c) {
                         return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f');
@@ -95,24 +107,24 @@ using DigestResult = std::variant<FileDigest, CloudError>;
 // the call.
 std::map<std::string, DigestResult> digestFiles(const std::vector<Pending>& pending,
                                                 const AssetCache& cache) {
-    std::map<std::string, DigestResult> digests;
+    std::map<std::string, std::pair<const Asset*, DigestResult>> digests;
     for (const auto& item : pending) {
         if (item.error) continue;
         forEachAsset(*item.record, [&](const std::string&, const Asset& asset) {
-            if (asset.fileURL) digests.emplace(asset.fileURL->string(), DigestResult{});
+            if (asset.fileURL) digests.emplace(assetKey(asset), std::pair{&asset, DigestResult{}});
         });
     }
-    std::vector<std::pair<const std::string, DigestResult>*> entries;
-    for (auto& entry : digests)
+    std::vector<std::pair<const Asset*, DigestResult>*> entries;
+    for (auto& [key, entry] : digests)
         entries.push_back(&entry);
     std::atomic<std::size_t> next = 0;
     std::atomic<std::uint64_t> kept = 0;
     auto work = [&] {
         for (std::size_t i = next++; i < entries.size(); i = next++) {
-            auto& [path, result] = *entries[i];
+            auto& [asset, result] = *entries[i];
             try {
-                auto cached = cachedDigest(path, cache);
-                auto digest = cached ? *cached : digestFile(path, kKeptFileSize);
+                auto cached = cachedDigest(*asset, cache);
+                auto digest = cached ? *cached : digestAsset(*asset, kKeptFileSize);
                 if (digest.contents && (kept += digest.contents->size()) > kKeptBytesPerSave)
                     digest.contents.reset();
                 result = std::move(digest);
@@ -133,24 +145,27 @@ std::map<std::string, DigestResult> digestFiles(const std::vector<Pending>& pend
         });
     work();
     helpers.clear();  // joins
-    return digests;
+    std::map<std::string, DigestResult> results;
+    for (auto& [key, entry] : digests)
+        results.emplace(key, std::move(entry.second));
+    return results;
 }
 
 void assignDigests(Pending& pending, const std::map<std::string, DigestResult>& digests) {
-    forEachAsset(*pending.record, [&](const std::string& key, const Asset& asset) {
+    forEachAsset(*pending.record, [&](const std::string& field, const Asset& asset) {
         if (pending.error) return;
         if (!asset.fileURL) {
-            pending.error = CloudError(kAssetFileNotFound, "Field " + key + " of record " +
+            pending.error = CloudError(kAssetFileNotFound, "Field " + field + " of record " +
                                                                pending.record->recordId.recordName +
                                                                " has no file");
             return;
         }
-        auto path = asset.fileURL->string();
-        const auto& result = digests.at(path);
+        auto key = assetKey(asset);
+        const auto& result = digests.at(key);
         if (const auto* error = std::get_if<CloudError>(&result)) {
             pending.error = *error;
         } else {
-            pending.digests.emplace(path, std::get<FileDigest>(result));
+            pending.digests.emplace(key, std::pair{asset, std::get<FileDigest>(result)});
         }
     });
 }
@@ -230,12 +245,13 @@ std::variant<Record, CloudError> Writer::write(const Pending& pending,
 
     AssetStore assets(connection_);
     std::set<std::string> uses;
-    for (const auto& [path, digest] : pending.digests) {
+    for (const auto& [key, digested] : pending.digests) {
+        const auto& [asset, digest] = digested;
         if (!uses.insert(digest.hash).second) continue;
-        if (auto error = assets.store(path, digest)) return *error;
+        if (auto error = assets.store(asset, digest)) return *error;
     }
     auto fields = encodeFields(record.fields, [&](const Asset& asset) {
-        const auto& digest = pending.digests.at(asset.fileURL->string());
+        const auto& digest = pending.digests.at(assetKey(asset)).second;
         return StoredAsset{digest.hash, digest.size};
     });
 

@@ -3,7 +3,7 @@
 #include <sys/stat.h>
 
 #include "cloud/asset_cache.h"
-#include "cloud/crypto.h"
+#include "cloud/asset_file.h"
 #include "cloud/partial_failure.h"
 #include "cloud_test_support.h"
 
@@ -62,15 +62,34 @@ TEST_F(AssetTest, EqualContentsAreStoredOnceAcrossRecordsAndZones) {
     auto b = makeRecord("t", "b", kZone);
     b.set("x",
           std::vector<Asset>{Asset{file("two", "same bytes")}, Asset{file("three", "same bytes")}});
-    saveAll(database(), {a, b});
-    EXPECT_EQ(container->storageUsage().assetCount, 1);
-    EXPECT_EQ(container->storageUsage().assetBytes, 10);
+    // Ranges of one file are contents of their own, the same as whole files with their bytes.
+    auto c = makeRecord("t", "c", kZone);
+    auto both = file("both", "<same bytes|other>");
+    c.set("x", std::vector<Asset>{Asset{both, ByteRange{1, 10}}, Asset{both, ByteRange{12, 5}}});
+    saveAll(database(), {a, b, c});
+    EXPECT_EQ(container->storageUsage().assetCount, 2);
+    EXPECT_EQ(container->storageUsage().assetBytes, 15);
 
-    auto fetched = database().fetchRecords(std::vector<RecordId>{a.recordId, b.recordId});
+    auto fetched =
+        database().fetchRecords(std::vector<RecordId>{a.recordId, b.recordId, c.recordId});
     auto first = *fetched[0].record->get<Asset>("x")->fileURL;
     auto second = (*fetched[1].record->get<std::vector<Asset>>("x"))[0].fileURL;
+    auto ranges = *fetched[2].record->get<std::vector<Asset>>("x");
     EXPECT_EQ(first, second);  // one file for one content
-    EXPECT_EQ(first.filename(), digestFile(file("one", "same bytes")).hash);
+    EXPECT_EQ(ranges[0].fileURL, first);
+    EXPECT_FALSE(ranges[0].range);  // fetched contents are whole files
+    EXPECT_EQ(testing::readFile(*ranges[1].fileURL), "other");
+    EXPECT_EQ(first.filename(), digestAsset(Asset{file("one", "same bytes")}).hash);
+
+    // A range the file does not hold is refused like a missing file.
+    auto d = makeRecord("t", "d", kZone);
+    d.set("x", Asset{both, ByteRange{12, 7}});
+    try {
+        saveOne(database(), d);
+        FAIL();
+    } catch (const PartialFailure& failure) {
+        EXPECT_EQ(failure.partialErrors().at(d.recordId).code(), kAssetFileNotFound);
+    }
 }
 
 TEST_F(AssetTest, ContentsNoRecordUsesAreCollected) {
@@ -116,12 +135,15 @@ TEST_F(AssetTest, LargeContentsTravelInPiecesAndComeBackWhole) {
     auto record = makeRecord("t", "big", kZone);
     record.set("x", Asset{file("big", big)});
     record.set("empty", Asset{file("empty", "")});
+    // Too large to stay in memory between hashing and storing: read from its range twice.
+    record.set("framed", Asset{file("framed", "<" + big + "!>"), ByteRange{1, big.size() + 1}});
     saveOne(database(), record);
     auto connection = SqliteConnection::open(databaseFile());
-    EXPECT_EQ(queryInteger(*connection, "SELECT COUNT(*) FROM asset_chunks", {}), 4);
+    EXPECT_EQ(queryInteger(*connection, "SELECT COUNT(*) FROM asset_chunks", {}), 8);
 
     auto fetched = fetchOne(database(), record.recordId);
     EXPECT_EQ(testing::readFile(*fetched.record->get<Asset>("x")->fileURL), big);
+    EXPECT_EQ(testing::readFile(*fetched.record->get<Asset>("framed")->fileURL), big + "!");
     auto empty = *fetched.record->get<Asset>("empty")->fileURL;
     EXPECT_TRUE(std::filesystem::exists(empty));
     EXPECT_EQ(std::filesystem::file_size(empty), 0u);
@@ -158,7 +180,7 @@ TEST_F(AssetTest, DamagedStoredBytesAreAnErrorNotAWrongFile) {
     auto result = fetchOne(database(), record.recordId);
     ASSERT_TRUE(result.error);
     EXPECT_EQ(result.error->code(), kInternalError);
-    auto hash = digestFile(file("f", "precious")).hash;
+    auto hash = digestAsset(Asset{file("f", "precious")}).hash;
     EXPECT_FALSE(std::filesystem::exists(cacheDirectory() / hash));
     for (const auto& entry : std::filesystem::directory_iterator(cacheDirectory()))
         ADD_FAILURE() << "left behind: " << entry.path();
