@@ -97,7 +97,7 @@ std::optional<FileDigest> cachedDigest(const Asset& asset, const AssetCache& cac
 // Small files (most of a pack's objects) stay in memory between hashing and storing, so they are
 // read once; a save keeps at most this much of them.
 constexpr std::uint64_t kKeptFileSize = 256 << 10;
-constexpr std::uint64_t kKeptBytesPerSave = 64 << 20;
+constexpr std::uint64_t kKeptBytesPerSave = 32 << 20;
 // A save naming this many files hashes them on every core.
 constexpr std::size_t kFilesPerDigestThread = 256;
 

@@ -70,7 +70,7 @@ TEST_F(BackendTest, PushedObjectsGoUpInPacksAndComeBackThroughTheFetcher) {
     Repository::ContentUpdate update(*repository);
     std::vector<std::string> ids;
     std::set<std::string> prefixes;
-    for (int i = 0; prefixes.size() < 250; ++i) {
+    for (int i = 0; prefixes.size() < Backend::kPackGroup + 50; ++i) {
         Object object(ObjectType::blob, toBytes("blob " + std::to_string(i)));
         store.putObject(object);
         summarise(object, update.content());
@@ -82,8 +82,9 @@ TEST_F(BackendTest, PushedObjectsGoUpInPacksAndComeBackThroughTheFetcher) {
         ids, *repository, update.content(),
         [&](const std::vector<std::string>& saved) { progressed += saved.size(); });
     EXPECT_EQ(progressed, ids.size());
-    EXPECT_EQ(sizes.size(), 250u);
-    EXPECT_TRUE(log.contains("<< saved 100 packs on tools"));
+    EXPECT_EQ(sizes.size(), Backend::kPackGroup + 50);
+    EXPECT_TRUE(
+        log.contains("<< saved " + std::to_string(Backend::kPackGroup) + " packs on tools"));
     EXPECT_TRUE(log.contains("<< saved 50 packs on tools"));
     update.content().packs.insert(sizes.begin(), sizes.end());
     update.content().refs["refs/heads/master"] = ids.front();
