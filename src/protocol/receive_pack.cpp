@@ -16,6 +16,8 @@ namespace {
 // Both cores compress; the reader waits when this much is read but not yet written.
 constexpr unsigned kWriterThreads = 2;
 constexpr std::size_t kMaxUnwrittenBytes = 16 << 20;
+// A pack this large goes into the cache as one file rather than a file per object.
+constexpr std::uint32_t kPackedWriteObjects = 256;
 
 constexpr Capability kOffered[] = {Capability::reportStatus, Capability::deleteRefs,
                                    Capability::sideBand64k, Capability::quiet, Capability::atomic};
@@ -174,7 +176,9 @@ void ReceivePack::readPack(RepositoryContent& received) {
     if (count < 1) return;  // no objects, and no trailer either
     // Objects are compressed into the cache on other cores while this thread reads on. The
     // count is the client's word: nothing is sized by it before the objects arrive.
-    ObjectWriter writer(backend_.store(), kWriterThreads, kMaxUnwrittenBytes);
+    auto layout = count >= kPackedWriteObjects ? ObjectWriter::Layout::packed
+                                               : ObjectWriter::Layout::looseFiles;
+    ObjectWriter writer(backend_.store(), kWriterThreads, kMaxUnwrittenBytes, layout);
     for (std::uint32_t i = 0; i < count; ++i) {
         auto object = std::make_shared<const Object>(readObject(writer));
         summarise(*object, received);

@@ -2,9 +2,16 @@
 
 namespace corvane {
 
-ObjectWriter::ObjectWriter(Store& store, unsigned threads, std::size_t maxPendingBytes)
+ObjectWriter::ObjectWriter(Store& store, unsigned threads, std::size_t maxPendingBytes,
+                           Layout layout)
     : store_(store), maxPendingBytes_(maxPendingBytes) {
+    if (layout == Layout::packed) pack_ = store_.beginPack();
     workers_.emplace("object-writer", threads);
+}
+
+ObjectWriter::~ObjectWriter() {
+    workers_.reset();
+    if (pack_) store_.abandonPack(pack_);
 }
 
 void ObjectWriter::put(std::shared_ptr<const Object> object) {
@@ -25,7 +32,11 @@ void ObjectWriter::put(std::shared_ptr<const Object> object) {
 void ObjectWriter::write(const std::shared_ptr<const Object>& object) {
     std::exception_ptr failure;
     try {
-        store_.putObject(*object);
+        if (pack_) {
+            store_.putObject(*object, *pack_);
+        } else {
+            store_.putObject(*object);
+        }
     } catch (...) {
         failure = std::current_exception();
     }
@@ -46,8 +57,14 @@ std::shared_ptr<const Object> ObjectWriter::find(const std::string& id) const {
 
 void ObjectWriter::finish() {
     workers_.reset();  // runs what is queued, then joins
-    std::lock_guard lock(mutex_);
-    throwIfFailed();
+    {
+        std::lock_guard lock(mutex_);
+        throwIfFailed();
+    }
+    if (pack_) {
+        store_.commitPack(pack_);
+        pack_.reset();
+    }
 }
 
 void ObjectWriter::throwIfFailed() {

@@ -1,7 +1,8 @@
 // ObjectWriter: writes objects into the Store on worker threads while its owner goes on reading,
 // so that compressing a pushed pack uses every core. An object stays reachable through find()
 // until its file is written, so a delta whose base came earlier in the same pack finds it.
-// Memory stays bounded: put() waits while the objects not yet written exceed the limit.
+// Memory stays bounded: put() waits while the objects not yet written exceed the limit. Packed,
+// the objects go into one cache pack, kept by finish() and dropped if the writer goes without it.
 //
 // Threads: put, find and finish belong to the owning thread; the workers are internal and
 // joined by finish() or the destructor. Fields below mutex_ are guarded by it.
@@ -23,7 +24,11 @@ namespace corvane {
 
 class ObjectWriter {
   public:
-    ObjectWriter(Store& store, unsigned threads, std::size_t maxPendingBytes);
+    enum class Layout { looseFiles, packed };
+
+    ObjectWriter(Store& store, unsigned threads, std::size_t maxPendingBytes,
+                 Layout layout = Layout::looseFiles);
+    ~ObjectWriter();
     ObjectWriter(const ObjectWriter&) = delete;
     ObjectWriter& operator=(const ObjectWriter&) = delete;
 
@@ -40,6 +45,7 @@ class ObjectWriter {
 
     Store& store_;
     const std::size_t maxPendingBytes_;
+    std::shared_ptr<CachePackWriter> pack_;  // packed only; null once finished
 
     mutable std::mutex mutex_;
     std::condition_variable written_;

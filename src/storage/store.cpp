@@ -26,6 +26,9 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr const char* kWorkingFolder = "zzz";
+constexpr const char* kPacksFolder = "packs";
+// A pack still without its index after this long belongs to a writer that is gone.
+constexpr auto kAbandonedPackAge = std::chrono::hours(24);
 
 // Loose-object header: "<type name> <decimal size>\0"; the data follows it.
 std::string looseHeader(const Object& object) {
@@ -68,63 +71,19 @@ void touch(const fs::path& path) {
     ::utimensat(AT_FDCWD, path.c_str(), nullptr, 0);
 }
 
-}  // namespace
-
-fs::path Store::defaultRoot() {
-    const char* cache = std::getenv("XDG_CACHE_HOME");
-    fs::path base;
-    if (cache && *cache) {
-        base = cache;
-    } else {
-        const char* home = std::getenv("HOME");
-        if (!home || !*home) throw Error("Cannot find the cache folder: HOME is not set");
-        base = fs::path(home) / ".cache";
-    }
-    return base / "corvane" / "Objects";
+// The loose file an object has, split after the header so that a pack entry can reuse the
+// data's compressed blocks.
+Bytes cacheFile(const Object& object) {
+    return zlibDeflateSplit(asBytes(looseHeader(object)), object.data());
 }
 
-Store::Store(fs::path root) : Store(std::move(root), Timing{}) {}
-
-Store::Store(fs::path root, Timing timing) : root_(std::move(root)), timing_(timing) {
-    fs::create_directories(root_);
-    if (timing_.runExpiryThread) expiryThread_ = std::thread([this] { expiryLoop(); });
-}
-
-Store::~Store() {
-    {
-        std::lock_guard lock(mutex_);
-        stopping_ = true;
-    }
-    stopRequested_.notify_all();
-    if (expiryThread_.joinable()) expiryThread_.join();
-}
-
-fs::path Store::objectPath(const std::string& id) const {
-    return root_ / id.substr(0, 3) / id;
-}
-
-bool Store::hasObject(const std::string& id) const {
-    return fs::exists(objectPath(id));
-}
-
-void Store::putObject(const Object& object) {
-    fs::path path = objectPath(object.id());
-    fs::create_directories(path.parent_path());
-    // Split after the header, so that a pack entry can reuse the data's compressed blocks.
-    writeFileAtomically(path, zlibDeflateSplit(asBytes(looseHeader(object)), object.data()));
-}
-
-Object Store::getObject(const std::string& id) {
-    return getObject(id, nullptr);
-}
-
-Object Store::getObject(const std::string& id, std::optional<Bytes>* dataStream) {
-    fs::path path = objectPath(id);
-    Bytes file = readFile(path);
-    // A damaged file goes, so that the object is downloaded again (ObjectFetcher::readObject).
+// The object a cache file holds. `discard` runs when the bytes are not that object, so that it
+// is downloaded again ("Corrupted cache file for object <id>"); a bad header of a sound file
+// gives "Failed to decode object <id>".
+Object decodeCacheFile(const std::string& id, const Bytes& file, std::optional<Bytes>* dataStream,
+                       const std::function<void()>& discard) {
     auto corrupted = [&] {
-        std::error_code ignored;
-        fs::remove(path, ignored);
+        discard();
         return Error("Corrupted cache file for object " + id);
     };
     Bytes header;
@@ -156,12 +115,177 @@ Object Store::getObject(const std::string& id, std::optional<Bytes>* dataStream)
     }
     Object object(*type, std::move(data));
     if (object.id() != id) throw corrupted();
-    touch(path);
     if (dataStream && split) *dataStream = std::move(split->bodyStream);
     return object;
 }
 
+}  // namespace
+
+fs::path Store::defaultRoot() {
+    const char* cache = std::getenv("XDG_CACHE_HOME");
+    fs::path base;
+    if (cache && *cache) {
+        base = cache;
+    } else {
+        const char* home = std::getenv("HOME");
+        if (!home || !*home) throw Error("Cannot find the cache folder: HOME is not set");
+        base = fs::path(home) / ".cache";
+    }
+    return base / "corvane" / "Objects";
+}
+
+Store::Store(fs::path root) : Store(std::move(root), Timing{}) {}
+
+Store::Store(fs::path root, Timing timing)
+    : root_(std::move(root)), packsFolder_(root_ / kPacksFolder), timing_(timing) {
+    fs::create_directories(packsFolder_);
+    loadNewPacks();
+    if (timing_.runExpiryThread) expiryThread_ = std::thread([this] { expiryLoop(); });
+}
+
+Store::~Store() {
+    {
+        std::lock_guard lock(mutex_);
+        stopping_ = true;
+    }
+    stopRequested_.notify_all();
+    if (expiryThread_.joinable()) expiryThread_.join();
+}
+
+fs::path Store::objectPath(const std::string& id) const {
+    return root_ / id.substr(0, 3) / id;
+}
+
+bool Store::hasObject(const std::string& id) const {
+    return locate(id).has_value();
+}
+
+std::optional<Store::PackedEntry> Store::searchPacks(const Digest& id) const {
+    if (damaged_.contains(id)) return std::nullopt;
+    for (const auto& pack : openPacks_) {
+        if (auto entry = pack->find(id)) return PackedEntry{nullptr, pack, *entry};
+    }
+    for (auto pack = sealedPacks_.rbegin(); pack != sealedPacks_.rend(); ++pack) {
+        if (auto entry = (*pack)->find(id)) return PackedEntry{*pack, nullptr, *entry};
+    }
+    return std::nullopt;
+}
+
+std::optional<Store::PackedEntry> Store::findPacked(const std::string& id) const {
+    if (!isObjectId(id)) return std::nullopt;
+    auto digest = digestOfId(id);
+    {
+        std::shared_lock lock(packsMutex_);
+        if (auto found = searchPacks(digest)) return found;
+    }
+    if (!loadNewPacks()) return std::nullopt;
+    std::shared_lock lock(packsMutex_);
+    return searchPacks(digest);
+}
+
+bool Store::loadNewPacks() const {
+    std::error_code error;
+    auto folderTime = fs::last_write_time(packsFolder_, error);
+    std::unique_lock lock(packsMutex_);
+    // A folder time can stay the same across changes close together; one that has stood for a
+    // while since the last look means nothing came.
+    auto now = fs::file_time_type::clock::now();
+    bool settled = packsFolderTime_ < packsScanTime_ - std::chrono::seconds(1);
+    if (error || (folderTime == packsFolderTime_ && settled)) return false;
+    packsFolderTime_ = folderTime;
+    packsScanTime_ = now;
+    std::set<fs::path> known;
+    for (const auto& pack : sealedPacks_)
+        known.insert(pack->indexPath());
+    bool loaded = false;
+    for (fs::directory_iterator it(packsFolder_, error), end; !error && it != end;
+         it.increment(error)) {
+        const auto& path = it->path();
+        if (path.extension() != ".idx" || known.contains(path)) continue;
+        try {
+            sealedPacks_.push_back(std::make_shared<const CachePackIndex>(path));
+            loaded = true;
+        } catch (const Error& failure) {
+            // Its objects count as absent, and are downloaded again when wanted.
+            trace(TraceModule::error, failure.what());
+        }
+    }
+    return loaded;
+}
+
+std::optional<Store::CacheFileLocation> Store::locate(const std::string& id) const {
+    if (auto packed = findPacked(id)) {
+        const auto& file = packed->sealed ? packed->sealed->packPath() : packed->open->path();
+        return CacheFileLocation{file, packed->entry.offset, packed->entry.length, false};
+    }
+    auto path = objectPath(id);
+    std::error_code error;
+    auto size = fs::file_size(path, error);
+    if (error) return std::nullopt;
+    return CacheFileLocation{std::move(path), 0, size, true};
+}
+
+void Store::putObject(const Object& object) {
+    fs::path path = objectPath(object.id());
+    fs::create_directories(path.parent_path());
+    writeFileAtomically(path, cacheFile(object));
+}
+
+std::shared_ptr<CachePackWriter> Store::beginPack() {
+    auto pack = std::make_shared<CachePackWriter>(packsFolder_);
+    std::unique_lock lock(packsMutex_);
+    openPacks_.push_back(pack);
+    return pack;
+}
+
+void Store::putObject(const Object& object, CachePackWriter& pack) {
+    if (hasObject(object.id())) return;
+    pack.append(digestOfId(object.id()), cacheFile(object));
+}
+
+void Store::commitPack(const std::shared_ptr<CachePackWriter>& pack) {
+    auto sealed = std::make_shared<const CachePackIndex>(pack->seal());
+    std::unique_lock lock(packsMutex_);
+    sealedPacks_.push_back(std::move(sealed));
+    std::erase(openPacks_, pack);
+}
+
+void Store::abandonPack(const std::shared_ptr<CachePackWriter>& pack) {
+    {
+        std::unique_lock lock(packsMutex_);
+        std::erase(openPacks_, pack);
+    }
+    pack->abandon();
+}
+
+Object Store::getObject(const std::string& id) {
+    return getObject(id, nullptr);
+}
+
+Object Store::getObject(const std::string& id, std::optional<Bytes>* dataStream) {
+    if (auto packed = findPacked(id)) {
+        Bytes file = packed->sealed ? packed->sealed->read(packed->entry)
+                                    : packed->open->read(packed->entry);
+        auto object = decodeCacheFile(id, file, dataStream, [&] {
+            // A pack is not rewritten: the entry is passed over from now on.
+            std::unique_lock lock(packsMutex_);
+            damaged_.insert(digestOfId(id));
+        });
+        if (packed->sealed) packed->sealed->noteUse();
+        return object;
+    }
+    // A damaged file goes, so that the object is downloaded again (ObjectFetcher::readObject).
+    fs::path path = objectPath(id);
+    auto object = decodeCacheFile(id, readFile(path), dataStream, [&] {
+        std::error_code ignored;
+        fs::remove(path, ignored);
+    });
+    touch(path);
+    return object;
+}
+
 void Store::placeObjectFile(const std::string& id, const fs::path& file) {
+    if (findPacked(id)) return;
     fs::path path = objectPath(id);
     fs::create_directories(path.parent_path());
     // A download is checked when it is first read, as every cache file is: checking it here
@@ -189,6 +313,10 @@ std::size_t Store::expire(Clock::time_point now) {
     std::error_code error;
     for (fs::recursive_directory_iterator it(root_, error), end; !error && it != end;
          it.increment(error)) {
+        if (it->path() == packsFolder_) {
+            it.disable_recursion_pending();
+            continue;
+        }
         if (it->path().filename().string().starts_with('.')) {
             if (it->is_directory()) it.disable_recursion_pending();
             continue;
@@ -202,8 +330,46 @@ std::size_t Store::expire(Clock::time_point now) {
             if (fs::remove(it->path(), ignored)) ++deleted;
         }
     }
+    deleted += expirePacks(limit);
     if (deleted > 0) {
         trace(TraceModule::info, "Deleted " + std::to_string(deleted) + " expired cache files");
+    }
+    return deleted;
+}
+
+std::size_t Store::expirePacks(Clock::time_point limit) {
+    auto abandoned = Clock::now() - kAbandonedPackAge;
+    std::set<fs::path> writing;
+    {
+        std::shared_lock lock(packsMutex_);
+        for (const auto& pack : openPacks_)
+            writing.insert(pack->path());
+    }
+    std::vector<fs::path> expired;
+    std::error_code error;
+    for (fs::directory_iterator it(packsFolder_, error), end; !error && it != end;
+         it.increment(error)) {
+        const auto& path = it->path();
+        if (path.extension() != ".pack" || writing.contains(path)) continue;
+        struct stat info {};
+        if (::stat(path.c_str(), &info) != 0) continue;
+        auto lastUse = Clock::from_time_t(info.st_mtim.tv_sec);
+        bool sealed = fs::exists(indexPathFor(path));
+        if (lastUse < (sealed ? limit : abandoned)) expired.push_back(path);
+    }
+    std::size_t deleted = 0;
+    for (const auto& pack : expired) {
+        std::error_code ignored;
+        // The index first: without it nobody finds the pack any more.
+        if (fs::remove(indexPathFor(pack), ignored)) ++deleted;
+        if (fs::remove(pack, ignored)) ++deleted;
+    }
+    if (!expired.empty()) {
+        // Readers holding a pack keep reading it; it is only no longer found.
+        std::unique_lock lock(packsMutex_);
+        std::erase_if(sealedPacks_, [&](const auto& pack) {
+            return std::find(expired.begin(), expired.end(), pack->packPath()) != expired.end();
+        });
     }
     return deleted;
 }

@@ -24,6 +24,12 @@ std::int64_t versionOf(const cloud::Record& record) {
     return version ? *version : 1;
 }
 
+// An object's cache file as a pack record's asset.
+cloud::Asset assetAt(const Store::CacheFileLocation& location) {
+    if (location.wholeFile) return cloud::Asset{location.file};
+    return cloud::Asset{location.file, cloud::ByteRange{location.offset, location.size}};
+}
+
 Bytes readAsset(const cloud::Asset& asset) {
     return readFile(*asset.fileURL);
 }
@@ -146,7 +152,7 @@ PackUpdate mergePackRecord(const std::string& packId, const std::optional<cloud:
                            Store& store) {
     PackUpdate update;
     update.record = stored ? *stored : cloud::Record(kPackRecordType, {packId, zone});
-    std::map<std::string, fs::path> files;  // id → file, in id order
+    std::map<std::string, cloud::Asset> files;  // id → its file, in id order
     bool rewritten = !stored;
     bool keepV1 = false;
     if (stored) {
@@ -162,9 +168,15 @@ PackUpdate mergePackRecord(const std::string& packId, const std::optional<cloud:
                 throw Error("Received corrupted pack");
             }
             for (std::size_t i = 0; i < storedIds->size(); ++i) {
-                const auto& file = (*storedObjects)[i].fileURL;
-                if (!isObjectId((*storedIds)[i]) || !file) throw Error("Received corrupted pack");
-                files.emplace((*storedIds)[i], *file);
+                const auto& asset = (*storedObjects)[i];
+                if (!isObjectId((*storedIds)[i]) || !asset.fileURL) {
+                    throw Error("Received corrupted pack");
+                }
+                files.emplace((*storedIds)[i], asset);
+                std::error_code error;
+                auto size =
+                    asset.range ? asset.range->length : fs::file_size(*asset.fileURL, error);
+                if (!error) update.size += static_cast<std::int64_t>(size);
             }
         }
         // Version-1 contents become cache files. A version-2 record whose version-1 remnant
@@ -172,8 +184,13 @@ PackUpdate mergePackRecord(const std::string& packId, const std::optional<cloud:
         bool hasV1 = stored->get<cloud::Asset>("index") && stored->get<cloud::Asset>("data");
         if (version == 1 || hasV1) {
             try {
-                for (const auto& id : decodePackV1(*stored, store))
-                    files.emplace(id, store.objectPath(id));
+                for (const auto& id : decodePackV1(*stored, store)) {
+                    if (files.contains(id)) continue;
+                    auto location = store.locate(id);
+                    if (!location) throw Error("Missing object " + id);
+                    files.emplace(id, assetAt(*location));
+                    update.size += static_cast<std::int64_t>(location->size);
+                }
                 rewritten = true;
             } catch (const std::exception&) {
                 if (version == 1) throw;
@@ -181,32 +198,25 @@ PackUpdate mergePackRecord(const std::string& packId, const std::optional<cloud:
             }
         }
     }
-    for (const auto& [id, file] : files) {
-        std::error_code error;
-        auto fileSize = fs::file_size(file, error);
-        if (!error) update.size += static_cast<std::int64_t>(fileSize);
-    }
     for (const auto& id : ids) {
         if (files.contains(id)) continue;
-        // One look at the file tells both whether the cache has the object and its size.
-        auto path = store.objectPath(id);
-        std::error_code error;
-        auto fileSize = fs::file_size(path, error);
-        if (error) {
+        // One look tells both whether the cache has the object and its file's size.
+        auto location = store.locate(id);
+        if (!location) {
             update.missing.push_back(id);
             continue;
         }
-        update.size += static_cast<std::int64_t>(fileSize);
-        files.emplace(id, std::move(path));
+        files.emplace(id, assetAt(*location));
+        update.size += static_cast<std::int64_t>(location->size);
         rewritten = true;
     }
     update.needsSave = rewritten;
 
     std::vector<std::string> objectIds;
     std::vector<cloud::Asset> objects;
-    for (const auto& [id, file] : files) {
+    for (auto& [id, asset] : files) {
         objectIds.push_back(id);
-        objects.push_back({file});
+        objects.push_back(std::move(asset));
     }
     cloud::Record& record = update.record;
     record.setParent({kRepositoryRecordName, zone});

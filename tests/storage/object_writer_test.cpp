@@ -18,13 +18,19 @@ Object numbered(int i, std::size_t size) {
     return Object(ObjectType::blob, toBytes(text));
 }
 
-TEST(ObjectWriter, EveryObjectIsReachableUntilItsFileIsWritten) {
+class ObjectWriterLayouts : public ::testing::TestWithParam<ObjectWriter::Layout> {};
+
+INSTANTIATE_TEST_SUITE_P(Layouts, ObjectWriterLayouts,
+                         ::testing::Values(ObjectWriter::Layout::looseFiles,
+                                           ObjectWriter::Layout::packed));
+
+TEST_P(ObjectWriterLayouts, EveryObjectIsReachableUntilItsFileIsWritten) {
     testing::TempDir dir;
     Store store(dir.path() + "/Objects", kNoExpiry);
     std::vector<Object> objects;
     {
         // A limit below one object: each waits for the one before, and none is stuck.
-        ObjectWriter writer(store, 2, 1000);
+        ObjectWriter writer(store, 2, 1000, GetParam());
         for (int i = 0; i < 300; ++i) {
             objects.push_back(numbered(i, i == 150 ? 5000 : 700));
             writer.put(std::make_shared<const Object>(objects.back()));
@@ -36,8 +42,20 @@ TEST(ObjectWriter, EveryObjectIsReachableUntilItsFileIsWritten) {
         writer.put(std::make_shared<const Object>(objects.front()));  // a repeat
         writer.finish();
     }
+    Store later(dir.path() + "/Objects", kNoExpiry);
     for (const auto& object : objects)
-        EXPECT_EQ(store.getObject(object.id()), object);
+        EXPECT_EQ(later.getObject(object.id()), object);
+
+    // A writer that goes without finishing leaves nothing of a pack behind.
+    Object dropped = numbered(1000, 100);
+    {
+        ObjectWriter writer(later, 2, 1000, GetParam());
+        writer.put(std::make_shared<const Object>(dropped));
+    }
+    bool packed = GetParam() == ObjectWriter::Layout::packed;
+    EXPECT_EQ(later.hasObject(dropped.id()), !packed);
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path() + "/Objects/packs"), {}),
+              packed ? 2 : 0);
 }
 
 TEST(ObjectWriter, AFailedWriteFailsTheNextPutAndFinish) {

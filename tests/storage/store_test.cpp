@@ -132,13 +132,74 @@ TEST(Store, PlacesDownloadedFilesKeepingSoundOnesAlreadyThere) {
     EXPECT_FALSE(store.hasObject(std::string(40, 'a')));
 }
 
+TEST(Store, PacksHoldManyObjectsInOneFileThatEveryStoreFinds) {
+    testing::TempDir dir;
+    Store loose(dir.path() + "/loose", noThread());
+    Store writer(dir.path() + "/Objects", noThread());
+    Store other(dir.path() + "/Objects", noThread());  // as another process sees the cache
+    Object cached(ObjectType::blob, toBytes("cached already"));
+    writer.putObject(cached);
+    std::vector<Object> objects{Object(ObjectType::blob, Bytes(3000, 'p')),
+                                Object(ObjectType::commit, toBytes(kCommit)), cached};
+
+    auto pack = writer.beginPack();
+    for (const auto& object : objects)
+        writer.putObject(object, *pack);
+    // Readable by the writer at once, as the very bytes a loose file would hold.
+    for (const auto& object : objects) {
+        EXPECT_EQ(writer.getObject(object.id()), object);
+        loose.putObject(object);
+        auto location = writer.locate(object.id());
+        ASSERT_TRUE(location);
+        Bytes file = readFile(location->file);
+        EXPECT_EQ(
+            Bytes(file.begin() + static_cast<std::ptrdiff_t>(location->offset),
+                  file.begin() + static_cast<std::ptrdiff_t>(location->offset + location->size)),
+            readFile(loose.objectPath(object.id())));
+        EXPECT_EQ(location->wholeFile, object == cached);  // not written twice
+    }
+    EXPECT_FALSE(other.hasObject(objects[0].id()));  // not before the pack is complete
+    writer.commitPack(pack);
+    EXPECT_EQ(other.getObject(objects[1].id()), objects[1]);
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path() + "/Objects/packs"), {}),
+              2);
+
+    // A damaged entry counts as absent, and the download placed for it is read instead.
+    auto damaged = other.locate(objects[0].id());
+    {
+        std::fstream file(damaged->file, std::ios::in | std::ios::out | std::ios::binary);
+        file.seekp(static_cast<std::streamoff>(damaged->offset + damaged->size / 2));
+        file << "damage";
+    }
+    EXPECT_EQ(testing::errorMessage([&] { other.getObject(objects[0].id()); }),
+              "Corrupted cache file for object " + objects[0].id());
+    EXPECT_FALSE(other.hasObject(objects[0].id()));
+    other.placeObjectFile(objects[0].id(), loose.objectPath(objects[0].id()));
+    EXPECT_EQ(other.getObject(objects[0].id()), objects[0]);
+
+    // An abandoned pack takes its objects with it.
+    Object dropped(ObjectType::blob, toBytes("dropped"));
+    auto abandoned = writer.beginPack();
+    writer.putObject(dropped, *abandoned);
+    EXPECT_TRUE(writer.hasObject(dropped.id()));
+    writer.abandonPack(abandoned);
+    EXPECT_FALSE(writer.hasObject(dropped.id()));
+    EXPECT_FALSE(std::filesystem::exists(abandoned->path()));
+}
+
 TEST(Store, SweepDeletesWhatIsUnusedForAWeek) {
     testing::TempDir dir;
     Store writer(dir.path() + "/Objects", noThread());
     Object old(ObjectType::blob, toBytes("old"));
     Object fresh(ObjectType::blob, toBytes("fresh"));
+    Object packed(ObjectType::blob, toBytes("packed"));
     writer.putObject(old);
     writer.putObject(fresh);
+    auto oldPack = writer.beginPack();
+    writer.putObject(packed, *oldPack);
+    writer.commitPack(oldPack);
+    auto unfinished = writer.beginPack();
+    auto stillWritten = writer.beginPack();
 
     Store store(dir.path() + "/Objects", noThread());
     auto working = store.workingFile("__defaultOwner__.abc");
@@ -146,10 +207,16 @@ TEST(Store, SweepDeletesWhatIsUnusedForAWeek) {
     ageFile(store.objectPath(old.id()), std::chrono::hours(24 * 8));
     ageFile(working, std::chrono::hours(24 * 8));
     ageFile(store.objectPath(fresh.id()), std::chrono::hours(24 * 6));
+    ageFile(oldPack->path(), std::chrono::hours(24 * 8));
+    ageFile(unfinished->path(), std::chrono::hours(25));  // its writer is gone
 
-    EXPECT_EQ(store.expire(std::chrono::system_clock::now()), 2u);
+    EXPECT_TRUE(store.hasObject(packed.id()));
+    EXPECT_EQ(store.expire(std::chrono::system_clock::now()), 5u);  // 2 files, 2 packs, 1 index
     EXPECT_FALSE(store.hasObject(old.id()));
+    EXPECT_FALSE(store.hasObject(packed.id()));
     EXPECT_FALSE(std::filesystem::exists(working));
+    EXPECT_FALSE(std::filesystem::exists(unfinished->path()));
+    EXPECT_TRUE(std::filesystem::exists(stillWritten->path()));
     EXPECT_TRUE(store.hasObject(fresh.id()));
     // Reading an object counts as a use.
     ageFile(store.objectPath(fresh.id()), std::chrono::hours(24 * 8));

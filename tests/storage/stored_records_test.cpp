@@ -202,9 +202,14 @@ TEST_F(StoredRecords, MergedPackRecordsKeepEverythingStored) {
     stored.set("ids", std::vector<std::string>{one.id(), two.id()});
     stored.set("objects", std::vector<cloud::Asset>{oneFile, twoFile});
 
-    // This push knows two and three, and one object it cannot find.
+    // This push knows two, three, one written into a cache pack, and one it cannot find.
+    Object packed(ObjectType::blob, toBytes("packed"));
+    auto pack = store.beginPack();
+    store.putObject(packed, *pack);
+    store.commitPack(pack);
     std::string lost(40, 'a');
-    auto merged = mergePackRecord("abc", stored, {two.id(), three.id(), lost}, zone, store);
+    auto merged =
+        mergePackRecord("abc", stored, {two.id(), three.id(), packed.id(), lost}, zone, store);
     EXPECT_TRUE(merged.needsSave);
     EXPECT_EQ(merged.record.recordChangeTag, "tag1");  // saved only over what was read
     EXPECT_EQ(merged.missing, std::vector<std::string>{lost});
@@ -215,10 +220,16 @@ TEST_F(StoredRecords, MergedPackRecordsKeepEverythingStored) {
     for (std::size_t i = 0; i < ids.size(); ++i)
         byId.emplace(ids[i], objects[i]);
     EXPECT_TRUE(std::is_sorted(ids.begin(), ids.end()));
-    EXPECT_EQ(byId.size(), 3u);
+    EXPECT_EQ(byId.size(), 4u);
     EXPECT_EQ(byId[one.id()], oneFile);  // stored files stay as they are
     EXPECT_EQ(byId[two.id()], twoFile);
     EXPECT_EQ(byId[three.id()], cloud::Asset{store.objectPath(three.id())});
+    auto packedSize = std::filesystem::file_size(pack->path());
+    EXPECT_EQ(byId[packed.id()], (cloud::Asset{pack->path(), cloud::ByteRange{0, packedSize}}));
+    std::uintmax_t total = packedSize;
+    for (const auto* object : {&one, &two, &three})
+        total += std::filesystem::file_size(store.objectPath(object->id()));
+    EXPECT_EQ(merged.size, static_cast<std::int64_t>(total));
 
     // Nothing new: nothing to save. A newer format or a broken record is never written over.
     EXPECT_FALSE(mergePackRecord("abc", merged.record, {one.id()}, zone, store).needsSave);
