@@ -186,14 +186,21 @@ std::optional<Store::PackedEntry> Store::findPacked(const std::string& id) const
 bool Store::loadNewPacks() const {
     std::error_code error;
     auto folderTime = fs::last_write_time(packsFolder_, error);
-    std::unique_lock lock(packsMutex_);
+    if (error) return false;
     // A folder time can stay the same across changes close together; one that has stood for a
     // while since the last look means nothing came.
-    auto now = fs::file_time_type::clock::now();
-    bool settled = packsFolderTime_ < packsScanTime_ - std::chrono::seconds(1);
-    if (error || (folderTime == packsFolderTime_ && settled)) return false;
+    auto unchanged = [&] {
+        return folderTime == packsFolderTime_ &&
+               packsFolderTime_ < packsScanTime_ - std::chrono::seconds(1);
+    };
+    {
+        std::shared_lock lock(packsMutex_);
+        if (unchanged()) return false;
+    }
+    std::unique_lock lock(packsMutex_);
+    if (unchanged()) return false;
     packsFolderTime_ = folderTime;
-    packsScanTime_ = now;
+    packsScanTime_ = fs::file_time_type::clock::now();
     std::set<fs::path> known;
     for (const auto& pack : sealedPacks_)
         known.insert(pack->indexPath());
