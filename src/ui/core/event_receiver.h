@@ -1,0 +1,29 @@
+// EventReceiver: how a Qt view receives the application's events. The state's registry holds
+// receivers weakly; a view owns its receiver, so the registration ends with the view.
+#pragma once
+
+#include <functional>
+#include <memory>
+
+#include "app/app_state.h"
+
+namespace corvane::ui {
+
+class EventReceiver : public EventDelegate {
+  public:
+    using Handler = std::function<void(const Event&)>;
+
+    static std::shared_ptr<EventReceiver> registerWith(AppState& state, Handler handler) {
+        auto receiver = std::make_shared<EventReceiver>(std::move(handler));
+        state.registerDelegate(receiver);
+        return receiver;
+    }
+
+    explicit EventReceiver(Handler handler) : handler_(std::move(handler)) {}
+    void handleEvent(const Event& event) override { handler_(event); }
+
+  private:
+    Handler handler_;
+};
+
+}  // namespace corvane::ui

@@ -1,0 +1,63 @@
+// MainWindowController: the main window. Title "Corvane", the repository list and the selected
+// repository's pane side by side in a split view whose panes never collapse, the menu bar with
+// the application's commands, and a notice when the git daemon could not start. It answers the
+// requests that need a window: error alerts, the delete confirmation, the signed-out notice,
+// the add-repository sheet, About.
+//
+// Threads: the GUI thread only.
+#pragma once
+
+#include <QMainWindow>
+#include <memory>
+
+#include "app/application.h"
+#include "ui/core/event_receiver.h"
+#include "ui/views/clone_menu.h"
+
+class QLabel;
+class QMessageBox;
+class QSplitter;
+
+namespace corvane::ui {
+
+class AddRepositoryDialog;
+class RepositoryInfo;
+class RepositoryList;
+
+class MainWindowController : public QMainWindow {
+    Q_OBJECT
+  public:
+    MainWindowController(Application& application, std::vector<CloneApp> cloneApps);
+
+    RepositoryList* repositoryList() const { return repositoryList_; }
+    RepositoryInfo* repositoryInfo() const { return repositoryInfo_; }
+    QSplitter* splitView() const { return splitView_; }
+    // The sheet or alert open over the window, if any.
+    AddRepositoryDialog* addRepositorySheet() const { return addSheet_; }
+    QMessageBox* alert() const { return alert_; }
+
+    // Says in the window that the daemon is not serving, and why.
+    void showServerProblem(const QString& text);
+    // Opens the add sheet on the Join tab with the link filled in.
+    void joinWithLink(const QString& link);
+    void showAbout();
+
+  private:
+    void handleEvent(const Event& event);
+    void buildMenus();
+    void showAddSheet(int tab);
+    // Shows the alert as a sheet over the window, replacing one already open.
+    void presentAlert(QMessageBox* alert);
+    void bringToFront();
+
+    Application& application_;
+    QSplitter* splitView_;
+    RepositoryList* repositoryList_;
+    RepositoryInfo* repositoryInfo_;
+    QLabel* serverNotice_;
+    AddRepositoryDialog* addSheet_ = nullptr;
+    QMessageBox* alert_ = nullptr;
+    std::shared_ptr<EventReceiver> receiver_;
+};
+
+}  // namespace corvane::ui

@@ -1,0 +1,208 @@
+// Renders the main window in fixed states to PNG files, for people to look at: no repositories;
+// several (one shared, one still being created) with one selected; the add sheet on each tab
+// with a refused entry; the delete confirmation; About. Runs on any Qt platform (scripts/
+// screenshots.sh uses the offscreen one) against a fresh embedded store in the XDG folders it
+// is given.
+//
+// usage: corvane_screenshots OUTPUT_FOLDER [--dark]
+#include <QApplication>
+#include <QDir>
+#include <QEventLoop>
+#include <QLineEdit>
+#include <QMessageBox>
+#include <QPainter>
+#include <QStyle>
+#include <QStyleFactory>
+#include <QTabWidget>
+#include <QTimer>
+#include <cstdio>
+#include <optional>
+
+#include "app/application.h"
+#include "objects/object.h"
+#include "storage/summaries.h"
+#include "ui/core/text.h"
+#include "ui/qt_main_queue.h"
+#include "ui/views/about_dialog.h"
+#include "ui/views/add_repository_dialog.h"
+#include "ui/views/main_window.h"
+#include "ui/views/repository_info.h"
+
+using namespace corvane;
+
+namespace {
+
+// Runs the event loop until the state's queued work has come back.
+void settle(int milliseconds = 300) {
+    QEventLoop loop;
+    QTimer::singleShot(milliseconds, &loop, &QEventLoop::quit);
+    loop.exec();
+}
+
+template <typename T, typename Start>
+T await(Start start) {
+    std::optional<Result<T>> outcome;
+    QEventLoop loop;
+    start([&](Result<T> result) {
+        outcome.emplace(std::move(result));
+        loop.quit();
+    });
+    if (!outcome) loop.exec();
+    return std::move(outcome->value());
+}
+
+Bytes treeWith(const std::string& name, const Object& blob) {
+    Bytes tree = toBytes("100644 " + name);
+    tree.push_back(0);
+    auto id = digestOfId(blob.id());
+    tree.insert(tree.end(), id.begin(), id.end());
+    return tree;
+}
+
+// A small history: `count` commits on main, two more branches and two tags.
+void fillHistory(Backend& backend, const std::shared_ptr<Repository>& repository, int count) {
+    Repository::ContentUpdate update(*repository);
+    auto& content = update.content();
+    std::string parent;
+    std::vector<std::string> commits;
+    for (int i = 0; i < count; ++i) {
+        Object blob(ObjectType::blob, toBytes("version " + std::to_string(i) + "\n"));
+        Object tree(ObjectType::tree, treeWith("README.md", blob));
+        std::string text = "tree " + tree.id() + "\n";
+        if (!parent.empty()) text += "parent " + parent + "\n";
+        std::string when = std::to_string(1790000000 + i * 86400) + " +0000";
+        text += "author Ann <ann@example.com> " + when + "\ncommitter Ann <ann@example.com> " +
+                when + "\n\nChange " + std::to_string(i) + "\n";
+        Object commit(ObjectType::commit, toBytes(text));
+        for (const auto* object : {&blob, &tree, &commit})
+            summarise(*object, content);
+        parent = commit.id();
+        commits.push_back(parent);
+    }
+    content.refs["refs/heads/main"] = parent;
+    if (count > 3) {
+        content.refs["refs/heads/feature"] = commits[commits.size() - 2];
+        content.refs["refs/heads/fix"] = commits[commits.size() - 3];
+        Object tag(ObjectType::tag, toBytes("object " + commits[1] +
+                                            "\ntype commit\ntag v1.0\ntagger Ann "
+                                            "<ann@example.com> 1790000000 +0000\n\nFirst\n"));
+        summarise(tag, content);
+        content.refs["refs/tags/v1.0"] = tag.id();
+        content.refs["refs/tags/v1.1"] = commits[2];
+    }
+    backend.saveRepository(repository, update);
+}
+
+// The window with a sheet over it, as the desktop shows one: centred under the title.
+QImage withSheet(QWidget& window, QWidget& sheet) {
+    QImage image = window.grab().toImage();
+    QPainter painter(&image);
+    painter.fillRect(image.rect(), QColor(0, 0, 0, 40));
+    QPixmap over = sheet.grab();
+    qreal ratio = over.devicePixelRatio();
+    int x = (window.width() - static_cast<int>(over.width() / ratio)) / 2;
+    painter.drawPixmap(QPoint(x, 60), over);
+    return image;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    QApplication app(argc, argv);
+    if (argc < 2) {
+        std::fprintf(stderr, "usage: corvane_screenshots OUTPUT_FOLDER [--dark]\n");
+        return 2;
+    }
+    QDir out(QString::fromLocal8Bit(argv[1]));
+    out.mkpath(QStringLiteral("."));
+    bool dark = argc > 2 && QString::fromLatin1(argv[2]) == QLatin1String("--dark");
+    QString suffix = dark ? QStringLiteral("-dark") : QStringLiteral("-light");
+
+    QApplication::setStyle(QStyleFactory::create(QStringLiteral("Fusion")));
+    QApplication::setFont(QFont(QStringLiteral("DejaVu Sans"), 10));
+    QPalette palette = QApplication::style()->standardPalette();
+    if (dark) {
+        palette = QPalette(QColor(0x31, 0x36, 0x3b), QColor(0x23, 0x26, 0x29));
+        palette.setColor(QPalette::Base, QColor(0x1b, 0x1e, 0x20));
+        palette.setColor(QPalette::AlternateBase, QColor(0x23, 0x26, 0x29));
+        palette.setColor(QPalette::Text, QColor(0xfc, 0xfc, 0xfc));
+        palette.setColor(QPalette::WindowText, QColor(0xfc, 0xfc, 0xfc));
+        palette.setColor(QPalette::ButtonText, QColor(0xfc, 0xfc, 0xfc));
+        palette.setColor(QPalette::Highlight, QColor(0x3d, 0xae, 0xe9));
+        palette.setColor(QPalette::HighlightedText, QColor(0xfc, 0xfc, 0xfc));
+        palette.setColor(QPalette::Disabled, QPalette::Text, QColor(0x70, 0x75, 0x7a));
+        palette.setColor(QPalette::Disabled, QPalette::WindowText, QColor(0x70, 0x75, 0x7a));
+    }
+    QApplication::setPalette(palette);
+
+    ui::QtMainQueue mainQueue;
+    Application application(mainQueue);
+    AppState& state = application.state();
+    ui::MainWindowController window(application, {});
+    window.resize(1000, 640);
+    window.show();
+    settle();
+    auto save = [&](const QImage& image, const QString& name) {
+        QString path = out.filePath(name + suffix + QStringLiteral(".png"));
+        if (!image.save(path)) std::fprintf(stderr, "cannot write %s\n", qPrintable(path));
+    };
+    save(window.grab().toImage(), QStringLiteral("main-empty"));
+
+    Backend& backend = state.backend();
+    for (const char* name : {"website", "tools", "design-notes", "Ärger-tracker"}) {
+        await<std::shared_ptr<Repository>>(
+            [&](auto done) { backend.createRepository(name, done); });
+    }
+    auto tools = backend.fetchRepository("tools", std::string(cloud::kCurrentUserDefaultName));
+    fillHistory(backend, tools, 24);
+    fillHistory(backend,
+                backend.fetchRepository("website", std::string(cloud::kCurrentUserDefaultName)), 1);
+    state.reloadRepositories();
+    settle();
+    // A repository others share, and one whose creation has not come back yet.
+    for (const auto& [url, repository] : state.repositories()) {
+        if (repository->name() != "design-notes") continue;
+        auto people = repository->participants();
+        for (const char* email : {"bo@example.com", "cy@example.com"}) {
+            Participant participant;
+            participant.email = email;
+            participant.status = Participant::Status::accepted;
+            people.push_back(participant);
+        }
+        repository->setParticipants(people);
+        state.send(event::RepositoryModified{url});
+    }
+    state.send(event::RepositoryAdded{std::make_shared<Repository>("new-project")});
+    settle();
+    state.selectRepository(tools->url());
+    settle();
+    save(window.grab().toImage(), QStringLiteral("main"));
+
+    state.send(event::ShowCreateRepository{});
+    settle();
+    if (auto* sheet = window.addRepositorySheet()) {
+        sheet->createNameField()->setText(QStringLiteral("team/project"));
+        settle(50);
+        save(withSheet(window, *sheet), QStringLiteral("add-create"));
+        sheet->tabView()->setCurrentIndex(1);
+        sheet->joinURLField()->setText(QStringLiteral("not a link"));
+        settle(50);
+        save(withSheet(window, *sheet), QStringLiteral("add-join"));
+        sheet->joinURLField()->setText(QStringLiteral("corvane://share/4f9c2e#design-notes"));
+        settle(50);
+        save(withSheet(window, *sheet), QStringLiteral("add-join-link"));
+        sheet->close();
+    }
+    settle(50);
+    state.send(event::ShowConfirmDeleteRepository{tools});
+    settle();
+    if (auto* alert = window.alert()) {
+        save(withSheet(window, *alert), QStringLiteral("delete"));
+        alert->close();
+    }
+    ui::AboutDialog about(&window);
+    about.show();
+    settle(50);
+    save(about.grab().toImage(), QStringLiteral("about"));
+    return 0;
+}
