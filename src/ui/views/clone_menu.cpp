@@ -4,11 +4,11 @@
 #include <QClipboard>
 #include <QDesktopServices>
 #include <QDir>
+#include <QFile>
 #include <QFileDialog>
 #include <QMessageBox>
 #include <QProcess>
 #include <QProgressDialog>
-#include <QSettings>
 #include <QUrl>
 #include <QUrlQuery>
 
@@ -29,14 +29,24 @@ constexpr KnownClient kClients[] = {
     {"Clone with VSCodium", "vscodium"},
 };
 
-// Whether the desktop file declares a handler of the scheme ("MimeType=…x-scheme-handler/<s>;").
+// Whether the desktop file's main group declares a handler of the scheme
+// ("MimeType=…;x-scheme-handler/<scheme>;…"). Desktop files separate values with ";", which an
+// INI reader takes for a comment, so the lines are read here.
 bool handlesScheme(const QString& desktopFile, const QString& scheme) {
-    QSettings entry(desktopFile, QSettings::IniFormat);
-    entry.beginGroup(QStringLiteral("Desktop Entry"));
-    // QSettings reads "a;b;" as a list; a single value stays a string.
-    QStringList types = entry.value(QStringLiteral("MimeType")).toStringList();
-    if (types.size() == 1) types = types.front().split(QLatin1Char(';'));
-    return types.contains(QStringLiteral("x-scheme-handler/") + scheme);
+    QFile file(desktopFile);
+    if (!file.open(QIODevice::ReadOnly | QIODevice::Text)) return false;
+    bool mainGroup = false;
+    while (!file.atEnd()) {
+        QString line = QString::fromUtf8(file.readLine()).trimmed();
+        if (line.startsWith(QLatin1Char('['))) {
+            mainGroup = line == QLatin1String("[Desktop Entry]");
+        } else if (mainGroup && line.startsWith(QLatin1String("MimeType="))) {
+            return line.mid(9)
+                .split(QLatin1Char(';'))
+                .contains(QStringLiteral("x-scheme-handler/") + scheme);
+        }
+    }
+    return false;
 }
 
 }  // namespace
