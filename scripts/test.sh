@@ -17,7 +17,7 @@ fi
 configure() {
   local dir=$1; shift
   cmake -S . -B "$dir" -G Ninja -DCORVANE_BUILD_BENCH=OFF -DCMAKE_CXX_COMPILER_LAUNCHER=ccache \
-    "$@" > /dev/null
+    -DCORVANE_WERROR=ON "$@" > /dev/null
 }
 run_suite() {
   local dir=$1; shift
@@ -26,6 +26,8 @@ run_suite() {
   ctest --test-dir "$dir" --output-on-failure -j "$jobs" --timeout 600
 }
 
+echo "== desktop entry"
+desktop-file-validate desktop/org.corvane.Corvane.desktop
 echo "== normal build"
 run_suite build -DCMAKE_BUILD_TYPE=RelWithDebInfo
 echo "== ThreadSanitizer build: the cloud, storage, server and application tests"

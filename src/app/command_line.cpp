@@ -12,6 +12,8 @@
 #include "app/quoted_name.h"
 #include "base/error.h"
 #include "base/queues.h"
+#include "base/trace.h"
+#include "base/version.h"
 #include "cloud/record_id.h"
 
 namespace corvane {
@@ -19,10 +21,12 @@ namespace corvane {
 namespace {
 
 constexpr const char* kUsage =
-    "usage: corvane serve [--port N]\n"
+    "usage: corvane                    the window, with the git daemon inside\n"
+    "       corvane serve [--port N]   the git daemon alone, until SIGINT or SIGTERM\n"
     "       corvane create NAME\n"
     "       corvane list\n"
-    "       corvane delete NAME\n";
+    "       corvane delete NAME\n"
+    "options: --help, --version, --verbose (the log of cloud operations on stderr)\n";
 
 class UsageError : public Error {
   public:
@@ -106,7 +110,13 @@ std::shared_ptr<Repository> findOwn(Backend& backend, const std::string& name) {
     return backend.fetchRepository(name, std::string(cloud::kCurrentUserDefaultName));
 }
 
-int create(const std::string& name) {
+int create(const std::string& typed) {
+    // The names the add sheet refuses, refused the same way.
+    auto first = typed.find_first_not_of(" \t\r\n\v\f");
+    auto last = typed.find_last_not_of(" \t\r\n\v\f");
+    std::string name = first == std::string::npos ? "" : typed.substr(first, last - first + 1);
+    if (name.empty()) throw UsageError("Name can not be empty");
+    if (name.find('/') != std::string::npos) throw UsageError("Name can not contain /");
     LoopMainQueue mainQueue;
     Application application(mainQueue);
     Backend& backend = application.state().backend();
@@ -159,20 +169,39 @@ int remove(const std::string& name) {
 }
 
 std::string oneName(const std::vector<std::string>& args) {
-    if (args.size() != 1 || args[0].empty()) throw UsageError("Expected one repository name");
+    if (args.size() != 1) throw UsageError("Expected one repository name");
     return args[0];
 }
 
 }  // namespace
 
 int runCommandLine(int argc, char** argv) {
-    std::vector<std::string> args(argv + 1, argv + argc);
+    std::vector<std::string> args;
+    bool verbose = false;
+    for (int i = 1; i < argc; ++i) {
+        std::string arg = argv[i];
+        if (arg == "--help" || arg == "-h") {
+            std::fputs(kUsage, stdout);
+            return 0;
+        }
+        if (arg == "--version") {
+            std::printf("corvane %s\n", versionString().value_or("(unknown version)").c_str());
+            return 0;
+        }
+        if (arg == "--verbose" || arg == "-v") {
+            verbose = true;
+        } else {
+            args.push_back(std::move(arg));
+        }
+    }
     if (args.empty()) {
         std::fputs(kUsage, stderr);
         return 2;
     }
     std::string command = args.front();
     args.erase(args.begin());
+    // The daemon logs; the other commands print their result and, when asked, the log.
+    if (command != "serve" && !verbose) setTraceSink([](std::string_view) {});
     try {
         if (command == "serve") return serve(args);
         if (command == "create") return create(oneName(args));

@@ -18,7 +18,8 @@ bool isTraceWritten(TraceModule module);
 
 void trace(TraceModule module, std::string_view message);
 
-// Tests capture the log by installing a sink; an empty function restores stderr.
+// A sink takes the lines instead of stderr (tests capture the log; commands that print their
+// result drop it unless asked for it); an empty function restores stderr.
 using TraceSink = std::function<void(std::string_view line)>;
 void setTraceSink(TraceSink sink);
 

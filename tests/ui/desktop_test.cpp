@@ -36,7 +36,8 @@ TEST_F(DesktopTest, TheWindowAsksBeforeDeletingAndShowsErrorsAndSheets) {
     window.alert()->button(QMessageBox::Cancel)->click();
     ASSERT_TRUE(waitFor([&] { return window.alert() == nullptr; }));
     EXPECT_EQ(state().repositories().size(), 1u);
-    application->deleteRepositoryMenuAction();  // the selected one: tools
+    state().selectRepository(tools->url());
+    application->deleteRepositoryMenuAction();  // the selected one
     ASSERT_TRUE(waitFor([&] { return window.alert() != nullptr; }));
     for (auto* button : window.alert()->buttons()) {
         if (button->text() == "Delete") button->click();

@@ -117,10 +117,6 @@ void MainWindowController::showAddSheet(int tab) {
     addSheet_ = new AddRepositoryDialog(application_.state(), tab, this);
     addSheet_->setAttribute(Qt::WA_DeleteOnClose);
     addSheet_->setWindowModality(Qt::WindowModal);
-    QPointer<AddRepositoryDialog> sheet = addSheet_;
-    connect(addSheet_, &QObject::destroyed, this, [this, sheet] {
-        if (addSheet_ == sheet || !sheet) addSheet_ = nullptr;
-    });
     bringToFront();
     addSheet_->open();
 }
@@ -135,9 +131,6 @@ void MainWindowController::presentAlert(QMessageBox* alert) {
     alert_ = alert;
     alert->setAttribute(Qt::WA_DeleteOnClose);
     alert->setWindowModality(Qt::WindowModal);
-    connect(alert, &QObject::destroyed, this, [this, alert] {
-        if (alert_ == alert) alert_ = nullptr;
-    });
     bringToFront();
     alert->open();
 }

@@ -8,19 +8,20 @@
 #pragma once
 
 #include <QMainWindow>
+#include <QMessageBox>
+#include <QPointer>
 #include <memory>
 
 #include "app/application.h"
 #include "ui/core/event_receiver.h"
+#include "ui/views/add_repository_dialog.h"
 #include "ui/views/clone_menu.h"
 
 class QLabel;
-class QMessageBox;
 class QSplitter;
 
 namespace corvane::ui {
 
-class AddRepositoryDialog;
 class RepositoryInfo;
 class RepositoryList;
 
@@ -55,8 +56,9 @@ class MainWindowController : public QMainWindow {
     RepositoryList* repositoryList_;
     RepositoryInfo* repositoryInfo_;
     QLabel* serverNotice_;
-    AddRepositoryDialog* addSheet_ = nullptr;
-    QMessageBox* alert_ = nullptr;
+    // Cleared by Qt when they close (they delete themselves).
+    QPointer<AddRepositoryDialog> addSheet_;
+    QPointer<QMessageBox> alert_;
     std::shared_ptr<EventReceiver> receiver_;
 };
 
