@@ -200,6 +200,12 @@ int main(int argc, char** argv) {
         save(withSheet(window, *alert), QStringLiteral("delete"));
         alert->close();
     }
+    window.showServerProblem(QStringLiteral(
+        "The git daemon is not running: port 9418 on 127.0.0.1 is taken by another program. "
+        "Repositories can be browsed, but git clients cannot reach them until Corvane is "
+        "started again with the port free."));
+    settle(50);
+    save(window.grab().toImage(), QStringLiteral("main-port-taken"));
     ui::AboutDialog about(&window);
     about.show();
     settle(50);

@@ -1,5 +1,6 @@
 #include "app/elapsed_time_formatter.h"
 
+#include <atomic>
 #include <ctime>
 
 namespace corvane {
@@ -24,7 +25,10 @@ std::string durationText(std::chrono::seconds elapsed) {
     return {};
 }
 
+std::atomic<ElapsedTimeFormatter::DateFormat> installedFormat{nullptr};
+
 std::string mediumDate(ElapsedTimeFormatter::Clock::time_point date) {
+    if (auto format = installedFormat.load()) return format(date);
     std::time_t time = ElapsedTimeFormatter::Clock::to_time_t(date);
     std::tm local{};
     localtime_r(&time, &local);
@@ -35,6 +39,10 @@ std::string mediumDate(ElapsedTimeFormatter::Clock::time_point date) {
 }
 
 }  // namespace
+
+void ElapsedTimeFormatter::setDateFormat(DateFormat format) {
+    installedFormat = format;
+}
 
 ElapsedTimeFormatter::ElapsedTimeFormatter(std::string absoluteDatePrefix)
     : absoluteDatePrefix_(std::move(absoluteDatePrefix)) {}

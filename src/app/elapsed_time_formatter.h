@@ -22,6 +22,11 @@ class ElapsedTimeFormatter {
     std::string string(const std::optional<Clock::time_point>& date,
                        Clock::time_point now = Clock::now()) const;
 
+    // The window hands in its toolkit's date format for the user's locale, used from then on
+    // for absolute dates. Set it before other threads start formatting.
+    using DateFormat = std::string (*)(Clock::time_point date);
+    static void setDateFormat(DateFormat format);
+
   private:
     std::string absoluteDatePrefix_;
 };

@@ -1,5 +1,6 @@
 #include "app/quoted_name.h"
 
+#include <atomic>
 #include <cstdlib>
 #include <string>
 
@@ -31,9 +32,16 @@ std::string_view messagesLanguage() {
     return {};
 }
 
+std::atomic<NameQuoter> installedQuoter{nullptr};
+
 }  // namespace
 
+void setNameQuoter(NameQuoter quoter) {
+    installedQuoter = quoter;
+}
+
 std::string quotedName(std::string_view name) {
+    if (auto quoter = installedQuoter.load()) return quoter(name);
     std::string_view language = messagesLanguage();
     for (const auto& delimiters : kDelimiters) {
         if (delimiters.language == language) {

@@ -10,4 +10,9 @@ namespace corvane {
 
 std::string quotedName(std::string_view name);
 
+// The window hands in its toolkit's rule for the user's locale, used from then on instead of the
+// table. Set it before other threads start quoting.
+using NameQuoter = std::string (*)(std::string_view name);
+void setNameQuoter(NameQuoter quoter);
+
 }  // namespace corvane

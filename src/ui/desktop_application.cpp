@@ -16,6 +16,7 @@
 #include "base/trace.h"
 #include "base/version.h"
 #include "ui/core/icons.h"
+#include "ui/core/locale_text.h"
 #include "ui/core/text.h"
 #include "ui/qt_main_queue.h"
 #include "ui/single_instance.h"
@@ -64,6 +65,7 @@ int runDesktopApplication(int argc, char** argv) {
     QApplication::setDesktopFileName(QString::fromLatin1(kBundleIdentifier));
     if (auto version = versionString()) QApplication::setApplicationVersion(toQString(*version));
     QApplication::setWindowIcon(applicationIcon());
+    useQtLocale();
 
     QString request = argc > 1 ? QString::fromLocal8Bit(argv[1])
                                : QString::fromLatin1(SingleInstance::kShowRequest);

@@ -7,6 +7,9 @@
 #include <QPushButton>
 #include <QSplitter>
 
+#include "app/elapsed_time_formatter.h"
+#include "app/quoted_name.h"
+#include "ui/core/locale_text.h"
 #include "ui/single_instance.h"
 #include "ui/views/add_repository_dialog.h"
 #include "ui/views/clone_menu.h"
@@ -118,6 +121,25 @@ TEST(CloneApps, ClientsAreFoundByTheSchemesTheirDesktopFilesHandle) {
     }
     EXPECT_EQ(titles, (QStringList{"Clone with Visual Studio Code", "Clone with VSCodium",
                                    "Copy git clone command", "Clone into folder…"}));
+}
+
+}  // namespace
+}  // namespace corvane::ui
+
+namespace corvane::ui {
+namespace {
+
+TEST(QtLocale, NamesAndDatesInMessagesFollowTheUsersLocale) {
+    QLocale::setDefault(QLocale(QLocale::German, QLocale::Germany));
+    useQtLocale();
+    EXPECT_EQ(quotedName("tools"), "„tools“");
+    ElapsedTimeFormatter formatter("on ");
+    auto date = std::chrono::sys_days{std::chrono::year{2026} / 11 / 23} + std::chrono::hours(12);
+    EXPECT_EQ(formatter.string(date, date + std::chrono::days(40)), "on 23.11.26");
+    EXPECT_EQ(formatter.string(date, date + std::chrono::minutes(5)), "5 minutes ago");
+    setNameQuoter(nullptr);
+    ElapsedTimeFormatter::setDateFormat(nullptr);
+    QLocale::setDefault(QLocale::system());
 }
 
 }  // namespace
