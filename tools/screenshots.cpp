@@ -5,6 +5,7 @@
 // is given.
 //
 // usage: corvane_screenshots OUTPUT_FOLDER [--dark]
+#include <QAbstractItemView>
 #include <QApplication>
 #include <QDir>
 #include <QEventLoop>
@@ -21,11 +22,14 @@
 #include "app/application.h"
 #include "objects/object.h"
 #include "storage/summaries.h"
+#include "ui/core/locale_text.h"
 #include "ui/core/text.h"
 #include "ui/qt_main_queue.h"
 #include "ui/views/about_dialog.h"
 #include "ui/views/add_repository_dialog.h"
+#include "ui/views/commits_info.h"
 #include "ui/views/main_window.h"
+#include "ui/views/refs_popup.h"
 #include "ui/views/repository_info.h"
 
 using namespace corvane;
@@ -59,23 +63,38 @@ Bytes treeWith(const std::string& name, const Object& blob) {
     return tree;
 }
 
-// A small history: `count` commits on main, two more branches and two tags.
-void fillHistory(Backend& backend, const std::shared_ptr<Repository>& repository, int count) {
+// A small history: `count` commits on main, two more branches and two tags, every object in the
+// cache, dated back from now.
+void fillHistory(AppState& state, const std::shared_ptr<Repository>& repository, int count) {
+    static const char* const kTitles[] = {
+        "Add the command-line parser",     "Fix the off-by-one in the pager",
+        "Document the configuration file", "Speed up the index rebuild",
+        "Handle empty input gracefully",   "Rename the internal helpers",
+        "Merge the release notes",         "Update the translations",
+    };
+    static const char* const kPeople[] = {"Ann Example <ann@example.com>",
+                                          "Bo Sample <bo@example.com>"};
     Repository::ContentUpdate update(*repository);
     auto& content = update.content();
     std::string parent;
     std::vector<std::string> commits;
+    auto now = std::chrono::duration_cast<std::chrono::seconds>(
+                   std::chrono::system_clock::now().time_since_epoch())
+                   .count();
     for (int i = 0; i < count; ++i) {
         Object blob(ObjectType::blob, toBytes("version " + std::to_string(i) + "\n"));
         Object tree(ObjectType::tree, treeWith("README.md", blob));
         std::string text = "tree " + tree.id() + "\n";
         if (!parent.empty()) text += "parent " + parent + "\n";
-        std::string when = std::to_string(1790000000 + i * 86400) + " +0000";
-        text += "author Ann <ann@example.com> " + when + "\ncommitter Ann <ann@example.com> " +
-                when + "\n\nChange " + std::to_string(i) + "\n";
+        // Newest about an hour ago, then a day or so apart.
+        std::string when = std::to_string(now - 3600 - (count - 1 - i) * 90000) + " +0000";
+        text += std::string("author ") + kPeople[i % 3 == 0 ? 1 : 0] + " " + when + "\ncommitter " +
+                kPeople[0] + " " + when + "\n\n" + kTitles[i % 8] + "\n";
         Object commit(ObjectType::commit, toBytes(text));
-        for (const auto* object : {&blob, &tree, &commit})
+        for (const auto* object : {&blob, &tree, &commit}) {
             summarise(*object, content);
+            state.store().putObject(*object);
+        }
         parent = commit.id();
         commits.push_back(parent);
     }
@@ -83,14 +102,16 @@ void fillHistory(Backend& backend, const std::shared_ptr<Repository>& repository
     if (count > 3) {
         content.refs["refs/heads/feature"] = commits[commits.size() - 2];
         content.refs["refs/heads/fix"] = commits[commits.size() - 3];
-        Object tag(ObjectType::tag, toBytes("object " + commits[1] +
-                                            "\ntype commit\ntag v1.0\ntagger Ann "
-                                            "<ann@example.com> 1790000000 +0000\n\nFirst\n"));
+        Object tag(
+            ObjectType::tag,
+            toBytes("object " + commits[1] + "\ntype commit\ntag v1.0\ntagger " + kPeople[0] + " " +
+                    std::to_string(now - 40 * 86400) + " +0000\n\nFirst\n"));
         summarise(tag, content);
+        state.store().putObject(tag);
         content.refs["refs/tags/v1.0"] = tag.id();
         content.refs["refs/tags/v1.1"] = commits[2];
     }
-    backend.saveRepository(repository, update);
+    state.backend().saveRepository(repository, update);
 }
 
 // The window with a sheet over it, as the desktop shows one: centred under the title.
@@ -134,6 +155,7 @@ int main(int argc, char** argv) {
         palette.setColor(QPalette::Disabled, QPalette::WindowText, QColor(0x70, 0x75, 0x7a));
     }
     QApplication::setPalette(palette);
+    ui::useQtLocale();
 
     ui::QtMainQueue mainQueue;
     Application application(mainQueue);
@@ -154,8 +176,8 @@ int main(int argc, char** argv) {
             [&](auto done) { backend.createRepository(name, done); });
     }
     auto tools = backend.fetchRepository("tools", std::string(cloud::kCurrentUserDefaultName));
-    fillHistory(backend, tools, 24);
-    fillHistory(backend,
+    fillHistory(state, tools, 24);
+    fillHistory(state,
                 backend.fetchRepository("website", std::string(cloud::kCurrentUserDefaultName)), 1);
     state.reloadRepositories();
     settle();
@@ -177,6 +199,37 @@ int main(int argc, char** argv) {
     state.selectRepository(tools->url());
     settle();
     save(window.grab().toImage(), QStringLiteral("main"));
+
+    // The history tabs, then a detached head with the pop-up open.
+    auto* info = window.repositoryInfo();
+    const std::pair<Repository::View, const char*> tabs[] = {
+        {Repository::View::commits, "commits"},
+        {Repository::View::branches, "branches"},
+        {Repository::View::tags, "tags"},
+    };
+    for (const auto& [view, name] : tabs) {
+        info->tabView()->setCurrentIndex(static_cast<int>(view));
+        settle(400);
+        save(window.grab().toImage(), QString::fromLatin1(name));
+    }
+    info->tabView()->setCurrentIndex(static_cast<int>(Repository::View::commits));
+    if (auto* commits = window.findChild<ui::CommitsInfo*>()) {
+        commits->segmentAction(3, 1);
+        settle(400);
+        commits->refPopUp()->showPopup();
+        settle(100);
+        QImage image = window.grab().toImage();
+        if (auto* popup = commits->refPopUp()->view()->window(); popup && popup->isVisible()) {
+            QPainter painter(&image);
+            QPoint at = window.mapFromGlobal(popup->mapToGlobal(QPoint(0, 0)));
+            painter.drawPixmap(at, popup->grab());
+        }
+        save(image, QStringLiteral("commits-detached"));
+        commits->refPopUp()->hidePopup();
+        commits->refPopUp()->choose(commits->refPopUp()->findText(QStringLiteral("main")));
+        info->tabView()->setCurrentIndex(0);
+        settle();
+    }
 
     state.send(event::ShowCreateRepository{});
     settle();

@@ -70,6 +70,12 @@ void AppState::updateRepository(const std::shared_ptr<Repository>& repository) {
     if (known != repositories_.end() && known->second != repository) {
         repository->setState(known->second->state());
     }
+    // A head on a branch the repository does not have (master of a repository created empty,
+    // then pushed a main) moves to the branch it would start on.
+    if (!repository->headCommit()) {
+        if (auto branch = Repository::defaultBranch(*repository->content()))
+            repository->setHead(*branch);
+    }
     repositories_.insert_or_assign(url, repository);
     if (selectedRepository_->url() == url) selectedRepository_ = repository;
     send(event::RepositoryModified{url});

@@ -33,6 +33,7 @@ class AppState {
     AppState(const AppState&) = delete;
     AppState& operator=(const AppState&) = delete;
 
+    MainQueue& mainQueue() { return mainQueue_; }
     Backend& backend() { return *backend_; }
     Store& store() { return *store_; }
     const std::map<std::string, std::shared_ptr<Repository>>& repositories() const {

@@ -52,12 +52,9 @@ UploadPack::UploadPack(GitSocket& socket, std::shared_ptr<Repository> repository
     : socket_(socket), repository_(std::move(repository)), fetcher_(fetcher) {}
 
 std::optional<std::string> UploadPack::headReference(const RepositoryContent& content) {
-    for (const char* preferred : {"refs/heads/master", "refs/heads/main"}) {
-        if (content.refs.contains(preferred)) return std::string(preferred);
-    }
-    auto first = content.refs.lower_bound("refs/heads/");
-    if (first != content.refs.end() && first->first.starts_with("refs/heads/")) return first->first;
-    return std::nullopt;
+    auto branch = Repository::defaultBranch(content);
+    if (!branch) return std::nullopt;
+    return "refs/heads/" + *branch;
 }
 
 std::string UploadPack::capabilityText(const std::optional<std::string>& headReference) {

@@ -79,12 +79,16 @@ Repository::Repository(std::string id, std::string owner, std::string name,
             participants_.push_back(std::move(entry));
         }
     }
-    auto branches = branchNames();
-    if (std::find(branches.begin(), branches.end(), "master") != branches.end()) {
-        setHead("master");
-    } else if (!branches.empty()) {
-        setHead(branches.front());
+    if (auto branch = defaultBranch(*content_)) setHead(*branch);
+}
+
+std::optional<std::string> Repository::defaultBranch(const RepositoryContent& content) {
+    for (const char* preferred : {"master", "main"}) {
+        if (content.refs.contains(std::string(kHeadsPrefix) + preferred)) return preferred;
     }
+    auto first = content.refs.lower_bound(std::string(kHeadsPrefix));
+    if (first == content.refs.end() || !first->first.starts_with(kHeadsPrefix)) return std::nullopt;
+    return first->first.substr(kHeadsPrefix.size());
 }
 
 std::shared_ptr<const RepositoryContent> Repository::content() const {

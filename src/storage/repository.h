@@ -112,6 +112,9 @@ class Repository {
 
     // "git://localhost/<name>", or "git://localhost/<owner>/<name>" for a shared repository.
     static std::string cloneURL(const std::string& owner, const std::string& name);
+    // The branch a repository starts on, for the window and for clients alike: master, else
+    // main, else the first branch in name order; none without branches.
+    static std::optional<std::string> defaultBranch(const RepositoryContent& content);
 
   private:
     std::string id_;

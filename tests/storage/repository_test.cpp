@@ -39,6 +39,13 @@ TEST(Repository, ChoosesHeadFromTheBranchesWhenLoaded) {
     withMaster.refs = {{"refs/heads/dev", id('1')}, {"refs/heads/master", id('2')}};
     EXPECT_EQ(loaded(withMaster).state().head, "ref: refs/heads/master");
 
+    // main before other names, as a clone checks it out (the daemon's symref follows the same
+    // rule); without either, the first name.
+    RepositoryContent withMain;
+    withMain.refs = {{"refs/heads/alpha", id('1')}, {"refs/heads/main", id('2')}};
+    EXPECT_EQ(loaded(withMain).state().head, "ref: refs/heads/main");
+    EXPECT_EQ(Repository::defaultBranch(withMain), "main");
+
     RepositoryContent withoutMaster;
     withoutMaster.refs = {
         {"refs/heads/zeta", id('1')}, {"refs/heads/alpha", id('2')}, {"refs/tags/v1", id('3')}};

@@ -68,28 +68,41 @@ struct UiFixture : ::testing::Test {
         return made;
     }
 
-    // Saves `commits` commits on main (and a branch and a tag when there are several).
-    void fillHistory(const std::shared_ptr<Repository>& repository, int commits) {
+    // Saves `commits` commits on main (and a branch and an annotated tag on the first when there
+    // are several), with their objects in the cache unless the first is `uncached` (then it is
+    // nowhere: its pack was never uploaded). Returns the commit ids, oldest first.
+    std::vector<std::string> fillHistory(const std::shared_ptr<Repository>& repository, int commits,
+                                         bool uncached = false) {
         Repository::ContentUpdate update(*repository);
         auto& content = update.content();
-        std::string parent;
+        std::vector<std::string> ids;
         Object tree(ObjectType::tree, {});
         summarise(tree, content);
         for (int i = 0; i < commits; ++i) {
             std::string text = "tree " + tree.id() + "\n";
-            if (!parent.empty()) text += "parent " + parent + "\n";
-            text += "author A <a@b> 1500000000 +0000\ncommitter A <a@b> 1500000000 +0000\n\n" +
-                    std::to_string(i) + "\n";
+            if (!ids.empty()) text += "parent " + ids.back() + "\n";
+            std::string who = i % 2 ? "Bo <bo@b>" : "Ann <ann@b>";
+            text += "author " + who +
+                    " 1500000000 +0000\ncommitter Ann <ann@b> 1500000000 +0000\n\n" + "Change " +
+                    std::to_string(i) + "\n\nWhy it changed.\n";
             Object commit(ObjectType::commit, toBytes(text));
             summarise(commit, content);
-            if (i == 0 && commits > 1) {
-                content.refs["refs/heads/first"] = commit.id();
-                content.refs["refs/tags/v1"] = commit.id();
-            }
-            parent = commit.id();
+            if (i > 0 || !uncached) state().store().putObject(commit);
+            ids.push_back(commit.id());
         }
-        content.refs["refs/heads/main"] = parent;
+        if (commits > 1) {
+            content.refs["refs/heads/first"] = ids.front();
+            Object tag(
+                ObjectType::tag,
+                toBytes("object " + ids.front() +
+                        "\ntype commit\ntag v1\ntagger Ann <ann@b> 1600000000 +0000\n\nv1\n"));
+            summarise(tag, content);
+            state().store().putObject(tag);
+            content.refs["refs/tags/v1"] = tag.id();
+        }
+        content.refs["refs/heads/main"] = ids.back();
         state().backend().saveRepository(repository, update);
+        return ids;
     }
 };
 

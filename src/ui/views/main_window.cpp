@@ -15,6 +15,8 @@
 #include "ui/core/text.h"
 #include "ui/views/about_dialog.h"
 #include "ui/views/add_repository_dialog.h"
+#include "ui/views/commits_info.h"
+#include "ui/views/refs_list.h"
 #include "ui/views/repository_info.h"
 #include "ui/views/repository_list.h"
 
@@ -23,6 +25,7 @@ namespace corvane::ui {
 MainWindowController::MainWindowController(Application& application,
                                            std::vector<CloneApp> cloneApps)
     : application_(application),
+      loader_(std::make_unique<ObjectLoader>(application.state())),
       splitView_(new QSplitter(Qt::Horizontal, this)),
       repositoryList_(new RepositoryList(application.state(), splitView_)),
       repositoryInfo_(new RepositoryInfo(application.state(), std::move(cloneApps), splitView_)),
@@ -31,6 +34,14 @@ MainWindowController::MainWindowController(Application& application,
     setWindowIcon(applicationIcon());
     splitView_->addWidget(repositoryList_);
     splitView_->addWidget(repositoryInfo_);
+    AppState& state = application.state();
+    repositoryInfo_->setViewWidget(Repository::View::commits,
+                                   new CommitsInfo(state, *loader_, nullptr));
+    repositoryInfo_->setViewWidget(
+        Repository::View::branches,
+        new RefsList(RefsList::Kind::branches, state, *loader_, nullptr));
+    repositoryInfo_->setViewWidget(Repository::View::tags,
+                                   new RefsList(RefsList::Kind::tags, state, *loader_, nullptr));
     splitView_->setChildrenCollapsible(false);
     splitView_->setStretchFactor(0, 0);
     splitView_->setStretchFactor(1, 1);

@@ -14,6 +14,7 @@
 
 #include "app/application.h"
 #include "ui/core/event_receiver.h"
+#include "ui/core/object_loader.h"
 #include "ui/views/add_repository_dialog.h"
 #include "ui/views/clone_menu.h"
 
@@ -52,6 +53,8 @@ class MainWindowController : public QMainWindow {
     void bringToFront();
 
     Application& application_;
+    // Shared by the views; goes before them (its answers for them are dropped from then on).
+    std::unique_ptr<ObjectLoader> loader_;
     QSplitter* splitView_;
     RepositoryList* repositoryList_;
     RepositoryInfo* repositoryInfo_;
