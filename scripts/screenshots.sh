@@ -17,7 +17,7 @@ render() {
     rm -rf "$work/home"
     mkdir -p "$work/home"
     env -u CORVANE_CLOUD HOME="$work/home" XDG_DATA_HOME="$work/home/data" \
-        XDG_CACHE_HOME="$work/home/cache" XDG_RUNTIME_DIR="$work/home" XDG_DATA_DIRS=/nonexistent \
+        XDG_CACHE_HOME="$work/home/cache" XDG_RUNTIME_DIR="$work/home" \
         QT_QPA_PLATFORM=offscreen LANG=en_US.UTF-8 "$@" \
         "$build/tools/corvane_screenshots" "$out/$name" ${palette_arg:-} 2> "$work/log" ||
         { cat "$work/log" >&2; exit 1; }

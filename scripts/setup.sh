@@ -9,7 +9,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   clang clang-format libclang-rt-14-dev ccache
   qt6-base-dev qt6-svg-dev qt6-multimedia-dev qt6-qpa-plugins fonts-dejavu-core
-  desktop-file-utils xdg-utils
+  desktop-file-utils xdg-utils shared-mime-info
 )
 
 missing=()

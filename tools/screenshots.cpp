@@ -18,6 +18,8 @@
 #include <QTimer>
 #include <cstdio>
 #include <optional>
+#include <tuple>
+#include <vector>
 
 #include "app/application.h"
 #include "objects/object.h"
@@ -28,6 +30,7 @@
 #include "ui/views/about_dialog.h"
 #include "ui/views/add_repository_dialog.h"
 #include "ui/views/commits_info.h"
+#include "ui/views/file_browser.h"
 #include "ui/views/main_window.h"
 #include "ui/views/refs_popup.h"
 #include "ui/views/repository_info.h"
@@ -63,6 +66,8 @@ Bytes treeWith(const std::string& name, const Object& blob) {
     return tree;
 }
 
+Object richTree(AppState& state, RepositoryContent& content);
+
 // A small history: `count` commits on main, two more branches and two tags, every object in the
 // cache, dated back from now.
 void fillHistory(AppState& state, const std::shared_ptr<Repository>& repository, int count) {
@@ -83,7 +88,9 @@ void fillHistory(AppState& state, const std::shared_ptr<Repository>& repository,
                    .count();
     for (int i = 0; i < count; ++i) {
         Object blob(ObjectType::blob, toBytes("version " + std::to_string(i) + "\n"));
-        Object tree(ObjectType::tree, treeWith("README.md", blob));
+        Object tree = i + 1 == count && count > 1
+                          ? richTree(state, content)
+                          : Object(ObjectType::tree, treeWith("README.md", blob));
         std::string text = "tree " + tree.id() + "\n";
         if (!parent.empty()) text += "parent " + parent + "\n";
         // Newest about an hour ago, then a day or so apart.
@@ -112,6 +119,40 @@ void fillHistory(AppState& state, const std::shared_ptr<Repository>& repository,
         content.refs["refs/tags/v1.1"] = commits[2];
     }
     state.backend().saveRepository(repository, update);
+}
+
+// A tree of several kinds of files and two directories, every object summarised and cached.
+Object richTree(AppState& state, RepositoryContent& content) {
+    auto keep = [&](const Object& object) {
+        summarise(object, content);
+        state.store().putObject(object);
+        return object;
+    };
+    auto tree = [&](std::vector<std::tuple<const char*, std::string, Object>> entries) {
+        Bytes bytes;
+        for (const auto& [mode, name, object] : entries) {
+            Bytes entry = toBytes(std::string(mode) + " " + name);
+            entry.push_back(0);
+            auto id = digestOfId(object.id());
+            entry.insert(entry.end(), id.begin(), id.end());
+            bytes.insert(bytes.end(), entry.begin(), entry.end());
+        }
+        return keep(Object(ObjectType::tree, bytes));
+    };
+    auto blob = [&](std::size_t size, char fill) {
+        return keep(Object(ObjectType::blob, Bytes(size, static_cast<std::uint8_t>(fill))));
+    };
+    Object src = tree({{"100644", "main.cpp", blob(2400, 'm')},
+                       {"100644", "pager.cpp", blob(5100, 'p')},
+                       {"100644", "pager.h", blob(900, 'h')}});
+    Object docs = tree({{"100644", "guide.md", blob(7300, 'g')}});
+    return tree({{"100644", "CMakeLists.txt", blob(1200, 'c')},
+                 {"100644", "LICENSE", blob(11357, 'l')},
+                 {"100644", "README.md", blob(3400, 'r')},
+                 {"40000", "docs", docs},
+                 {"100644", "logo.png", blob(48213, 'i')},
+                 {"100644", "release.tar.gz", blob(1843000, 'z')},
+                 {"40000", "src", src}});
 }
 
 // The window with a sheet over it, as the desktop shows one: centred under the title.
@@ -199,6 +240,18 @@ int main(int argc, char** argv) {
     state.selectRepository(tools->url());
     settle();
     save(window.grab().toImage(), QStringLiteral("main"));
+    if (auto* files = window.findChild<ui::FileBrowser*>()) {
+        settle(300);
+        save(window.grab().toImage(), QStringLiteral("files"));
+        for (int row = 0; row < files->model().rowCount(); ++row) {
+            if (files->model().items()[static_cast<std::size_t>(row)].name == "src")
+                files->open(row);
+        }
+        settle(300);
+        save(window.grab().toImage(), QStringLiteral("files-nested"));
+        files->showDepth(0);
+        settle(100);
+    }
 
     // The history tabs, then a detached head with the pop-up open.
     auto* info = window.repositoryInfo();

@@ -16,6 +16,7 @@
 #include "ui/views/about_dialog.h"
 #include "ui/views/add_repository_dialog.h"
 #include "ui/views/commits_info.h"
+#include "ui/views/file_browser.h"
 #include "ui/views/refs_list.h"
 #include "ui/views/repository_info.h"
 #include "ui/views/repository_list.h"
@@ -35,6 +36,8 @@ MainWindowController::MainWindowController(Application& application,
     splitView_->addWidget(repositoryList_);
     splitView_->addWidget(repositoryInfo_);
     AppState& state = application.state();
+    repositoryInfo_->setViewWidget(Repository::View::files,
+                                   new FileBrowser(state, *loader_, nullptr));
     repositoryInfo_->setViewWidget(Repository::View::commits,
                                    new CommitsInfo(state, *loader_, nullptr));
     repositoryInfo_->setViewWidget(

@@ -1,0 +1,72 @@
+#include "ui/core/file_kind.h"
+
+#include <QMimeDatabase>
+
+#include "ui/core/icons.h"
+
+namespace corvane::ui {
+
+namespace {
+
+bool inheritsAny(const QMimeType& type, std::initializer_list<const char*> names) {
+    for (const char* name : names) {
+        if (type.inherits(QString::fromLatin1(name))) return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+FileKind fileKindOf(const QString& name, bool isDirectory) {
+    if (isDirectory) return FileKind::directory;
+    if (!name.contains(QLatin1Char('.')) || name.endsWith(QLatin1Char('.'))) return FileKind::text;
+    static const QMimeDatabase database;
+    QMimeType type = database.mimeTypeForFile(name, QMimeDatabase::MatchExtension);
+    if (!type.isValid() || type.isDefault()) return FileKind::text;  // unknown: shown as text
+    if (type.inherits(QStringLiteral("application/pdf"))) return FileKind::pdf;
+    QString top = type.name().section(QLatin1Char('/'), 0, 0);
+    if (top == QLatin1String("image") || top == QLatin1String("audio") ||
+        top == QLatin1String("video"))
+        return FileKind::image;
+    if (inheritsAny(type, {"application/zip", "application/x-tar", "application/gzip",
+                           "application/x-compressed-tar", "application/x-7z-compressed",
+                           "application/vnd.rar", "application/x-bzip", "application/x-xz",
+                           "application/zstd", "application/x-archive"}))
+        return FileKind::archive;
+    if (inheritsAny(type, {"text/markdown", "text/x-readme"}) ||
+        type.name() == QLatin1String("text/plain"))
+        return FileKind::text;
+    // Source languages, scripts and data formats all derive from plain text.
+    if (type.inherits(QStringLiteral("text/plain")) ||
+        inheritsAny(type, {"application/json", "application/xml", "application/javascript",
+                           "application/x-shellscript", "application/toml", "application/x-yaml"}))
+        return FileKind::code;
+    return FileKind::binary;
+}
+
+QIcon fileKindIcon(FileKind kind) {
+    loadResources();
+    auto themed = [](const char* name, const char* fallback) {
+        return QIcon::fromTheme(QString::fromLatin1(name), QIcon(QString::fromLatin1(fallback)));
+    };
+    switch (kind) {
+        case FileKind::directory:
+            return themed("folder", ":/icons/file-directory.svg");
+        case FileKind::code:
+            return themed("text-x-script", ":/icons/file-code.svg");
+        case FileKind::image:
+            return themed("image-x-generic", ":/icons/file-media.svg");
+        case FileKind::archive:
+            return themed("package-x-generic", ":/icons/file-zip.svg");
+        case FileKind::pdf:
+            return themed("application-pdf", ":/icons/file-pdf.svg");
+        case FileKind::binary:
+            return themed("application-x-executable", ":/icons/file-binary.svg");
+        case FileKind::loading:
+        case FileKind::text:
+            break;
+    }
+    return themed("text-x-generic", ":/icons/file.svg");
+}
+
+}  // namespace corvane::ui
