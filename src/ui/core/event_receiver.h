@@ -26,4 +26,15 @@ class EventReceiver : public EventDelegate {
     Handler handler_;
 };
 
+// Whether the event changes what the views that follow the head show: another repository
+// selected, another head chosen, or the selected repository changed.
+inline bool changesShownHead(const AppState& state, const Event& event) {
+    if (const auto* modified = std::get_if<event::RepositoryModified>(&event))
+        return modified->url == state.selectedRepository()->url();
+    return std::holds_alternative<event::RepositorySelected>(event) ||
+           std::holds_alternative<event::BranchSelected>(event) ||
+           std::holds_alternative<event::TagSelected>(event) ||
+           std::holds_alternative<event::CommitSelected>(event);
+}
+
 }  // namespace corvane::ui

@@ -140,14 +140,7 @@ FileBrowser::FileBrowser(AppState& state, ObjectLoader& loader, QWidget* parent)
 
     restart();
     receiver_ = EventReceiver::registerWith(state_, [this](const Event& event) {
-        if (std::holds_alternative<event::RepositorySelected>(event) ||
-            std::holds_alternative<event::BranchSelected>(event) ||
-            std::holds_alternative<event::TagSelected>(event) ||
-            std::holds_alternative<event::CommitSelected>(event)) {
-            restart();
-        } else if (const auto* modified = std::get_if<event::RepositoryModified>(&event)) {
-            if (modified->url == state_.selectedRepository()->url()) restart();
-        }
+        if (changesShownHead(state_, event)) restart();
     });
 }
 

@@ -24,14 +24,7 @@ RefsPopUp::RefsPopUp(AppState& state, QWidget* parent)
     });
     refresh();
     receiver_ = EventReceiver::registerWith(state_, [this](const Event& event) {
-        if (std::holds_alternative<event::RepositorySelected>(event) ||
-            std::holds_alternative<event::BranchSelected>(event) ||
-            std::holds_alternative<event::TagSelected>(event) ||
-            std::holds_alternative<event::CommitSelected>(event)) {
-            refresh();
-        } else if (const auto* modified = std::get_if<event::RepositoryModified>(&event)) {
-            if (modified->url == state_.selectedRepository()->url()) refresh();
-        }
+        if (changesShownHead(state_, event)) refresh();
     });
 }
 
