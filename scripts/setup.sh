@@ -8,7 +8,7 @@ packages=(
   zlib1g-dev libdeflate-dev libssl-dev rapidjson-dev libsqlite3-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   clang clang-format libclang-rt-14-dev ccache
-  qt6-base-dev qt6-svg-dev qt6-multimedia-dev qt6-qpa-plugins fonts-dejavu-core
+  qt6-base-dev qt6-svg-dev qt6-multimedia-dev libqscintilla2-qt6-dev qt6-qpa-plugins fonts-dejavu-core
   desktop-file-utils xdg-utils shared-mime-info
 )
 

@@ -1,18 +1,29 @@
 #include "ui/views/file_browser.h"
 
 #include <QAction>
+#include <QFile>
 #include <QHBoxLayout>
 #include <QHeaderView>
+#include <QKeyEvent>
 #include <QLabel>
 #include <QLocale>
+#include <QMimeData>
 #include <QMouseEvent>
+#include <QScrollBar>
+#include <QSplitter>
+#include <QStackedWidget>
 #include <QToolButton>
+#include <QToolTip>
 #include <QTreeView>
+#include <QUrl>
 #include <QVBoxLayout>
 #include <algorithm>
 
 #include "objects/tree.h"
+#include "ui/core/markdown_view.h"
+#include "ui/core/preview_content.h"
 #include "ui/core/text.h"
+#include "ui/views/preview_controller.h"
 #include "ui/views/refs_popup.h"
 
 namespace corvane::ui {
@@ -21,10 +32,26 @@ namespace {
 
 constexpr std::uint16_t kTypeBits = 0170000;
 constexpr std::uint16_t kDirectoryType = 0040000;
+constexpr std::uint16_t kExecutableBits = 0111;
+
+// The README a directory shows under its listing: Markdown first, then any other text.
+const FileItem* readmeOf(const std::vector<FileItem>& items) {
+    const FileItem* plain = nullptr;
+    for (const auto& item : items) {
+        if (item.isDirectory || item.kind == FileKind::loading) continue;
+        if (item.name.section(QLatin1Char('.'), 0, 0)
+                .compare(QLatin1String("readme"), Qt::CaseInsensitive) != 0)
+            continue;
+        if (isMarkdownFile(item.name)) return &item;
+        if (!plain && (item.kind == FileKind::text)) plain = &item;
+    }
+    return plain;
+}
 
 }  // namespace
 
-FileListModel::FileListModel(QObject* parent) : QAbstractTableModel(parent) {}
+FileListModel::FileListModel(DragOut dragOut, QObject* parent)
+    : QAbstractTableModel(parent), dragOut_(std::move(dragOut)) {}
 
 int FileListModel::rowCount(const QModelIndex& parent) const {
     return parent.isValid() ? 0 : static_cast<int>(items_.size());
@@ -43,6 +70,7 @@ QVariant FileListModel::data(const QModelIndex& index, int role) const {
     if (!index.isValid() || static_cast<std::size_t>(index.row()) >= items_.size()) return {};
     const FileItem& item = items_[static_cast<std::size_t>(index.row())];
     bool loading = item.kind == FileKind::loading;
+    if (role == nameRole) return item.name;
     if (index.column() == 0) {
         switch (role) {
             case Qt::DisplayRole:
@@ -71,6 +99,36 @@ QVariant FileListModel::data(const QModelIndex& index, int role) const {
     return QLocale().formattedDataSize(*size, 1, QLocale::DataSizeSIFormat);
 }
 
+Qt::ItemFlags FileListModel::flags(const QModelIndex& index) const {
+    Qt::ItemFlags flags = QAbstractTableModel::flags(index);
+    if (index.isValid() && static_cast<std::size_t>(index.row()) < items_.size()) {
+        const FileItem& item = items_[static_cast<std::size_t>(index.row())];
+        // Files only: a directory would mean fetching its whole subtree before the drop.
+        if (!item.isDirectory && item.kind != FileKind::loading) flags |= Qt::ItemIsDragEnabled;
+    }
+    return flags;
+}
+
+QStringList FileListModel::mimeTypes() const {
+    return {QStringLiteral("text/uri-list")};
+}
+
+Qt::DropActions FileListModel::supportedDragActions() const {
+    return Qt::CopyAction;
+}
+
+QMimeData* FileListModel::mimeData(const QModelIndexList& indexes) const {
+    std::vector<FileItem> files;
+    std::vector<int> rows;
+    for (const QModelIndex& index : indexes) {
+        if (!(flags(index) & Qt::ItemIsDragEnabled)) continue;
+        if (std::find(rows.begin(), rows.end(), index.row()) != rows.end()) continue;
+        rows.push_back(index.row());
+        files.push_back(items_[static_cast<std::size_t>(index.row())]);
+    }
+    return files.empty() ? nullptr : dragOut_(files);
+}
+
 void FileListModel::reset(std::vector<FileItem> items,
                           std::shared_ptr<const RepositoryContent> content) {
     beginResetModel();
@@ -87,8 +145,11 @@ FileBrowser::FileBrowser(AppState& state, ObjectLoader& loader, QWidget* parent)
       backButton_(new QToolButton(this)),
       forwardButton_(new QToolButton(this)),
       pathBar_(new QHBoxLayout),
-      tableView_(new QTreeView(this)),
-      model_(new FileListModel(this)) {
+      body_(new QStackedWidget(this)),
+      listPage_(new QSplitter(Qt::Vertical, this)),
+      tableView_(new QTreeView(listPage_)),
+      model_(new FileListModel([this](const auto& files) { return dragOut(files); }, this)),
+      readmeView_(new MarkdownView(listPage_)) {
     backButton_->setIcon(QIcon::fromTheme(QStringLiteral("go-previous"),
                                           style()->standardIcon(QStyle::SP_ArrowBack)));
     backButton_->setToolTip(QStringLiteral("Back (Alt+Left)"));
@@ -115,12 +176,31 @@ FileBrowser::FileBrowser(AppState& state, ObjectLoader& loader, QWidget* parent)
     tableView_->setUniformRowHeights(true);
     tableView_->setFrameShape(QFrame::NoFrame);
     tableView_->setEditTriggers(QAbstractItemView::NoEditTriggers);
+    tableView_->setSelectionMode(QAbstractItemView::ExtendedSelection);
+    tableView_->setDragEnabled(true);
+    tableView_->setDragDropMode(QAbstractItemView::DragOnly);
+    tableView_->setDefaultDropAction(Qt::CopyAction);
     tableView_->header()->setStretchLastSection(false);
     tableView_->header()->setSectionResizeMode(0, QHeaderView::Stretch);
     tableView_->header()->setSectionResizeMode(1, QHeaderView::ResizeToContents);
     tableView_->viewport()->installEventFilter(this);
+    tableView_->installEventFilter(this);
     connect(tableView_, &QTreeView::activated, this,
             [this](const QModelIndex& index) { open(index.row()); });
+    // A file pressed may be dragged out next: have its blob in the cache by then.
+    connect(tableView_, &QTreeView::pressed, this, [this](const QModelIndex& index) {
+        const FileItem& item = model_->items()[static_cast<std::size_t>(index.row())];
+        if (!item.isDirectory && item.kind != FileKind::loading &&
+            !state_.store().hasObject(item.id))
+            loader_.load(state_.selectedRepository(), item.id, [](const auto&, const auto&) {});
+    });
+    readmeView_->hide();
+    listPage_->addWidget(tableView_);
+    listPage_->addWidget(readmeView_);
+    listPage_->setChildrenCollapsible(false);
+    listPage_->setStretchFactor(0, 1);
+    listPage_->setStretchFactor(1, 2);
+    body_->addWidget(listPage_);
 
     auto* top = new QHBoxLayout;
     top->setContentsMargins(8, 6, 8, 6);
@@ -136,12 +216,10 @@ FileBrowser::FileBrowser(AppState& state, ObjectLoader& loader, QWidget* parent)
     layout->setContentsMargins(0, 0, 0, 0);
     layout->setSpacing(0);
     layout->addLayout(top);
-    layout->addWidget(tableView_, 1);
+    layout->addWidget(body_, 1);
 
     restart();
-    receiver_ = EventReceiver::registerWith(state_, [this](const Event& event) {
-        if (changesShownHead(state_, event)) restart();
-    });
+    receiver_ = EventReceiver::registerWith(state_, [this](const Event& event) { refresh(event); });
 }
 
 QStringList FileBrowser::pathComponents() const {
@@ -151,7 +229,31 @@ QStringList FileBrowser::pathComponents() const {
     return components;
 }
 
+void FileBrowser::refresh(const Event& event) {
+    if (const auto* loaded = std::get_if<event::ObjectsLoaded>(&event)) {
+        // Placeholders whose tree someone else has just fetched.
+        std::string tree = path_.empty() ? rootTree_ : path_.back().id;
+        bool waiting = !model_->items().empty() && model_->items()[0].kind == FileKind::loading;
+        if (waiting && loaded->ids.count(tree))
+            showListing(placeOf(*tableView_, FileListModel::nameRole));
+        return;
+    }
+    if (!changesShownHead(state_, event)) return;
+    if (std::holds_alternative<event::RepositoryModified>(event)) {
+        // A push that left this commit where it was: the same listing, new sizes and counts.
+        const auto& repository = state_.selectedRepository();
+        auto commit = repository->headCommit();
+        const auto* summary = commit ? repository->content()->commits.find(*commit) : nullptr;
+        if (summary && summary->tree == rootTree_) {
+            showListing(placeOf(*tableView_, FileListModel::nameRole));
+            return;
+        }
+    }
+    restart();
+}
+
 void FileBrowser::restart() {
+    closePreview();
     const auto& repository = state_.selectedRepository();
     rootTree_.clear();
     if (auto commit = repository->headCommit()) {
@@ -163,9 +265,15 @@ void FileBrowser::restart() {
     go({});
 }
 
+void FileBrowser::leave() {
+    if (historyIndex_ < history_.size())
+        history_[historyIndex_].view = placeOf(*tableView_, FileListModel::nameRole);
+}
+
 void FileBrowser::go(std::vector<Directory> path) {
+    leave();
     if (!history_.empty()) history_.resize(historyIndex_ + 1);
-    history_.push_back(path);
+    history_.push_back({path, {}});
     historyIndex_ = history_.size() - 1;
     path_ = std::move(path);
     showListing();
@@ -173,23 +281,54 @@ void FileBrowser::go(std::vector<Directory> path) {
 
 void FileBrowser::back() {
     if (historyIndex_ == 0 || history_.empty()) return;
-    path_ = history_[--historyIndex_];
-    showListing();
+    leave();
+    const Place& place = history_[--historyIndex_];
+    path_ = place.path;
+    showListing(place.view);
 }
 
 void FileBrowser::forward() {
     if (historyIndex_ + 1 >= history_.size()) return;
-    path_ = history_[++historyIndex_];
-    showListing();
+    leave();
+    const Place& place = history_[++historyIndex_];
+    path_ = place.path;
+    showListing(place.view);
 }
 
 void FileBrowser::open(int row) {
     if (row < 0 || static_cast<std::size_t>(row) >= model_->items().size()) return;
     const FileItem& item = model_->items()[static_cast<std::size_t>(row)];
-    if (!item.isDirectory) return;
+    if (item.kind == FileKind::loading) return;
+    if (!item.isDirectory) {
+        openPreview(item);
+        return;
+    }
     auto path = path_;
     path.push_back({item.id, item.name});
     go(std::move(path));
+}
+
+void FileBrowser::openPreview(const FileItem& item) {
+    closePreview();
+    previewController_ = new PreviewController(state_, loader_, state_.selectedRepository(),
+                                               item.id, item.name, body_);
+    connect(previewController_, &PreviewController::closeRequested, this,
+            &FileBrowser::closePreview);
+    body_->addWidget(previewController_);
+    body_->setCurrentWidget(previewController_);
+    previewController_->setFocus();
+}
+
+void FileBrowser::closePreview() {
+    if (!previewController_) return;
+    bool hadFocus =
+        previewController_->isAncestorOf(focusWidget()) || previewController_->hasFocus();
+    body_->setCurrentWidget(listPage_);
+    // Later: the close button clicked may be the one asking for this.
+    previewController_->hide();
+    previewController_->deleteLater();
+    previewController_ = nullptr;
+    if (hadFocus) tableView_->setFocus();
 }
 
 void FileBrowser::showDepth(std::size_t depth) {
@@ -197,7 +336,7 @@ void FileBrowser::showDepth(std::size_t depth) {
     go(std::vector<Directory>(path_.begin(), path_.begin() + static_cast<std::ptrdiff_t>(depth)));
 }
 
-void FileBrowser::showListing() {
+void FileBrowser::showListing(ViewPlace place) {
     int generation = ++generation_;
     backButton_->setEnabled(historyIndex_ > 0);
     forwardButton_->setEnabled(historyIndex_ + 1 < history_.size());
@@ -214,28 +353,102 @@ void FileBrowser::showListing() {
     }
     model_->reset(std::move(placeholders), content);
     tableView_->scrollToTop();
+    readmeView_->hide();
     if (tree.empty()) return;
-    loader_.load(
-        repository, tree,
-        [this, generation, content](const std::optional<Object>& object, const std::string&) {
-            if (generation != generation_ || !object) return;  // placeholders stay
-            std::vector<FileItem> items;
-            try {
-                forEachTreeEntry(*object, TextCheck::none,
-                                 [&](std::uint16_t mode, std::string_view name, ByteView id) {
-                                     bool directory = (mode & kTypeBits) == kDirectoryType;
-                                     QString text = toQString(name);
-                                     items.push_back({hexString(id), text, directory,
-                                                      fileKindOf(text, directory)});
-                                 });
-            } catch (const std::exception&) {
-                return;
-            }
-            std::sort(items.begin(), items.end(), [](const auto& a, const auto& b) {
-                return QString::localeAwareCompare(a.name, b.name) < 0;
-            });
-            model_->reset(std::move(items), content);
-        });
+    loader_.load(repository, tree,
+                 [this, generation, content, place](const std::optional<Object>& object,
+                                                    const std::string&) {
+                     if (generation != generation_ || !object) return;  // placeholders stay
+                     std::vector<FileItem> items;
+                     try {
+                         forEachTreeEntry(
+                             *object, TextCheck::none,
+                             [&](std::uint16_t mode, std::string_view name, ByteView id) {
+                                 bool directory = (mode & kTypeBits) == kDirectoryType;
+                                 QString text = toQString(name);
+                                 items.push_back({hexString(id), text, directory,
+                                                  fileKindOf(text, directory),
+                                                  (mode & kExecutableBits) != 0});
+                             });
+                     } catch (const std::exception&) {
+                         return;
+                     }
+                     std::sort(items.begin(), items.end(), [](const auto& a, const auto& b) {
+                         return QString::localeAwareCompare(a.name, b.name) < 0;
+                     });
+                     model_->reset(std::move(items), content);
+                     restorePlace(*tableView_, place, FileListModel::nameRole);
+                     showReadme(model_->items());
+                 });
+}
+
+void FileBrowser::showReadme(const std::vector<FileItem>& items) {
+    const FileItem* readme = readmeOf(items);
+    if (!readme) {
+        readmeView_->hide();
+        return;
+    }
+    int generation = generation_;
+    loader_.load(state_.selectedRepository(), readme->id,
+                 [this, generation, name = readme->name](const std::optional<Object>& object,
+                                                         const std::string&) {
+                     if (generation != generation_ || !object) return;
+                     QByteArray bytes(reinterpret_cast<const char*>(object->data().data()),
+                                      static_cast<qsizetype>(object->data().size()));
+                     PreviewContent content = previewContentOf(name, bytes);
+                     if (content.kind == PreviewKind::binary) return;
+                     if (content.kind == PreviewKind::markdown)
+                         readmeView_->showMarkdown(content.shown);
+                     else
+                         readmeView_->showPlainText(content.shown);
+                     readmeView_->show();
+                 });
+}
+
+QMimeData* FileBrowser::dragOut(const std::vector<FileItem>& files) {
+    // The previous drag's files stay until now: the receiver may still be copying them.
+    dragFolder_ =
+        std::make_unique<QTemporaryDir>(QDir::tempPath() + QStringLiteral("/corvane-drag-XXXXXX"));
+    if (!dragFolder_->isValid()) return nullptr;
+    QList<QUrl> urls;
+    QStringList missing;
+    for (const auto& file : files) {
+        if (file.name.isEmpty() || file.name == QLatin1String(".") ||
+            file.name == QLatin1String("..") || file.name.contains(QLatin1Char('/')))
+            continue;
+        if (!state_.store().hasObject(file.id)) {
+            // Not here yet: fetched now, for the next attempt.
+            missing << file.name;
+            loader_.load(state_.selectedRepository(), file.id, [](const auto&, const auto&) {});
+            continue;
+        }
+        QString path = dragFolder_->filePath(file.name);
+        QFile out(path);
+        try {
+            Object blob = state_.store().getObject(file.id);
+            const Bytes& bytes = blob.data();
+            if (!out.open(QIODevice::WriteOnly) ||
+                out.write(reinterpret_cast<const char*>(bytes.data()),
+                          static_cast<qint64>(bytes.size())) != static_cast<qint64>(bytes.size()))
+                continue;
+        } catch (const std::exception&) {
+            continue;
+        }
+        if (file.isExecutable)
+            out.setPermissions(out.permissions() | QFile::ExeOwner | QFile::ExeGroup |
+                               QFile::ExeOther);
+        out.close();
+        urls << QUrl::fromLocalFile(path);
+    }
+    if (!missing.isEmpty())
+        QToolTip::showText(QCursor::pos(),
+                           QStringLiteral("Still downloading %1; try again in a moment.")
+                               .arg(missing.join(QStringLiteral(", "))),
+                           tableView_);
+    if (urls.isEmpty()) return nullptr;
+    auto* mime = new QMimeData;
+    mime->setUrls(urls);
+    return mime;
 }
 
 void FileBrowser::rebuildPathBar() {
@@ -271,6 +484,16 @@ void FileBrowser::rebuildPathBar() {
 }
 
 bool FileBrowser::eventFilter(QObject* watched, QEvent* event) {
+    if (watched == tableView_ && event->type() == QEvent::KeyPress) {
+        auto* key = static_cast<QKeyEvent*>(event);
+        if (key->key() == Qt::Key_Space && key->modifiers() == Qt::NoModifier) {
+            QModelIndex current = tableView_->currentIndex();
+            if (current.isValid() &&
+                !model_->items()[static_cast<std::size_t>(current.row())].isDirectory)
+                open(current.row());
+            return true;
+        }
+    }
     if (watched == tableView_->viewport() && event->type() == QEvent::MouseButtonPress) {
         auto button = static_cast<QMouseEvent*>(event)->button();
         if (button == Qt::BackButton) {
