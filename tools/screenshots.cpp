@@ -1,12 +1,14 @@
 // Renders the main window in fixed states to PNG files, for people to look at: no repositories;
-// several (one shared, one still being created) with one selected; the add sheet on each tab
-// with a refused entry; the delete confirmation; About. Runs on any Qt platform (scripts/
+// several (one shared, one still being created) with one selected; its files, a nested
+// directory and previews of each kind; the history tabs and a detached head; the add sheet on each
+// tab with a refused entry; the delete confirmation; About. Runs on any Qt platform (scripts/
 // screenshots.sh uses the offscreen one) against a fresh embedded store in the XDG folders it
 // is given.
 //
 // usage: corvane_screenshots OUTPUT_FOLDER [--dark]
 #include <QAbstractItemView>
 #include <QApplication>
+#include <QBuffer>
 #include <QDir>
 #include <QEventLoop>
 #include <QLineEdit>
@@ -25,6 +27,7 @@
 #include "objects/object.h"
 #include "storage/summaries.h"
 #include "ui/core/locale_text.h"
+#include "ui/core/preview_content.h"
 #include "ui/core/text.h"
 #include "ui/qt_main_queue.h"
 #include "ui/views/about_dialog.h"
@@ -142,16 +145,90 @@ Object richTree(AppState& state, RepositoryContent& content) {
     auto blob = [&](std::size_t size, char fill) {
         return keep(Object(ObjectType::blob, Bytes(size, static_cast<std::uint8_t>(fill))));
     };
-    Object src = tree({{"100644", "main.cpp", blob(2400, 'm')},
+    auto text = [&](const char* contents) {
+        return keep(Object(ObjectType::blob, toBytes(contents)));
+    };
+    // A logo drawn here, saved as the PNG a repository would hold.
+    QImage logo(240, 160, QImage::Format_ARGB32);
+    logo.fill(QColor(0x2d, 0x6c, 0xdf));
+    {
+        QPainter painter(&logo);
+        painter.setRenderHint(QPainter::Antialiasing);
+        painter.setBrush(QColor(0xff, 0xc8, 0x3d));
+        painter.setPen(Qt::NoPen);
+        painter.drawEllipse(QPoint(80, 80), 50, 50);
+        painter.setBrush(QColor(0xff, 0xff, 0xff));
+        painter.drawRoundedRect(QRect(120, 50, 90, 60), 12, 12);
+    }
+    QByteArray png;
+    QBuffer buffer(&png);
+    buffer.open(QIODevice::WriteOnly);
+    logo.save(&buffer, "PNG");
+    Bytes pngBytes(png.begin(), png.end());
+    Bytes archive(1843000);
+    for (std::size_t i = 0; i < archive.size(); ++i)
+        archive[i] = static_cast<std::uint8_t>((i * 2654435761U) >> 13);
+    archive[0] = 0x1f;
+    archive[1] = 0x8b;
+    Object src = tree({{"100644", "main.cpp",
+                        text(R"(// The pager's entry point: reads the file named on the command line
+// and shows it a screen at a time.
+#include <cstdio>
+#include <string>
+
+#include "pager.h"
+
+namespace {
+
+constexpr int kDefaultLines = 24;
+
+int usage(const char* program) {
+    std::fprintf(stderr, "usage: %s FILE [LINES]\n", program);
+    return 2;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc < 2) return usage(argv[0]);
+    int lines = argc > 2 ? std::stoi(argv[2]) : kDefaultLines;
+    Pager pager(argv[1], lines);
+    while (pager.showNextPage()) {
+        if (!pager.waitForKey()) break;  // q quits
+    }
+    return pager.failed() ? 1 : 0;
+}
+)")},
                        {"100644", "pager.cpp", blob(5100, 'p')},
                        {"100644", "pager.h", blob(900, 'h')}});
-    Object docs = tree({{"100644", "guide.md", blob(7300, 'g')}});
-    return tree({{"100644", "CMakeLists.txt", blob(1200, 'c')},
+    Object docs = tree({{"100644", "guide.md", text("# Guide\n\nStart with `tools --help`.\n")}});
+    return tree({{"100644", "CMakeLists.txt",
+                  text("cmake_minimum_required(VERSION 3.25)\nproject(tools "
+                       "CXX)\nadd_executable(pager src/main.cpp src/pager.cpp)\n")},
                  {"100644", "LICENSE", blob(11357, 'l')},
-                 {"100644", "README.md", blob(3400, 'r')},
+                 {"100644", "README.md", text(R"(# tools
+
+Small command-line tools for reading **large files**, one screen at a time.
+
+## Building
+
+```sh
+cmake -S . -B build && cmake --build build
+```
+
+| Tool  | What it does                 | Status |
+|-------|------------------------------|--------|
+| pager | shows a file page by page    | done   |
+| grep  | finds lines, ~~slowly~~ fast | beta   |
+
+- [x] paging forwards
+- [ ] paging backwards
+
+See the [guide](docs/guide.md) or https://example.com/tools.
+)")},
                  {"40000", "docs", docs},
-                 {"100644", "logo.png", blob(48213, 'i')},
-                 {"100644", "release.tar.gz", blob(1843000, 'z')},
+                 {"100644", "logo.png", keep(Object(ObjectType::blob, pngBytes))},
+                 {"100644", "release.tar.gz", keep(Object(ObjectType::blob, archive))},
                  {"40000", "src", src}});
 }
 
@@ -170,6 +247,7 @@ QImage withSheet(QWidget& window, QWidget& sheet) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    ui::preferFfmpegMediaBackend();
     QApplication app(argc, argv);
     if (argc < 2) {
         std::fprintf(stderr, "usage: corvane_screenshots OUTPUT_FOLDER [--dark]\n");
@@ -192,6 +270,8 @@ int main(int argc, char** argv) {
         palette.setColor(QPalette::ButtonText, QColor(0xfc, 0xfc, 0xfc));
         palette.setColor(QPalette::Highlight, QColor(0x3d, 0xae, 0xe9));
         palette.setColor(QPalette::HighlightedText, QColor(0xfc, 0xfc, 0xfc));
+        palette.setColor(QPalette::Link, QColor(0x1d, 0x99, 0xf3));
+        palette.setColor(QPalette::LinkVisited, QColor(0x9b, 0x59, 0xb6));
         palette.setColor(QPalette::Disabled, QPalette::Text, QColor(0x70, 0x75, 0x7a));
         palette.setColor(QPalette::Disabled, QPalette::WindowText, QColor(0x70, 0x75, 0x7a));
     }
@@ -249,8 +329,21 @@ int main(int argc, char** argv) {
         }
         settle(300);
         save(window.grab().toImage(), QStringLiteral("files-nested"));
+        auto preview = [&](const char* name, const char* shot) {
+            for (int row = 0; row < files->model().rowCount(); ++row) {
+                if (files->model().items()[static_cast<std::size_t>(row)].name == name)
+                    files->open(row);
+            }
+            settle(300);
+            save(window.grab().toImage(), QString::fromLatin1(shot));
+            files->closePreview();
+        };
+        preview("main.cpp", "preview-code");
         files->showDepth(0);
         settle(100);
+        preview("README.md", "preview-markdown");
+        preview("logo.png", "preview-image");
+        preview("release.tar.gz", "preview-binary");
     }
 
     // The history tabs, then a detached head with the pop-up open.

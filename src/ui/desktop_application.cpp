@@ -17,6 +17,7 @@
 #include "base/version.h"
 #include "ui/core/icons.h"
 #include "ui/core/locale_text.h"
+#include "ui/core/preview_content.h"
 #include "ui/core/text.h"
 #include "ui/qt_main_queue.h"
 #include "ui/single_instance.h"
@@ -58,6 +59,7 @@ bool isShareLink(const QString& request) {
 }  // namespace
 
 int runDesktopApplication(int argc, char** argv) {
+    ui::preferFfmpegMediaBackend();
     QApplication app(argc, argv);
     QApplication::setApplicationName(QStringLiteral("Corvane"));
     QApplication::setApplicationDisplayName(QStringLiteral("Corvane"));

@@ -4,8 +4,11 @@
 
 #include <QApplication>
 
+#include "ui/core/preview_content.h"
+
 int main(int argc, char** argv) {
     qputenv("QT_QPA_PLATFORM", "offscreen");
+    corvane::ui::preferFfmpegMediaBackend();
     QApplication app(argc, argv);
     ::testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();

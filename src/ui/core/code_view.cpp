@@ -152,6 +152,10 @@ CodeView::CodeView(QWidget* parent) : QsciScintilla(parent) {
     setFolding(NoFoldStyle);
     setBraceMatching(NoBraceMatch);
     SendScintilla(SCI_SETUNDOCOLLECTION, 0L);  // nothing is edited
+    // A horizontal scroll bar only as wide as the longest line seen.
+    SendScintilla(SCI_SETSCROLLWIDTH, 1L);
+    SendScintilla(SCI_SETSCROLLWIDTHTRACKING, 1L);
+    SendScintilla(SCI_SETMARGINLEFT, 0UL, 6L);  // a gap between the numbers and the text
     applyPalette();
 }
 
@@ -192,7 +196,12 @@ void CodeView::applyPalette() {
         for (int style = 0; style < 128; ++style) {
             if (lexer_->description(style).isEmpty()) continue;
             QColor colour = lexer_->defaultColor(style);
-            lexer_->setColor(dark ? forDarkBackground(colour) : colour, style);
+            // Black and greys are the lexers' plain text: the palette's own, light or dark.
+            if (colour.hslSaturationF() < 0.15F)
+                colour = ink;
+            else if (dark)
+                colour = forDarkBackground(colour);
+            lexer_->setColor(colour, style);
             QFont styleFont = font;
             styleFont.setBold(lexer_->defaultFont(style).bold());
             styleFont.setItalic(lexer_->defaultFont(style).italic());

@@ -6,13 +6,12 @@
 // Threads: the GUI thread only.
 #pragma once
 
+#include <Qsci/qscilexer.h>
 #include <Qsci/qsciscintilla.h>
 
 #include <QByteArray>
 #include <QString>
 #include <memory>
-
-class QsciLexer;
 
 namespace corvane::ui {
 

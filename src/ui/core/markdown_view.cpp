@@ -2,6 +2,8 @@
 
 #include <QFontDatabase>
 #include <QTextDocument>
+#include <QTextFrame>
+#include <QTextTable>
 
 #include "ui/core/text.h"
 
@@ -16,6 +18,19 @@ MarkdownView::MarkdownView(QWidget* parent) : QTextBrowser(parent) {
 void MarkdownView::showMarkdown(const QByteArray& utf8) {
     document()->setDefaultFont(font());
     document()->setMarkdown(QString::fromUtf8(utf8), QTextDocument::MarkdownDialectGitHub);
+    // Tables as repository hosts draw them: thin collapsed rules, padded cells.
+    for (QTextFrame* frame : document()->rootFrame()->childFrames()) {
+        auto* table = qobject_cast<QTextTable*>(frame);
+        if (!table) continue;
+        QTextTableFormat format = table->format();
+        format.setBorderCollapse(true);
+        format.setBorder(1);
+        format.setBorderBrush(palette().color(QPalette::Mid));
+        format.setBorderStyle(QTextFrameFormat::BorderStyle_Solid);
+        format.setCellPadding(6);
+        format.setCellSpacing(0);
+        table->setFormat(format);
+    }
 }
 
 void MarkdownView::showPlainText(const QByteArray& utf8) {

@@ -4,7 +4,6 @@
 #include <QMediaFormat>
 #include <QMimeDatabase>
 #include <QSet>
-#include <QStringDecoder>
 
 #include "ui/core/code_view.h"
 
@@ -35,15 +34,47 @@ qsizetype characterBoundary(const QByteArray& data, qsizetype limit) {
     return end;
 }
 
+// Strict UTF-8: no overlong forms, no surrogates, nothing past U+10FFFF; NUL bytes, which text
+// does not hold, count against it too.
 bool isUtf8Text(QByteArrayView bytes) {
-    if (bytes.contains('\0')) return false;
-    // A strict decoder: any invalid sequence is an error, not a replacement character.
-    QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
-    (void)decoder.decode(bytes);
-    return !decoder.hasError();
+    const auto* at = reinterpret_cast<const unsigned char*>(bytes.data());
+    const auto* end = at + bytes.size();
+    while (at < end) {
+        unsigned char lead = *at;
+        if (lead >= 0x01 && lead < 0x80) {
+            ++at;
+            continue;
+        }
+        int length = 0;
+        unsigned char low = 0x80;  // the range of the second byte
+        unsigned char high = 0xBF;
+        if (lead >= 0xC2 && lead <= 0xDF) {
+            length = 2;
+        } else if (lead >= 0xE0 && lead <= 0xEF) {
+            length = 3;
+            if (lead == 0xE0) low = 0xA0;
+            if (lead == 0xED) high = 0x9F;
+        } else if (lead >= 0xF0 && lead <= 0xF4) {
+            length = 4;
+            if (lead == 0xF0) low = 0x90;
+            if (lead == 0xF4) high = 0x8F;
+        } else {
+            return false;  // NUL, a stray continuation byte, or a lead byte never used
+        }
+        if (end - at < length || at[1] < low || at[1] > high) return false;
+        for (int i = 2; i < length; ++i) {
+            if ((at[i] & 0xC0) != 0x80) return false;
+        }
+        at += length;
+    }
+    return true;
 }
 
 }  // namespace
+
+void preferFfmpegMediaBackend() {
+    if (!qEnvironmentVariableIsSet("QT_MEDIA_BACKEND")) qputenv("QT_MEDIA_BACKEND", "ffmpeg");
+}
 
 bool isImageFile(const QString& filename) {
     static const QSet<QString> types = [] {

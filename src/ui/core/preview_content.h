@@ -29,6 +29,11 @@ PreviewContent previewContentOf(const QString& filename, const QByteArray& data)
 // Sixteen bytes a line: offset, the bytes in hex, and those that are printable ASCII.
 QString hexDump(const QByteArray& data);
 
+// Qt 6.4's GStreamer backend plays nothing without plugins most desktops lack; its FFmpeg one
+// plays the common formats on its own. Called before the application object exists, unless
+// the user has chosen a backend.
+void preferFfmpegMediaBackend();
+
 bool isImageFile(const QString& filename);
 bool isMediaFile(const QString& filename);
 bool isMarkdownFile(const QString& filename);
