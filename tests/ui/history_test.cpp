@@ -122,6 +122,26 @@ TEST_F(HistoryTest, TheHistoryFillsInAndMovesTheHeadFromEveryPlace) {
     EXPECT_EQ(heads, (std::vector<std::string>{ids[2], "ref: refs/tags/v1", "ref: refs/heads/main",
                                                "ref: refs/heads/first"}));
 
+    // A push to the branch shown keeps each list's selection where it was.
+    branches.segmentAction(1, ActionRowDelegate::selectSegment);
+    ASSERT_TRUE(waitFor([&] { return commits.model().rowCount() == 4; }));
+    commits.tableView()->setCurrentIndex(row(2));
+    branches.tableView()->setCurrentIndex(branches.model()->index(1, 0));
+    {
+        Repository::ContentUpdate update(*tools);
+        Object next(ObjectType::commit,
+                    toBytes("tree " + update.content().commits.find(ids.back())->tree +
+                            "\nparent " + ids.back() +
+                            "\nauthor A <a@b> 1 +0000\ncommitter A <a@b> 1 +0000\n\nNext\n"));
+        summarise(next, update.content());
+        update.content().refs["refs/heads/main"] = next.id();
+        state().backend().saveRepository(tools, update);
+    }
+    ASSERT_TRUE(waitFor([&] { return commits.model().rowCount() == 5; }));
+    EXPECT_EQ(commits.tableView()->currentIndex().data(ActionRowDelegate::idRole).toString(),
+              QString::fromStdString(ids[1]));
+    EXPECT_EQ(branches.tableView()->currentIndex().data().toString(), "main");
+
     // A repository without branches has no pop-up and no history.
     auto empty = create("empty");
     state().selectRepository(empty->url());

@@ -1,6 +1,6 @@
-// ViewPlace: where a list stands (how far it is scrolled and which row is selected, by a key that
+// ViewPlace: where a list stands (the row at its top and the row selected, by a key that
 // survives a reload), taken before its model is reset and put back after, so that a refresh does
-// not throw the reader back to the top.
+// not throw the reader back to the top, and rows added above do not move what they were reading.
 #pragma once
 
 #include <QAbstractItemView>
@@ -10,28 +10,30 @@
 namespace corvane::ui {
 
 struct ViewPlace {
-    int scroll = 0;
+    QString top;       // the key of the first row in view; empty for the list's start
     QString selected;  // the key of the current row; empty for none
+    int scroll = 0;    // the offset to use when the top row is gone
 };
 
 inline ViewPlace placeOf(const QAbstractItemView& view, int keyRole) {
-    return {view.verticalScrollBar()->value(), view.currentIndex().data(keyRole).toString()};
+    return {view.indexAt(QPoint(1, 1)).data(keyRole).toString(),
+            view.currentIndex().data(keyRole).toString(), view.verticalScrollBar()->value()};
 }
 
-// The row is found again by its key; the scroll offset is taken as it was, clamped to the list.
 inline void restorePlace(QAbstractItemView& view, const ViewPlace& place, int keyRole) {
     view.doItemsLayout();  // the scroll range of the new rows
     auto* model = view.model();
-    if (!place.selected.isEmpty()) {
-        for (int row = 0; row < model->rowCount(); ++row) {
-            QModelIndex index = model->index(row, 0);
-            if (index.data(keyRole).toString() == place.selected) {
-                view.setCurrentIndex(index);
-                break;
-            }
-        }
+    QModelIndex top;
+    for (int row = 0; row < model->rowCount(); ++row) {
+        QModelIndex index = model->index(row, 0);
+        QString key = index.data(keyRole).toString();
+        if (!place.selected.isEmpty() && key == place.selected) view.setCurrentIndex(index);
+        if (!place.top.isEmpty() && key == place.top) top = index;
     }
-    view.verticalScrollBar()->setValue(place.scroll);
+    if (top.isValid())
+        view.scrollTo(top, QAbstractItemView::PositionAtTop);
+    else
+        view.verticalScrollBar()->setValue(place.scroll);
 }
 
 }  // namespace corvane::ui

@@ -97,18 +97,21 @@ CommitsInfo::CommitsInfo(AppState& state, ObjectLoader& loader, QWidget* parent)
     layout->addLayout(top);
     layout->addWidget(tableView_, 1);
 
-    refresh();
+    refresh({});
     receiver_ = EventReceiver::registerWith(state_, [this](const Event& event) {
-        if (changesShownHead(state_, event)) refresh();
+        if (!changesShownHead(state_, event)) return;
+        // A push to the branch shown keeps the reader where they were; another head starts over.
+        bool sameHead = std::holds_alternative<event::RepositoryModified>(event);
+        refresh(sameHead ? placeOf(*tableView_, ActionRowDelegate::idRole) : ViewPlace{});
     });
 }
 
-void CommitsInfo::refresh() {
+void CommitsInfo::refresh(const ViewPlace& place) {
     const auto& repository = state_.selectedRepository();
     bool hasBranches = !repository->branchNames().empty();
     refPopUp_->setVisible(hasBranches);
     model_->reset(hasBranches ? repository->revList() : std::vector<std::string>{});
-    tableView_->scrollToTop();
+    restorePlace(*tableView_, place, ActionRowDelegate::idRole);
 }
 
 void CommitsInfo::load(const std::string& id) {

@@ -19,6 +19,7 @@
 #include "app/elapsed_time_formatter.h"
 #include "ui/core/event_receiver.h"
 #include "ui/core/object_loader.h"
+#include "ui/core/view_place.h"
 
 class QListView;
 
@@ -65,7 +66,7 @@ class CommitsInfo : public QWidget {
     void segmentAction(int row, int segment);
 
   private:
-    void refresh();
+    void refresh(const ViewPlace& place);  // an empty place: the top
     void load(const std::string& id);
 
     AppState& state_;

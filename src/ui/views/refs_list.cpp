@@ -9,6 +9,7 @@
 #include "objects/tag.h"
 #include "ui/core/action_row_delegate.h"
 #include "ui/core/text.h"
+#include "ui/core/view_place.h"
 
 namespace corvane::ui {
 
@@ -43,17 +44,18 @@ RefsList::RefsList(Kind kind, AppState& state, ObjectLoader& loader, QWidget* pa
     auto* layout = new QVBoxLayout(this);
     layout->setContentsMargins(0, 0, 0, 0);
     layout->addWidget(tableView_);
-    refresh();
+    refresh({});
     receiver_ = EventReceiver::registerWith(state_, [this](const Event& event) {
         if (std::holds_alternative<event::RepositorySelected>(event)) {
-            refresh();
+            refresh({});
         } else if (const auto* modified = std::get_if<event::RepositoryModified>(&event)) {
-            if (modified->url == state_.selectedRepository()->url()) refresh();
+            if (modified->url == state_.selectedRepository()->url())
+                refresh(placeOf(*tableView_, Qt::DisplayRole));
         }
     });
 }
 
-void RefsList::refresh() {
+void RefsList::refresh(const ViewPlace& place) {
     ++generation_;
     const auto& repository = state_.selectedRepository();
     std::string prefix = kind_ == Kind::branches ? "refs/heads/" : "refs/tags/";
@@ -72,7 +74,7 @@ void RefsList::refresh() {
         model_->appendRow(item);
         if (!repository->id().empty()) loadAge(static_cast<int>(row), id, 0);
     }
-    tableView_->scrollToTop();
+    restorePlace(*tableView_, place, Qt::DisplayRole);
 }
 
 void RefsList::loadAge(int row, const std::string& id, int depth) {

@@ -15,6 +15,7 @@
 #include "app/elapsed_time_formatter.h"
 #include "ui/core/event_receiver.h"
 #include "ui/core/object_loader.h"
+#include "ui/core/view_place.h"
 
 class QListView;
 
@@ -33,7 +34,7 @@ class RefsList : public QWidget {
     void segmentAction(int row, int segment);
 
   private:
-    void refresh();
+    void refresh(const ViewPlace& place);  // an empty place: the top
     void loadAge(int row, const std::string& id, int depth);
 
     Kind kind_;
