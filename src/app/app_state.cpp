@@ -88,10 +88,27 @@ void AppState::selectRepository(const std::optional<std::string>& url) {
         selectedRepository_ = std::make_shared<Repository>();
     } else {
         selectedRepository_ = found->second;
-        backend_->fetcher().prefetchObjects(prefetchOrder(*selectedRepository_),
-                                            *selectedRepository_);
+        prefetchQueue_.async([this, selection = ++selections_, repository = selectedRepository_] {
+            prefetch(repository, selection);
+        });
     }
     send(event::RepositorySelected{url});
+}
+
+void AppState::prefetch(const std::shared_ptr<Repository>& repository, std::uint64_t selection) {
+    if (selection != selections_) return;  // another repository was chosen since
+    auto content = repository->content();
+    auto& known = prefetched_[repository->url()];
+    if (known.lock() == content) return;
+    // Objects already cached need no request, nor an event saying they are here.
+    std::vector<std::string> missing;
+    for (auto& id : prefetchOrder(*repository)) {
+        if (!store_->hasObject(id)) missing.push_back(std::move(id));
+    }
+    if (missing.empty())
+        known = content;
+    else
+        backend_->fetcher().prefetchObjects(missing, *repository);
 }
 
 void AppState::createRepository(const std::string& name) {

@@ -10,6 +10,8 @@
 // completions refer to it.
 #pragma once
 
+#include <atomic>
+#include <cstdint>
 #include <exception>
 #include <filesystem>
 #include <map>
@@ -67,6 +69,7 @@ class AppState {
 
   private:
     void deliver(const Event& event);
+    void prefetch(const std::shared_ptr<Repository>& repository, std::uint64_t selection);
 
     MainQueue& mainQueue_;
     std::unique_ptr<cloud::Container> container_;
@@ -75,6 +78,15 @@ class AppState {
     std::map<std::string, std::shared_ptr<Repository>> repositories_;
     std::shared_ptr<Repository> selectedRepository_;
     std::vector<WeakEventDelegate> registry_;
+    // Selections so far; a prefetch for an earlier one is dropped.
+    std::atomic<std::uint64_t> selections_{0};
+    // Per repository URL, the content whose objects were last found all cached: choosing it
+    // again costs nothing. Used on the prefetch thread only.
+    std::map<std::string, std::weak_ptr<const RepositoryContent>> prefetched_;
+    // Finds which of a selected repository's objects the cache lacks and hands them to the
+    // fetcher: for a large history, a second of work the window must not wait for. Last: it
+    // stops before everything it uses.
+    WorkQueue prefetchQueue_{"prefetch", 1};
 };
 
 }  // namespace corvane

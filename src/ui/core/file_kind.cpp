@@ -1,6 +1,7 @@
 #include "ui/core/file_kind.h"
 
 #include <QMimeDatabase>
+#include <array>
 
 #include "ui/core/icons.h"
 
@@ -14,6 +15,8 @@ bool inheritsAny(const QMimeType& type, std::initializer_list<const char*> names
     }
     return false;
 }
+
+QIcon themedFileKindIcon(FileKind kind);
 
 }  // namespace
 
@@ -45,6 +48,16 @@ FileKind fileKindOf(const QString& name, bool isDirectory) {
 }
 
 QIcon fileKindIcon(FileKind kind) {
+    // Looked up once per kind: a theme lookup for every row drawn would cost milliseconds.
+    static std::array<QIcon, 8> icons;
+    auto& icon = icons[static_cast<std::size_t>(kind)];
+    if (icon.isNull()) icon = themedFileKindIcon(kind);
+    return icon;
+}
+
+namespace {
+
+QIcon themedFileKindIcon(FileKind kind) {
     loadResources();
     auto themed = [](const char* name, const char* fallback) {
         return QIcon::fromTheme(QString::fromLatin1(name), QIcon(QString::fromLatin1(fallback)));
@@ -68,5 +81,7 @@ QIcon fileKindIcon(FileKind kind) {
     }
     return themed("text-x-generic", ":/icons/file.svg");
 }
+
+}  // namespace
 
 }  // namespace corvane::ui

@@ -20,12 +20,23 @@ ObjectLoader::~ObjectLoader() {
 }
 
 void ObjectLoader::load(const std::shared_ptr<Repository>& repository, const std::string& id,
-                        Done done) {
+                        Done done, LoadTicket::Flag wanted) {
+    loadThen(
+        repository, id,
+        [done = std::move(done)](const std::optional<Object>& object, const std::string& error) {
+            return [done, object, error] { done(object, error); };
+        },
+        std::move(wanted));
+}
+
+void ObjectLoader::loadThen(const std::shared_ptr<Repository>& repository, const std::string& id,
+                            Work work, LoadTicket::Flag wanted) {
     auto alive = alive_;
     auto& fetcher = state_.backend().fetcher();
     auto& mainQueue = state_.mainQueue();
-    queue_.async([alive, repository, id, done = std::move(done), &fetcher, &mainQueue] {
-        if (!*alive) return;
+    queue_.async([alive, repository, id, work = std::move(work), wanted = std::move(wanted),
+                  &fetcher, &mainQueue] {
+        if (!*alive || (wanted && !*wanted)) return;
         std::optional<Object> object;
         std::string error;
         try {
@@ -33,8 +44,9 @@ void ObjectLoader::load(const std::shared_ptr<Repository>& repository, const std
         } catch (const std::exception& failure) {
             error = failure.what();
         }
-        mainQueue.async([alive, done, object = std::move(object), error] {
-            if (*alive) done(object, error);
+        auto then = work(object, error);
+        mainQueue.async([alive, then = std::move(then)] {
+            if (*alive) then();
         });
     });
 }

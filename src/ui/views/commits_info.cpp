@@ -107,6 +107,7 @@ CommitsInfo::CommitsInfo(AppState& state, ObjectLoader& loader, QWidget* parent)
 }
 
 void CommitsInfo::refresh(const ViewPlace& place) {
+    ticket_.renew();
     const auto& repository = state_.selectedRepository();
     bool hasBranches = !repository->branchNames().empty();
     refPopUp_->setVisible(hasBranches);
@@ -115,32 +116,33 @@ void CommitsInfo::refresh(const ViewPlace& place) {
 }
 
 void CommitsInfo::load(const std::string& id) {
-    loader_.load(state_.selectedRepository(), id,
-                 [this, id](const std::optional<Object>& object, const std::string& error) {
-                     if (!object) {
-                         model_->setRow(id, {QStringLiteral("Commit ") + shortId(toQString(id)),
-                                             toQString(error),
-                                             {toQString(error)}});
-                         return;
-                     }
-                     try {
-                         // Shown as it is written, whatever its encoding.
-                         auto commit = parseCommit(*object, TextCheck::none);
-                         QString age;
-                         if (commit.committer.timestamp) {
-                             auto when = std::chrono::system_clock::time_point(std::chrono::seconds(
-                                 static_cast<std::int64_t>(*commit.committer.timestamp)));
-                             age = toQString(dateFormatter_.string(when));
-                         }
-                         model_->setRow(
-                             id, {toQString(commit.title()), toQString(commit.body).trimmed(),
-                                  commitInfo(commit.author.name, commit.committer.name, age)});
-                     } catch (const std::exception& failure) {
-                         model_->setRow(id, {QStringLiteral("Commit ") + shortId(toQString(id)),
-                                             toQString(failure.what()),
-                                             {toQString(failure.what())}});
-                     }
-                 });
+    loader_.load(
+        state_.selectedRepository(), id,
+        [this, id](const std::optional<Object>& object, const std::string& error) {
+            if (!object) {
+                model_->setRow(id, {QStringLiteral("Commit ") + shortId(toQString(id)),
+                                    toQString(error),
+                                    {toQString(error)}});
+                return;
+            }
+            try {
+                // Shown as it is written, whatever its encoding.
+                auto commit = parseCommit(*object, TextCheck::none);
+                QString age;
+                if (commit.committer.timestamp) {
+                    auto when = std::chrono::system_clock::time_point(std::chrono::seconds(
+                        static_cast<std::int64_t>(*commit.committer.timestamp)));
+                    age = toQString(dateFormatter_.string(when));
+                }
+                model_->setRow(id, {toQString(commit.title()), toQString(commit.body).trimmed(),
+                                    commitInfo(commit.author.name, commit.committer.name, age)});
+            } catch (const std::exception& failure) {
+                model_->setRow(id, {QStringLiteral("Commit ") + shortId(toQString(id)),
+                                    toQString(failure.what()),
+                                    {toQString(failure.what())}});
+            }
+        },
+        ticket_.flag());
 }
 
 void CommitsInfo::segmentAction(int row, int segment) {

@@ -75,6 +75,7 @@ class CommitsInfo : public QWidget {
     QListView* tableView_;
     CommitsModel* model_;
     ElapsedTimeFormatter dateFormatter_{"on "};
+    LoadTicket ticket_;  // the reads for the history shown
     std::shared_ptr<EventReceiver> receiver_;
 };
 

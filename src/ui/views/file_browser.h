@@ -139,7 +139,9 @@ class FileBrowser : public QWidget {
     std::vector<Directory> path_;
     std::vector<Place> history_;
     std::size_t historyIndex_ = 0;
-    int generation_ = 0;  // answers for an earlier listing are dropped
+    int generation_ = 0;            // answers for an earlier listing are dropped
+    bool listingUnderWay_ = false;  // the directory shown is being read
+    LoadTicket ticket_;             // the reads for the directory shown
     std::shared_ptr<EventReceiver> receiver_;
 };
 

@@ -57,6 +57,7 @@ RefsList::RefsList(Kind kind, AppState& state, ObjectLoader& loader, QWidget* pa
 
 void RefsList::refresh(const ViewPlace& place) {
     ++generation_;
+    ticket_.renew();
     const auto& repository = state_.selectedRepository();
     std::string prefix = kind_ == Kind::branches ? "refs/heads/" : "refs/tags/";
     refs_.clear();
@@ -101,7 +102,8 @@ void RefsList::loadAge(int row, const std::string& id, int depth) {
                                 QStringList{toQString(dateFormatter_.string(*when))},
                                 ActionRowDelegate::infoRole);
             }
-        });
+        },
+        ticket_.flag());
 }
 
 void RefsList::segmentAction(int row, int segment) {

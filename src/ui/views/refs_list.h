@@ -44,6 +44,7 @@ class RefsList : public QWidget {
     QStandardItemModel* model_;
     std::vector<std::pair<std::string, std::string>> refs_;  // name, id
     int generation_ = 0;  // answers for an older listing are dropped
+    LoadTicket ticket_;   // the reads for the rows shown
     ElapsedTimeFormatter dateFormatter_{""};
     std::shared_ptr<EventReceiver> receiver_;
 };

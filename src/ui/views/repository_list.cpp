@@ -320,8 +320,12 @@ void RepositoryList::handleEvent(const Event& event) {
             model_->remove(*row);
             updateStatus();
         }
-    } else if (const auto* selected = std::get_if<event::RepositorySelected>(&event)) {
-        selectRow(selected->url ? model_->rowOf(*selected->url) : std::nullopt);
+    } else if (std::holds_alternative<event::RepositorySelected>(event)) {
+        // The selection as it is now, not as the event says it was: when two selections are made
+        // before their events arrive, following the first would select it again, and the row
+        // and the state would chase each other for ever.
+        const auto& current = state_.selectedRepository();
+        selectRow(current->id().empty() ? std::nullopt : model_->rowOf(current->url()));
     } else if (std::holds_alternative<event::RepositoriesModified>(event)) {
         std::vector<std::string> shown;
         for (const auto& repository : model_->repositories())
