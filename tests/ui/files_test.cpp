@@ -98,6 +98,15 @@ TEST_F(FilesTest, DirectoriesListFromTheCacheOrAsPlaceholdersAndRememberTheWayBa
     EXPECT_EQ(browser.model().items()[0].kind, FileKind::loading);
     EXPECT_EQ(names(browser), (QStringList{QString(10, QChar(0x2588))}));
     EXPECT_EQ(info(browser, 0), "");
+    // Once someone else has fetched it, the placeholders fill in.
+    bool failed = false;  // a read after the browser's, failing as it did
+    loader.load(tools, src.id(), [&](const auto& object, const auto&) { failed = !object; });
+    ASSERT_TRUE(waitFor([&] { return failed; }));
+    state().store().putObject(src);
+    ASSERT_TRUE(waitFor([&] {
+        state().send(event::ObjectsLoaded{{src.id()}});
+        return names(browser) == QStringList{"lib.cpp"};
+    }));
 
     browser.back();  // to the directory as it was left
     ASSERT_TRUE(waitFor([&] { return names(browser).contains("beta.cpp"); }));

@@ -129,10 +129,10 @@ TEST_F(HistoryTest, TheHistoryFillsInAndMovesTheHeadFromEveryPlace) {
     branches.tableView()->setCurrentIndex(branches.model()->index(1, 0));
     {
         Repository::ContentUpdate update(*tools);
-        Object next(ObjectType::commit,
-                    toBytes("tree " + update.content().commits.find(ids.back())->tree +
-                            "\nparent " + ids.back() +
-                            "\nauthor A <a@b> 1 +0000\ncommitter A <a@b> 1 +0000\n\nNext\n"));
+        Object next(
+            ObjectType::commit,
+            toBytes("tree " + update.content().commits.find(ids.back())->tree + "\nparent " +
+                    ids.back() + "\nauthor A <a@b> 1 +0000\ncommitter A <a@b> 1 +0000\n\nNext\n"));
         summarise(next, update.content());
         update.content().refs["refs/heads/main"] = next.id();
         state().backend().saveRepository(tools, update);

@@ -2,6 +2,8 @@
 
 #include <QMimeDatabase>
 #include <array>
+#include <mutex>
+#include <unordered_map>
 
 #include "ui/core/icons.h"
 
@@ -17,14 +19,35 @@ bool inheritsAny(const QMimeType& type, std::initializer_list<const char*> names
 }
 
 QIcon themedFileKindIcon(FileKind kind);
+FileKind kindOfExtension(const QString& extension);
 
 }  // namespace
 
 FileKind fileKindOf(const QString& name, bool isDirectory) {
     if (isDirectory) return FileKind::directory;
     if (!name.contains(QLatin1Char('.')) || name.endsWith(QLatin1Char('.'))) return FileKind::text;
+    // One lookup per extension: the database's glob matching costs microseconds a name, which a
+    // directory of ten thousand files would pay again on every listing.
+    static std::mutex mutex;
+    static std::unordered_map<QString, FileKind> byExtension;
+    QString extension = name.section(QLatin1Char('.'), -1).toLower();
+    {
+        std::lock_guard lock(mutex);
+        if (auto known = byExtension.find(extension); known != byExtension.end())
+            return known->second;
+    }
+    FileKind kind = kindOfExtension(extension);
+    std::lock_guard lock(mutex);
+    byExtension.emplace(extension, kind);
+    return kind;
+}
+
+namespace {
+
+FileKind kindOfExtension(const QString& extension) {
     static const QMimeDatabase database;
-    QMimeType type = database.mimeTypeForFile(name, QMimeDatabase::MatchExtension);
+    QMimeType type = database.mimeTypeForFile(QStringLiteral("file.") + extension,
+                                              QMimeDatabase::MatchExtension);
     if (!type.isValid() || type.isDefault()) return FileKind::text;  // unknown: shown as text
     if (type.inherits(QStringLiteral("application/pdf"))) return FileKind::pdf;
     QString top = type.name().section(QLatin1Char('/'), 0, 0);
@@ -46,6 +69,8 @@ FileKind fileKindOf(const QString& name, bool isDirectory) {
         return FileKind::code;
     return FileKind::binary;
 }
+
+}  // namespace
 
 QIcon fileKindIcon(FileKind kind) {
     // Looked up once per kind: a theme lookup for every row drawn would cost milliseconds.

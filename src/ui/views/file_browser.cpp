@@ -389,15 +389,19 @@ void FileBrowser::showListing(ViewPlace place) {
         repository, tree,
         [this, generation, content, place](const std::optional<Object>& object,
                                            const std::string&) -> std::function<void()> {
-            if (!object) return [] {};  // placeholders stay
             std::vector<FileItem> items;
+            bool read = false;
             try {
-                items = listingOf(*object);
+                if (object) {
+                    items = listingOf(*object);
+                    read = true;
+                }
             } catch (const std::exception&) {
-                return [] {};
             }
-            return [this, generation, content, place, items = std::move(items)]() mutable {
+            return [this, generation, content, place, read, items = std::move(items)]() mutable {
                 if (generation != generation_) return;
+                listingUnderWay_ = false;
+                if (!read) return;  // placeholders stay
                 model_->reset(std::move(items), content);
                 restorePlace(*tableView_, place, FileListModel::nameRole);
                 showReadme(model_->items());
