@@ -1,7 +1,8 @@
 // Browsing a large repository in the window: how long from choosing it until the Commits tab
 // shows its first screenful of commits (target: under 300 ms), until the Files tab shows a
 // directory of 10,000 entries (under 100 ms), and until a 1 MB source file is shown highlighted
-// in the preview (under 200 ms). Each is measured to the repaint of the window that follows.
+// in the preview (under 200 ms). Each is measured to the repaint of the window that follows;
+// "first" is the first time in the process, "median" the median of the six after it.
 //
 // usage: browse_bench REPOSITORY   (run by bench/browse_bench.sh, which fills the store)
 //
@@ -218,6 +219,13 @@ int main(int argc, char** argv) {
     // Files: from choosing "wide" on the Files tab until its 10,000 names are listed.
     tabs->setCurrentIndex(static_cast<int>(Repository::View::files));
     std::vector<double> listingRuns;
+    // The first choice of a large history starts a scan of its objects for the fetcher (about a
+    // second of one core at a lower priority); measured once that is over, as the other two are.
+    {
+        QElapsedTimer idle;
+        idle.start();
+        waitFor([&] { return idle.elapsed() > 3000; });
+    }
     for (int run = 0; run < kRuns; ++run) {
         state.selectRepository(history->url());
         waitFor([&] { return files->model().rowCount() != kWideEntries; });
@@ -227,9 +235,8 @@ int main(int argc, char** argv) {
         if (!waitFor([&] {
                 return files->model().rowCount() == kWideEntries &&
                        files->model().items()[0].kind != ui::FileKind::loading;
-            })) {
-            return 1;
-        }
+            }))
+            return fail("the directory was never listed");
         window.repaint();
         listingRuns.push_back(milliseconds(timer));
     }

@@ -1,5 +1,8 @@
 #include "app/app_state.h"
 
+#include <sys/resource.h>
+#include <unistd.h>
+
 #include <algorithm>
 
 #include "app/error_description.h"
@@ -96,6 +99,11 @@ void AppState::selectRepository(const std::optional<std::string>& url) {
 }
 
 void AppState::prefetch(const std::shared_ptr<Repository>& repository, std::uint64_t selection) {
+    // Work done ahead of need, on a machine that may have two cores: it yields to the threads
+    // that answer the window and the clients.
+    static thread_local bool lowered =
+        (::setpriority(PRIO_PROCESS, static_cast<id_t>(::gettid()), 10), true);
+    (void)lowered;
     if (selection != selections_) return;  // another repository was chosen since
     auto content = repository->content();
     auto& known = prefetched_[repository->url()];
