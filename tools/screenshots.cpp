@@ -355,6 +355,9 @@ int main(int argc, char** argv) {
     };
     for (const auto& [view, name] : tabs) {
         info->tabView()->setCurrentIndex(static_cast<int>(view));
+        // Its first frame, drawn before any commit is read: every row a placeholder.
+        if (view == Repository::View::commits)
+            save(window.grab().toImage(), QStringLiteral("commits-placeholders"));
         settle(400);
         save(window.grab().toImage(), QString::fromLatin1(name));
     }
