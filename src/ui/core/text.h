@@ -1,10 +1,13 @@
-// Conversions at the edge between the model's UTF-8 text and Qt's strings, and the counted
-// words the views show ("1 Commit", "12 Commits").
+// Conversions at the edge between the model's UTF-8 text and bytes and Qt's strings and byte
+// arrays, and the counted words the views show ("1 Commit", "12 Commits").
 #pragma once
 
+#include <QByteArray>
 #include <QString>
 #include <string>
 #include <string_view>
+
+#include "base/bytes.h"
 
 namespace corvane::ui {
 
@@ -14,6 +17,11 @@ inline QString toQString(std::string_view text) {
 
 inline std::string toStdString(const QString& text) {
     return text.toStdString();
+}
+
+// An object's contents as Qt takes them (a copy).
+inline QByteArray toQByteArray(const Bytes& bytes) {
+    return {reinterpret_cast<const char*>(bytes.data()), static_cast<qsizetype>(bytes.size())};
 }
 
 // The count in decimal, a space, and the singular for exactly 1, the plural otherwise.

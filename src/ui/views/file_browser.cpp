@@ -422,9 +422,7 @@ void FileBrowser::showReadme(const std::vector<FileItem>& items) {
         [this, generation, name = readme->name](const std::optional<Object>& object,
                                                 const std::string&) {
             if (generation != generation_ || !object) return;
-            QByteArray bytes(reinterpret_cast<const char*>(object->data().data()),
-                             static_cast<qsizetype>(object->data().size()));
-            PreviewContent content = previewContentOf(name, bytes);
+            PreviewContent content = previewContentOf(name, toQByteArray(object->data()));
             if (content.kind == PreviewKind::binary) return;
             if (content.kind == PreviewKind::markdown)
                 readmeView_->showMarkdown(content.shown);

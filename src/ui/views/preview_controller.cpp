@@ -182,8 +182,7 @@ void PreviewController::fail(const QString& reason) {
 }
 
 void PreviewController::show(const Object& blob) {
-    QByteArray bytes(reinterpret_cast<const char*>(blob.data().data()),
-                     static_cast<qsizetype>(blob.data().size()));
+    QByteArray bytes = toQByteArray(blob.data());
     content_ = previewContentOf(filename_, bytes);
     status_ = Status::shown;
     QWidget* view = nullptr;
@@ -241,6 +240,13 @@ void PreviewController::show(const Object& blob) {
                 .arg(formattedSize(bytes.size()), formattedSize(content_.shown.size())));
         noticeField_->show();
     }
+    addContent(view);
+}
+
+void PreviewController::addContent(QWidget* view) {
+    view->installEventFilter(this);
+    for (auto* child : view->findChildren<QWidget*>())
+        child->installEventFilter(this);
     stack_->addWidget(view);
     stack_->setCurrentWidget(view);
 }
@@ -300,8 +306,7 @@ void PreviewController::showMedia(const QByteArray& bytes) {
     layout->setContentsMargins(0, 0, 0, 0);
     layout->addWidget(video, 1);
     layout->addLayout(controls);
-    stack_->addWidget(view);
-    stack_->setCurrentWidget(view);
+    addContent(view);
     player_->setSource(QUrl::fromLocalFile(tempFiles_.back()));
     player_->play();
 }
@@ -311,19 +316,36 @@ void PreviewController::showSource(bool source) {
     if (source && !codeView_) {
         codeView_ = new CodeView(this);
         codeView_->showText(content_.shown, filename_);
-        stack_->addWidget(codeView_);
+        addContent(codeView_);
     }
     stack_->setCurrentWidget(source ? static_cast<QWidget*>(codeView_) : markdownView_);
 }
 
+namespace {
+
+// Space closes as it opened, as Escape does.
+bool closesPreview(const QKeyEvent& key) {
+    return key.key() == Qt::Key_Escape ||
+           (key.key() == Qt::Key_Space && key.modifiers() == Qt::NoModifier);
+}
+
+}  // namespace
+
 void PreviewController::keyPressEvent(QKeyEvent* event) {
-    // Space closes as it opened, as Escape does.
-    if (event->key() == Qt::Key_Escape ||
-        (event->key() == Qt::Key_Space && event->modifiers() == Qt::NoModifier)) {
+    if (closesPreview(*event)) {
         emit closeRequested();
         return;
     }
     QWidget::keyPressEvent(event);
+}
+
+bool PreviewController::eventFilter(QObject* watched, QEvent* event) {
+    // The views that take the focus (code, Markdown, hex) would keep these keys to themselves.
+    if (event->type() == QEvent::KeyPress && closesPreview(*static_cast<QKeyEvent*>(event))) {
+        emit closeRequested();
+        return true;
+    }
+    return QWidget::eventFilter(watched, event);
 }
 
 }  // namespace corvane::ui

@@ -65,8 +65,10 @@ class PreviewController : public QWidget {
 
   protected:
     void keyPressEvent(QKeyEvent* event) override;
+    bool eventFilter(QObject* watched, QEvent* event) override;
 
   private:
+    void addContent(QWidget* view);  // shown now, and its keys watched
     void show(const Object& blob);
     void fail(const QString& reason);
     void showMedia(const QByteArray& data);
