@@ -5,7 +5,8 @@ set -euo pipefail
 
 packages=(
   cmake ninja-build g++ pkg-config git
-  zlib1g-dev libdeflate-dev libssl-dev rapidjson-dev libsqlite3-dev
+  zlib1g-dev libdeflate-dev libssl-dev rapidjson-dev libsqlite3-dev libpq-dev
+  postgresql-15
   libgtest-dev libgmock-dev libbenchmark-dev
   clang clang-format libclang-rt-14-dev ccache
   qt6-base-dev qt6-svg-dev qt6-multimedia-dev libqscintilla2-qt6-dev qt6-qpa-plugins fonts-dejavu-core

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Builds Corvane and runs every test: in a normal build (with each fuzz target's seed corpus),
+# Builds Corvane and runs every test: in a normal build (with each fuzz target's seed corpus, and
+# the cloud suite a second time on a PostgreSQL 15 server it starts for the run),
 # the cloud, storage, server and application tests under ThreadSanitizer, each fuzz target
 # briefly, and everything again under AddressSanitizer + UndefinedBehaviorSanitizer (last, so
 # the closing line is CTest's count). Installs what it needs first.
@@ -25,6 +26,11 @@ run_suite() {
   cmake --build "$dir" -j "$jobs"
   ctest --test-dir "$dir" --output-on-failure -j "$jobs" --timeout 600
 }
+
+# The team store's tests run against a real PostgreSQL server of their own.
+source scripts/postgres.sh
+start_postgres
+trap stop_postgres EXIT
 
 echo "== desktop entry"
 desktop-file-validate desktop/org.corvane.Corvane.desktop

@@ -85,10 +85,11 @@ void AssetStore::collect(const std::set<std::string>& hashes) {
 
 StorageUsage AssetStore::usage() {
     StorageUsage usage;
-    connection_.execute("SELECT COUNT(*), SUM(size) FROM assets", {}, [&](const SqlRow& row) {
-        usage.assetCount = row.integer(0);
-        usage.assetBytes = row.integer(1);
-    });
+    connection_.execute("SELECT COUNT(*), CAST(SUM(size) AS BIGINT) FROM assets", {},
+                        [&](const SqlRow& row) {
+                            usage.assetCount = row.integer(0);
+                            usage.assetBytes = row.integer(1);
+                        });
     return usage;
 }
 

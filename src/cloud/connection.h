@@ -61,6 +61,11 @@ class Connection {
     virtual void rollback() noexcept = 0;
     // Hands pages freed by deletions back to the file system, where the engine keeps them.
     virtual void releaseFreeSpace() = 0;
+    // Shows the server the token of a share link for the rest of the transaction: an engine
+    // that enforces access itself admits the share's invited people to its zone by it.
+    virtual void presentShareToken(std::string_view /*token*/) {}
+    // True once the connection can no longer be used (the server went away); the pool drops it.
+    virtual bool broken() const { return false; }
 
   protected:
     virtual std::int64_t run(std::string_view sql, std::span<const SqlParam> params,

@@ -17,6 +17,8 @@ ConnectionPool::Lease ConnectionPool::acquire() {
 void ConnectionPool::giveBack(std::unique_ptr<Connection> connection) {
     // A lease may end while an exception unwinds through a transaction; never reuse one open.
     connection->rollback();
+    // A connection the server dropped is replaced by a fresh one on the next acquire.
+    if (connection->broken()) return;
     std::lock_guard lock(mutex_);
     if (idle_.size() < kMaxIdle) idle_.push_back(std::move(connection));
 }

@@ -3,6 +3,7 @@
 #include "cloud/asset_store.h"
 #include "cloud/cloud_location.h"
 #include "cloud/error_codes.h"
+#include "cloud/postgres_connection.h"
 #include "cloud/schema.h"
 #include "cloud/session.h"
 #include "cloud/share_access.h"
@@ -19,14 +20,26 @@ std::unique_ptr<Container> Container::open(const std::filesystem::path& database
         options);
 }
 
+std::unique_ptr<Container> Container::connect(const std::string& serverAddress,
+                                              const ContainerOptions& options) {
+    return open([serverAddress] { return PostgresConnection::open(serverAddress); }, options);
+}
+
 std::unique_ptr<Container> Container::open(ConnectionFactory connect,
                                            const ContainerOptions& options) {
     auto session =
         std::make_unique<Session>(std::move(connect), AssetCache(options.assetCacheDirectory));
     {
         auto connection = session->pool.acquire();
-        prepareSchema(*connection);
-        session->account = openAccount(*connection, options.account);
+        if (connection->dialect() == SqlDialect::postgresql) {
+            // A team store's people neither change its layout nor choose who they are: the
+            // login is the identity.
+            checkSchema(*connection);
+            session->account = openRoleAccount(*connection);
+        } else {
+            prepareSchema(*connection);
+            session->account = openAccount(*connection, options.account);
+        }
     }
     session->assetCache.sweep();
     return std::make_unique<Container>(Key{}, std::move(session));
@@ -63,7 +76,8 @@ StorageUsage Container::storageUsage() {
 std::unique_ptr<Container> openContainer() {
     auto location = cloudLocation();
     if (location.serverAddress)
-        throw CloudError(kBadContainer, "PostgreSQL cloud databases are not supported yet");
+        return Container::connect(*location.serverAddress,
+                                  ContainerOptions{location.assetCacheDirectory, AccountChoice{}});
     return Container::open(location.databaseFile,
                            ContainerOptions{location.assetCacheDirectory, AccountChoice{}});
 }

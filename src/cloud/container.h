@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <memory>
 #include <optional>
+#include <string>
 #include <string_view>
 
 #include "cloud/account.h"
@@ -32,6 +33,10 @@ class Container {
     // The embedded engine: one SQLite file, created when missing.
     static std::unique_ptr<Container> open(const std::filesystem::path& databaseFile,
                                            const ContainerOptions& options);
+    // A team store on a PostgreSQL server (any libpq connection string or URI), as the role it
+    // logs in with.
+    static std::unique_ptr<Container> connect(const std::string& serverAddress,
+                                              const ContainerOptions& options);
     // Any engine: `connect` makes a connection whenever a thread needs one more.
     static std::unique_ptr<Container> open(ConnectionFactory connect,
                                            const ContainerOptions& options);
@@ -71,7 +76,7 @@ class Container {
 // The container this process uses, chosen by the environment: CORVANE_CLOUD holding a path
 // names the SQLite file, otherwise $XDG_DATA_HOME/corvane/cloud.sqlite (or
 // ~/.local/share/corvane/cloud.sqlite); fetched assets go to $XDG_CACHE_HOME/corvane/Assets (or
-// ~/.cache/corvane/Assets). A postgresql:// address fails with code 5 for now.
+// ~/.cache/corvane/Assets). A postgresql:// or postgres:// address names a team store.
 std::unique_ptr<Container> openContainer();
 
 }  // namespace corvane::cloud

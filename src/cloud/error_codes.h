@@ -6,6 +6,8 @@ namespace corvane::cloud {
 
 inline constexpr int kInternalError = 1;
 inline constexpr int kPartialFailure = 2;
+inline constexpr int kNetworkUnavailable = 3;
+inline constexpr int kNetworkFailure = 4;
 inline constexpr int kBadContainer = 5;
 inline constexpr int kServiceUnavailable = 6;
 inline constexpr int kNotAuthenticated = 9;

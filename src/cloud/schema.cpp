@@ -47,8 +47,15 @@ const std::vector<std::string> kVersion1 = {
     "CREATE INDEX participants_by_account ON participants (account_id)",
 };
 
+// Version 2: an account may be a role of the database server, whose login is the identity
+// (team stores); role_name is NULL in the embedded file.
+const std::vector<std::string> kVersion2 = {
+    "ALTER TABLE accounts ADD COLUMN role_name TEXT",
+    "CREATE UNIQUE INDEX accounts_by_role ON accounts (role_name)",
+};
+
 // Step n brings a database from version n - 1 to n.
-const std::vector<const std::vector<std::string>*> kSteps = {&kVersion1};
+const std::vector<const std::vector<std::string>*> kSteps = {&kVersion1, &kVersion2};
 
 std::string forDialect(const std::string& statement, SqlDialect dialect) {
     bool sqlite = dialect == SqlDialect::sqlite;
@@ -78,6 +85,20 @@ void checkNotNewer(std::int64_t version) {
 }
 
 }  // namespace
+
+void checkSchema(Connection& connection) {
+    std::int64_t version = 0;
+    try {
+        version = storedVersion(connection);
+    } catch (const CloudError&) {
+        // No settings table: nobody set this database up.
+    }
+    checkNotNewer(version);
+    if (version < kSchemaVersion)
+        throw CloudError(kBadContainer,
+                         "The cloud database is not set up for this version of Corvane; its "
+                         "administrator runs \"corvane store init\" on it");
+}
 
 void prepareSchema(Connection& connection) {
     // A no-op, without a write lock, once the table exists.

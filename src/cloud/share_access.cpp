@@ -90,6 +90,7 @@ ShareMetadata fetchShareMetadata(Session& session, std::string_view url,
     auto token = tokenOf(url);
     auto connection = session.pool.acquire();
     Transaction transaction(*connection, TransactionMode::read);
+    connection->presentShareToken(token);
     auto zone = locate(*connection, token);
     auto place = placeOf(*connection, session.account, zone);
     auto owner = findAccountById(*connection, zone.ownerId);
@@ -125,6 +126,7 @@ void acceptShare(Session& session, const ShareMetadata& metadata) {
     auto token = tokenOf(*metadata.share.share->url);
     auto connection = session.pool.acquire();
     Transaction transaction(*connection, TransactionMode::write);
+    connection->presentShareToken(token);
     auto zone = locate(*connection, token);
     auto place = placeOf(*connection, session.account, zone);
     if (place.position) {

@@ -124,7 +124,7 @@ TEST_F(AssetTest, DeletingAZoneFreesItsContentsButNotSharedOnes) {
     auto fetched = fetchOne(database(), shared.recordId);
     EXPECT_EQ(testing::readFile(*fetched.record->get<Asset>("x")->fileURL), "object 3");
 
-    auto connection = SqliteConnection::open(databaseFile());
+    auto connection = adminConnection();
     EXPECT_EQ(queryInteger(*connection, "SELECT COUNT(*) FROM asset_chunks", {}), 1);
 }
 
@@ -138,7 +138,7 @@ TEST_F(AssetTest, LargeContentsTravelInPiecesAndComeBackWhole) {
     // Too large to stay in memory between hashing and storing: read from its range twice.
     record.set("framed", Asset{file("framed", "<" + big + "!>"), ByteRange{1, big.size() + 1}});
     saveOne(database(), record);
-    auto connection = SqliteConnection::open(databaseFile());
+    auto connection = adminConnection();
     EXPECT_EQ(queryInteger(*connection, "SELECT COUNT(*) FROM asset_chunks", {}), 8);
 
     auto fetched = fetchOne(database(), record.recordId);
@@ -174,7 +174,7 @@ TEST_F(AssetTest, DamagedStoredBytesAreAnErrorNotAWrongFile) {
     record.set("x", Asset{file("f", "precious")});
     saveOne(database(), record);
     {
-        auto connection = SqliteConnection::open(databaseFile());
+        auto connection = adminConnection();
         connection->execute("UPDATE asset_chunks SET data = ?", {ByteView(toBytes("precioux"))});
     }
     auto result = fetchOne(database(), record.recordId);
@@ -213,7 +213,7 @@ TEST_F(AssetTest, AFileThatChangesWhileSavedIsRefused) {
     auto path = file("moving", std::string(300 << 10, 'b'));
     int countdown = 1000000;
     auto faulty = Container::open(
-        testing::faultyFactory(databaseFile(), countdown,
+        testing::faultyFactory(factoryFor("ann@example.com"), countdown,
                                [&] { testing::writeFile(path, "after, and longer"); }),
         optionsFor("ann@example.com"));
     countdown = 1;  // the save's first step is the start of its transaction
@@ -232,7 +232,7 @@ TEST_F(AssetTest, AFileThatChangesWhileSavedIsRefused) {
     EXPECT_EQ(container->storageUsage().assetCount, 1);
     auto steady = fetchOne(database(), other.recordId);
     EXPECT_EQ(testing::readFile(*steady.record->get<Asset>("x")->fileURL), "steady bytes");
-    auto connection = SqliteConnection::open(databaseFile());
+    auto connection = adminConnection();
     EXPECT_EQ(queryInteger(*connection, "SELECT COUNT(*) FROM asset_chunks", {}), 1);
 
     // Saved again, the file is taken as it is now.

@@ -1,12 +1,17 @@
 // Helpers of the cloud tests: a fresh temporary folder per test with the environment pointed at
 // it, containers opened as named accounts, small files to attach as assets, and a connection
-// that fails (or kills its process) at a chosen statement.
+// that fails (or kills its process) at a chosen statement. The suite runs on either engine: the
+// embedded SQLite file, or, with CORVANE_TEST_ENGINE=postgresql, a team store of its own on the
+// server that CORVANE_TEST_POSTGRES names (scripts/test.sh starts one), with one database role
+// per account.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <unistd.h>
 
+#include <cctype>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -17,7 +22,9 @@
 #include "base/error.h"
 #include "cloud/container.h"
 #include "cloud/error_codes.h"
+#include "cloud/postgres_connection.h"
 #include "cloud/sqlite_connection.h"
+#include "cloud/team_store.h"
 #include "support/process.h"
 
 namespace corvane::cloud::testing {
@@ -35,7 +42,22 @@ inline void writeFile(const std::filesystem::path& path, const std::string& cont
     out << content;
 }
 
-// Every test runs against its own folder; nothing of the machine's own store is touched.
+inline bool onPostgres() {
+    const char* engine = std::getenv("CORVANE_TEST_ENGINE");
+    return engine && std::string_view(engine) == "postgresql";
+}
+
+// A database role name for the address: its letters and digits, the rest as "_".
+inline std::string roleFor(const std::string& email) {
+    std::string role = "t_";
+    for (char c : email)
+        role +=
+            std::isalnum(static_cast<unsigned char>(c)) ? static_cast<char>(std::tolower(c)) : '_';
+    return role;
+}
+
+// Every test runs against its own folder (and its own database on a server); nothing of the
+// machine's own store is touched.
 class CloudTest : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -44,6 +66,46 @@ class CloudTest : public ::testing::Test {
         ::setenv("CORVANE_CLOUD", databaseFile().c_str(), 1);
         ::setenv("GIT_CONFIG_GLOBAL", (root_ / "gitconfig").c_str(), 1);
         ::setenv("GIT_CONFIG_NOSYSTEM", "1", 1);
+        if (!onPostgres()) return;
+        const char* server = std::getenv("CORVANE_TEST_POSTGRES");
+        if (!server) GTEST_SKIP() << "no PostgreSQL server: scripts/test.sh starts one";
+        server_ = server;
+        static int counter = 0;
+        databaseName_ =
+            "corvane_test_" + std::to_string(::getpid()) + "_" + std::to_string(++counter);
+        PostgresConnection::open(server_)->execute("CREATE DATABASE " + databaseName_);
+        initTeamStore(*adminConnection());
+    }
+
+    void TearDown() override {
+        if (databaseName_.empty()) return;
+        PostgresConnection::open(server_)->execute("DROP DATABASE " + databaseName_ +
+                                                   " WITH (FORCE)");
+    }
+
+    // A connection that sees every row: the file itself, or the server's administrator.
+    std::unique_ptr<Connection> adminConnection() const {
+        if (!onPostgres()) return SqliteConnection::open(databaseFile());
+        return PostgresConnection::open(server_ + " dbname=" + databaseName_);
+    }
+
+    // How the account with this address connects: to the file, or as its own role (made a
+    // person of the store on first use).
+    ConnectionFactory factoryFor(const std::string& email) const {
+        if (!onPostgres()) {
+            auto file = databaseFile();
+            return [file] { return SqliteConnection::open(file); };
+        }
+        auto role = roleFor(email);
+        addPerson(*adminConnection(),
+                  NewPerson{role, email, email.substr(0, email.find('@')) + " Tester"});
+        auto address = roleAddress(role);
+        return [address] { return PostgresConnection::open(address); };
+    }
+
+    // The store's server as the role logs in to it (team stores only).
+    std::string roleAddress(const std::string& role) const {
+        return server_ + " dbname=" + databaseName_ + " user=" + role;
     }
 
     std::filesystem::path databaseFile() const { return root_ / "data" / "cloud.sqlite"; }
@@ -60,7 +122,7 @@ class CloudTest : public ::testing::Test {
     }
 
     std::unique_ptr<Container> openAs(const std::string& email) const {
-        return Container::open(databaseFile(), optionsFor(email));
+        return Container::open(factoryFor(email), optionsFor(email));
     }
 
     // A file holding `content`, to attach as an asset.
@@ -73,7 +135,13 @@ class CloudTest : public ::testing::Test {
   private:
     corvane::testing::TempDir tempDir_;
     const std::filesystem::path root_{tempDir_.path()};
+    std::string server_;
+    std::string databaseName_;
 };
+
+// For the cases that are about the embedded file itself.
+#define SKIP_ON_POSTGRES() \
+    if (onPostgres()) GTEST_SKIP() << "about the embedded SQLite file only"
 
 inline Record makeRecord(const std::string& type, const std::string& name, const ZoneId& zone) {
     return Record(type, RecordId{name, zone});
@@ -150,6 +218,12 @@ inline ConnectionFactory faultyFactory(const std::filesystem::path& file, int& c
                                        FaultAction fault) {
     return [file, &countdown, fault]() -> std::unique_ptr<Connection> {
         return std::make_unique<FaultyConnection>(SqliteConnection::open(file), countdown, fault);
+    };
+}
+
+inline ConnectionFactory faultyFactory(ConnectionFactory inner, int& countdown, FaultAction fault) {
+    return [inner, &countdown, fault]() -> std::unique_ptr<Connection> {
+        return std::make_unique<FaultyConnection>(inner(), countdown, fault);
     };
 }
 

@@ -30,15 +30,19 @@ TEST_F(LocationTest, WithoutItTheDataFolderHoldsTheFile) {
     EXPECT_EQ(location.assetCacheDirectory, folder() / ".cache/corvane/Assets");
 }
 
-TEST_F(LocationTest, APostgresAddressIsNotSupportedYet) {
+TEST_F(LocationTest, APostgresAddressNamesATeamStore) {
     ::setenv("CORVANE_CLOUD", "postgresql://corvane@db.example.com/corvane", 1);
     EXPECT_EQ(cloudLocation().serverAddress, "postgresql://corvane@db.example.com/corvane");
+    // A server nobody runs: the network's error, not a file named like the address.
+    auto nowhere = "postgres:///corvane?host=" + (folder() / "no-server").string();
+    ::setenv("CORVANE_CLOUD", nowhere.c_str(), 1);
     try {
         openContainer();
         FAIL();
     } catch (const CloudError& error) {
-        EXPECT_EQ(error.code(), kBadContainer);
+        EXPECT_EQ(error.code(), kNetworkUnavailable) << error.what();
     }
+    EXPECT_FALSE(std::filesystem::exists(nowhere));
 }
 
 TEST_F(LocationTest, OpenContainerCreatesTheFileAndItsFolders) {

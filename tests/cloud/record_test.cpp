@@ -184,9 +184,9 @@ TEST_F(RecordTest, AnAtomicSaveThatFailsHalfWayLeavesNothing) {
     bool succeeded = false;
     for (int failAt = 1; !succeeded && failAt < 400; ++failAt) {
         int countdown = failAt + 1000000;  // opening the container is not under test
-        auto faulty = Container::open(
-            testing::faultyFactory(databaseFile(), countdown, testing::failStatement),
-            optionsFor("ann@example.com"));
+        auto faulty = Container::open(testing::faultyFactory(factoryFor("ann@example.com"),
+                                                             countdown, testing::failStatement),
+                                      optionsFor("ann@example.com"));
         countdown = failAt;
         try {
             saveAll(faulty->privateCloudDatabase(), records);
@@ -332,7 +332,7 @@ TEST_F(RecordTest, ADamagedStoredRecordIsAnErrorForThatRecordOnly) {
     saveOne(database(), makeRecord("t", "good", kZone));
     saveOne(database(), makeRecord("t", "bad", kZone));
     {
-        auto connection = SqliteConnection::open(databaseFile());
+        auto connection = adminConnection();
         Bytes garbage{1, 200, 0, 0, 0};
         connection->execute("UPDATE records SET fields = ? WHERE name = 'bad'",
                             {ByteView(garbage)});

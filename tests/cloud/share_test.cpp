@@ -1,7 +1,9 @@
-// Sharing a zone between accounts of one file: invitation by e-mail, opening the URL,
+// Sharing a zone between accounts of one store: invitation by e-mail, opening the URL,
 // accepting, working in the shared database, and what everyone else sees.
 #include <gtest/gtest.h>
 
+#include "base/bytes.h"
+#include "cloud/asset_file.h"
 #include "cloud/partial_failure.h"
 #include "cloud_test_support.h"
 
@@ -309,6 +311,100 @@ TEST_F(ShareTest, AZoneHasOneShareAndAShareChangesOnlyWithItsTag) {
     EXPECT_EQ(saved.share->url, share.share->url);  // the link stays valid
     share.share->title = "stale";
     EXPECT_THROW(saveOne(owner->privateCloudDatabase(), share), PartialFailure);
+}
+
+// On a team store the server itself keeps people out: a person who writes SQL of their own
+// reaches nothing of a zone that was not shared with them, a share link is the only way in,
+// and a removed participant is out at once.
+TEST_F(ShareTest, OnATeamStoreTheServerKeepsOutWhoeverWasNotLetIn) {
+    if (!testing::onPostgres()) GTEST_SKIP() << "a team store is PostgreSQL";
+    auto url = *createShared().share->url;
+    auto token = url.substr(url.find("share/") + 6, url.find('#') - url.find("share/") - 6);
+    Record pack("pack", RecordId{"abc", kZone});
+    pack.set("data", Asset{file("pack", "pack bytes")});
+    saveOne(owner->privateCloudDatabase(), pack);
+    invite("gus@example.com");
+
+    auto visible = [&](Connection& sql) {
+        std::int64_t rows = 0;
+        for (auto table :
+             {"zones", "records", "shares", "participants", "asset_refs", "asset_chunks"})
+            rows += *queryInteger(sql, std::string("SELECT COUNT(*) FROM ") + table, {});
+        return rows;
+    };
+    auto sam = PostgresConnection::open(roleAddress(testing::roleFor("sam@example.com")));
+    auto gus = PostgresConnection::open(roleAddress(testing::roleFor("Gus@Example.com")));
+    EXPECT_EQ(visible(*sam), 0);
+    EXPECT_EQ(visible(*gus), 0);  // invited, but showing no link
+    auto zoneId = *queryInteger(*adminConnection(), "SELECT id FROM zones", {});
+    try {
+        sam->execute(
+            "INSERT INTO records (zone_id, name, type, fields, change_tag, created, "
+            "modified) VALUES (?, 'x', 'pack', '', 't', 0, 0)",
+            {zoneId});
+        FAIL() << "wrote into a zone of someone else";
+    } catch (const CloudError& error) {
+        EXPECT_EQ(error.code(), kPermissionFailure) << error.what();
+    }
+    EXPECT_EQ(sam->execute("UPDATE participants SET status = 2, account_id = NULL"), 0);
+    EXPECT_EQ(sam->execute("DELETE FROM assets"), 0);  // contents in use stay
+
+    {
+        // The link shows the invited person the share, and nobody else anything.
+        Transaction reading(*gus, TransactionMode::read);
+        gus->presentShareToken(token);
+        EXPECT_EQ(*queryInteger(*gus, "SELECT COUNT(*) FROM shares", {}), 1);
+        EXPECT_EQ(*queryInteger(*gus, "SELECT COUNT(*) FROM participants", {}), 2);
+    }
+    {
+        Transaction reading(*sam, TransactionMode::read);
+        sam->presentShareToken(token);
+        EXPECT_EQ(visible(*sam), 0);
+    }
+    guest->acceptShare(guest->fetchShareMetadata(url, false));
+    EXPECT_EQ(*queryInteger(*gus, "SELECT COUNT(*) FROM asset_chunks", {}), 1);
+    EXPECT_EQ(visible(*sam), 0);
+
+    auto share = *fetchOne(owner->privateCloudDatabase(), kShareId).record;
+    ASSERT_TRUE(share.share->removeParticipant(share.share->participants[1]));
+    saveOne(owner->privateCloudDatabase(), share);
+    EXPECT_EQ(visible(*gus), 0);
+    EXPECT_EQ(gus->execute("UPDATE participants SET status = 2"), 0);
+}
+
+// Contents are shared between zones by name, so the server checks that the bytes stored under a
+// name are the bytes that name, and that nobody adds pieces to a content someone else stored.
+TEST_F(ShareTest, OnATeamStoreNobodyPlantsBytesUnderAContentsName) {
+    if (!testing::onPostgres()) GTEST_SKIP() << "a team store is PostgreSQL";
+    auto sam = PostgresConnection::open(roleAddress(testing::roleFor("sam@example.com")));
+    auto hashOfPrecious = digestAsset(Asset{file("f", "precious")}).hash;
+    auto plant = [&](std::string_view hash, std::string_view bytes, bool withContent) {
+        Transaction transaction(*sam, TransactionMode::write);
+        sam->execute("INSERT INTO asset_chunks (hash, seq, data) VALUES (?, 0, ?)",
+                     {hash, ByteView(toBytes(bytes))});
+        if (withContent)
+            sam->execute("INSERT INTO assets (hash, size) VALUES (?, ?)",
+                         {hash, static_cast<std::int64_t>(bytes.size())});
+        transaction.commit();
+    };
+    EXPECT_THROW(plant(hashOfPrecious, "precioux", true), CloudError);
+    EXPECT_THROW(plant(hashOfPrecious, "precious", false), CloudError);
+    plant(hashOfPrecious, "precious", true);  // the right bytes are welcome
+    try {
+        plant(hashOfPrecious, "more", false);
+        FAIL() << "added a piece to a stored content";
+    } catch (const CloudError& error) {
+        EXPECT_EQ(error.code(), kPermissionFailure) << error.what();
+    }
+
+    // The owner's save of the same bytes uses the stored content and reads it back whole.
+    auto& database = owner->privateCloudDatabase();
+    database.saveRecordZone(kZone);
+    Record record("pack", RecordId{"abc", kZone});
+    record.set("data", Asset{file("f", "precious")});
+    saveOne(database, record);
+    auto fetched = fetchOne(database, record.recordId);
+    EXPECT_EQ(testing::readFile(*fetched.record->get<Asset>("data")->fileURL), "precious");
 }
 
 }  // namespace
