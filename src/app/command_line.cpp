@@ -10,6 +10,7 @@
 #include "app/application.h"
 #include "app/error_description.h"
 #include "app/quoted_name.h"
+#include "app/store_commands.h"
 #include "base/error.h"
 #include "base/queues.h"
 #include "base/trace.h"
@@ -26,6 +27,8 @@ constexpr const char* kUsage =
     "       corvane create NAME\n"
     "       corvane list\n"
     "       corvane delete NAME\n"
+    "       corvane store init ADDRESS          make a PostgreSQL database a team store\n"
+    "       corvane store add-person ADDRESS ROLE EMAIL NAME\n"
     "options: --help, --version, --verbose (the log of cloud operations on stderr)\n";
 
 class UsageError : public Error {
@@ -173,6 +176,17 @@ std::string oneName(const std::vector<std::string>& args) {
     return args[0];
 }
 
+int store(const std::vector<std::string>& args) {
+    if (args.size() == 2 && args[0] == "init") return initStore(args[1]);
+    if (args.size() >= 5 && args[0] == "add-person") {
+        std::string name = args[4];
+        for (std::size_t i = 5; i < args.size(); ++i)
+            name += " " + args[i];
+        return addStorePerson(args[1], args[2], args[3], name);
+    }
+    throw UsageError("Expected store init ADDRESS or store add-person ADDRESS ROLE EMAIL NAME");
+}
+
 }  // namespace
 
 int runCommandLine(int argc, char** argv) {
@@ -207,6 +221,7 @@ int runCommandLine(int argc, char** argv) {
         if (command == "create") return create(oneName(args));
         if (command == "list" && args.empty()) return list();
         if (command == "delete") return remove(oneName(args));
+        if (command == "store") return store(args);
         throw UsageError("Unknown command: " + command);
     } catch (const UsageError& error) {
         std::fprintf(stderr, "%s\n%s", error.what(), kUsage);

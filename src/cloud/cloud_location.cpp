@@ -22,6 +22,17 @@ std::filesystem::path baseDirectory(const char* variable, const char* fallback) 
     return homeDirectory() / fallback;
 }
 
+// A libpq address: a URI, or a connection string of keyword=value pairs ("host=db dbname=x").
+bool isServerAddress(std::string_view choice) {
+    if (choice.starts_with("postgresql://") || choice.starts_with("postgres://")) return true;
+    auto equals = choice.find('=');
+    if (equals == 0 || equals == std::string_view::npos) return false;
+    for (char c : choice.substr(0, equals)) {
+        if (!((c >= 'a' && c <= 'z') || c == '_')) return false;
+    }
+    return true;
+}
+
 }  // namespace
 
 CloudLocation cloudLocation() {
@@ -29,7 +40,7 @@ CloudLocation cloudLocation() {
     location.assetCacheDirectory = baseDirectory("XDG_CACHE_HOME", ".cache") / "corvane" / "Assets";
     const char* cloud = std::getenv("CORVANE_CLOUD");
     std::string_view choice = cloud ? cloud : "";
-    if (choice.starts_with("postgresql://") || choice.starts_with("postgres://")) {
+    if (isServerAddress(choice)) {
         location.serverAddress = std::string(choice);
     } else if (!choice.empty()) {
         location.databaseFile = std::filesystem::path(choice);

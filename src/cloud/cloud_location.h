@@ -9,7 +9,7 @@
 namespace corvane::cloud {
 
 struct CloudLocation {
-    std::optional<std::string> serverAddress;  // a postgresql:// or postgres:// address
+    std::optional<std::string> serverAddress;  // a libpq URI or keyword=value string
     std::filesystem::path databaseFile;        // when there is no server address
     std::filesystem::path assetCacheDirectory;
 };

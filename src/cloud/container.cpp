@@ -9,6 +9,7 @@
 #include "cloud/share_access.h"
 #include "cloud/sqlite_checkpointer.h"
 #include "cloud/sqlite_connection.h"
+#include "cloud/team_store.h"
 
 namespace corvane::cloud {
 
@@ -34,6 +35,7 @@ std::unique_ptr<Container> Container::open(ConnectionFactory connect,
         if (connection->dialect() == SqlDialect::postgresql) {
             // A team store's people neither change its layout nor choose who they are: the
             // login is the identity.
+            checkTeamPerson(*connection);
             checkSchema(*connection);
             session->account = openRoleAccount(*connection);
         } else {

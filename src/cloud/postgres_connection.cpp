@@ -3,6 +3,7 @@
 #include <libpq-fe.h>
 
 #include <array>
+#include <cctype>
 #include <charconv>
 #include <cstring>
 #include <vector>
@@ -122,6 +123,56 @@ std::string numberedParameters(std::string_view sql) {
         out += c;
     }
     return out;
+}
+
+namespace {
+
+std::string percentEncoded(std::string_view text) {
+    static constexpr char kHex[] = "0123456789ABCDEF";
+    std::string out;
+    for (unsigned char c : text) {
+        if (std::isalnum(c) || c == '-' || c == '.' || c == '_' || c == '~') {
+            out += static_cast<char>(c);
+        } else {
+            out += '%';
+            out += kHex[c >> 4];
+            out += kHex[c & 15];
+        }
+    }
+    return out;
+}
+
+}  // namespace
+
+std::string memberAddress(const std::string& address, const std::string& role,
+                          const std::string& password) {
+    char* error = nullptr;
+    PQconninfoOption* options = PQconninfoParse(address.c_str(), &error);
+    if (!options) {
+        std::string reason = error ? firstLine(error) : "out of memory";
+        PQfreemem(error);
+        throw CloudError(kInvalidArguments, "Cannot read the address " + address + ": " + reason);
+    }
+    std::string host, port, database, rest;
+    for (auto* option = options; option->keyword; ++option) {
+        if (!option->val || !*option->val) continue;
+        std::string_view keyword = option->keyword;
+        if (keyword == "host") {
+            host = option->val;
+        } else if (keyword == "port") {
+            port = option->val;
+        } else if (keyword == "dbname") {
+            database = option->val;
+        } else if (keyword != "user" && keyword != "password") {
+            rest += (rest.empty() ? "?" : "&") + std::string(keyword) + "=" +
+                    percentEncoded(option->val);
+        }
+    }
+    PQconninfoFree(options);
+    std::string uri = "postgresql://" + percentEncoded(role) + ":" + percentEncoded(password) +
+                      "@" + percentEncoded(host);
+    if (!port.empty()) uri += ":" + port;
+    return uri + "/" + percentEncoded(database) + rest;
 }
 
 std::unique_ptr<PostgresConnection> PostgresConnection::open(const std::string& address) {

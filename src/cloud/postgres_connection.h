@@ -45,6 +45,12 @@ class PostgresConnection final : public Connection {
     pg_conn* connection_;
 };
 
+// The address a person of the store uses: the server and database of `address` (a connection
+// string or URI), as `role` with `password`, written as a postgresql:// URI. Code 12 when the
+// address cannot be read.
+std::string memberAddress(const std::string& address, const std::string& role,
+                          const std::string& password);
+
 // The statement with each `?` outside quotes replaced by $1, $2, …, as the server numbers its
 // parameters.
 std::string numberedParameters(std::string_view sql);

@@ -164,6 +164,28 @@ void requirePostgres(Connection& admin) {
 
 }  // namespace
 
+void checkTeamPerson(Connection& connection) {
+    std::optional<std::int64_t> member;
+    try {
+        member = queryInteger(connection,
+                              "SELECT CAST(pg_has_role(session_user, ?, 'MEMBER') AS INTEGER)",
+                              {kPeopleRole});
+    } catch (const CloudError&) {
+        // No such group: nobody made this database a team store.
+    }
+    if (!member)
+        throw CloudError(kBadContainer,
+                         "The cloud database is not a team store; its administrator runs "
+                         "\"corvane store init\" on it");
+    if (*member == 0) {
+        auto role = queryText(connection, "SELECT session_user", {}).value_or("");
+        throw CloudError(kNotAuthenticated, "The database role " + role +
+                                                " is not a person of this cloud store; its "
+                                                "administrator adds it with \"corvane store "
+                                                "add-person\"");
+    }
+}
+
 void initTeamStore(Connection& admin) {
     requirePostgres(admin);
     prepareSchema(admin);

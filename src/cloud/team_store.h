@@ -16,6 +16,10 @@ namespace corvane::cloud {
 // The group role every person of the store belongs to; it holds the table privileges.
 inline constexpr std::string_view kPeopleRole = "corvane_people";
 
+// Before anything else on a person's connection: code 9 unless the login is one of the store's
+// people, code 5 when the database is no team store.
+void checkTeamPerson(Connection& connection);
+
 // Creates or upgrades the tables, the access functions, the policies and the people's group.
 void initTeamStore(Connection& admin);
 

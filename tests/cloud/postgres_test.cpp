@@ -1,0 +1,120 @@
+// The PostgreSQL engine itself: parameters and types on the wire, the codes of failed logins
+// and lost connections, and the addresses handed to a team's people.
+#include <gtest/gtest.h>
+
+#include <limits>
+
+#include "cloud_test_support.h"
+
+namespace corvane::cloud {
+namespace {
+
+using testing::CloudTest;
+
+class PostgresTest : public CloudTest {
+  protected:
+    void SetUp() override {
+        CloudTest::SetUp();
+        if (!testing::onPostgres()) GTEST_SKIP() << "needs the PostgreSQL engine";
+    }
+
+    int codeOf(const std::function<void()>& attempt) {
+        try {
+            attempt();
+        } catch (const CloudError& error) {
+            return error.code();
+        }
+        return 0;
+    }
+};
+
+TEST(PostgresParameters, AreNumberedOutsideQuotesOnly) {
+    EXPECT_EQ(
+        numberedParameters("SELECT '?', ? FROM t WHERE a = ? AND b = 'it''s ?' AND \"?\" = ?"),
+        "SELECT '?', $1 FROM t WHERE a = $2 AND b = 'it''s ?' AND \"?\" = $3");
+}
+
+TEST_F(PostgresTest, EveryTypeTravelsBothWays) {
+    auto connection = adminConnection();
+    Bytes bytes{0, 1, 0xff, 0};
+    std::string text = "Ärger \xe2\x9c\x93";
+    bool seen = false;
+    connection->execute(
+        "SELECT CAST(? AS BIGINT), CAST(? AS BIGINT), CAST(? AS TEXT), CAST(? AS BYTEA), "
+        "CAST(? AS BYTEA), CAST(? AS TEXT), COUNT(*) FROM settings",
+        {std::int64_t{-9223372036854775807 - 1}, std::int64_t{9223372036854775807}, text,
+         ByteView(bytes), ByteView(), std::monostate{}},
+        [&](const SqlRow& row) {
+            seen = true;
+            EXPECT_EQ(row.integer(0), std::numeric_limits<std::int64_t>::min());
+            EXPECT_EQ(row.integer(1), std::numeric_limits<std::int64_t>::max());
+            EXPECT_EQ(row.text(2), text);
+            EXPECT_EQ(Bytes(row.blob(3).begin(), row.blob(3).end()), bytes);
+            EXPECT_TRUE(row.blob(4).empty());
+            EXPECT_FALSE(row.isNull(4));
+            EXPECT_TRUE(row.isNull(5));
+            EXPECT_EQ(row.integer(6), 1);
+        });
+    EXPECT_TRUE(seen);
+    EXPECT_EQ(connection->execute("UPDATE settings SET value = value"), 1);
+    EXPECT_EQ(codeOf([&] { connection->execute("SELECT CAST(? AS TEXT) + 1", {"x"}); }),
+              kInternalError);
+}
+
+TEST_F(PostgresTest, LoginsAndLostConnectionsEndInTheirCodes) {
+    ContainerOptions options;
+    options.assetCacheDirectory = cacheDirectory();
+    // A role the server does not know, and one that is not a person of the store.
+    EXPECT_EQ(codeOf([&] { Container::connect(roleAddress("t_nobody_known"), options); }),
+              kNotAuthenticated);
+    adminConnection()->execute(
+        "DO $$ BEGIN IF NOT EXISTS (SELECT 1 FROM pg_roles WHERE rolname = 't_outsider') THEN "
+        "CREATE ROLE t_outsider LOGIN; END IF; END $$");
+    EXPECT_EQ(codeOf([&] { Container::connect(roleAddress("t_outsider"), options); }),
+              kNotAuthenticated);
+    // A database nobody set up for Corvane.
+    auto bare = roleAddress("corvane_admin") + " dbname=postgres";
+    EXPECT_EQ(codeOf([&] { Container::connect(bare, options); }), kBadContainer);
+
+    auto ann = openAs("ann@example.com");
+    auto& database = ann->privateCloudDatabase();
+    database.saveRecordZone(ZoneId{"z"});
+    // The server ends the session (a restart, a failover): one failure, then a new connection.
+    adminConnection()->execute(
+        "SELECT pg_terminate_backend(pid) FROM pg_stat_activity WHERE usename = ? AND "
+        "datname = current_database()",
+        {testing::roleFor("ann@example.com")});
+    EXPECT_EQ(codeOf([&] { database.fetchAllRecordZones(); }), kNetworkFailure);
+    EXPECT_EQ(database.fetchAllRecordZones().size(), 1u);
+}
+
+TEST_F(PostgresTest, APersonsAddressReachesTheStoreAsThatPerson) {
+    auto admin = roleAddress("corvane_admin");
+    openAs("bea@example.com");
+    auto address = memberAddress(admin, testing::roleFor("bea@example.com"), "p@ss word");
+    EXPECT_TRUE(address.starts_with("postgresql://t_bea_example_com:p%40ss%20word@%2F"));
+    ContainerOptions options;
+    options.assetCacheDirectory = cacheDirectory();
+    auto bea = Container::connect(address, options);
+    EXPECT_EQ(bea->currentUserIdentity().emailAddress, "bea@example.com");
+    EXPECT_EQ(codeOf([&] { memberAddress("host=x nonsense", "r", "p"); }), kInvalidArguments);
+}
+
+TEST_F(PostgresTest, AddingPeopleChecksWhatItIsGiven) {
+    auto admin = adminConnection();
+    admin->execute("DROP ROLE IF EXISTS t_dora");  // roles outlive the databases of earlier runs
+    EXPECT_TRUE(addPerson(*admin, NewPerson{"t_dora", "dora@example.com", "Dora Tester"}));
+    // Again: the same role keeps its password; the name may change.
+    EXPECT_FALSE(addPerson(*admin, NewPerson{"t_dora", "dora@example.com", "Dora Maar"}));
+    auto account = findAccountByEmail(*admin, "DORA@example.com");
+    ASSERT_TRUE(account);
+    EXPECT_EQ(account->name.familyName, "Maar");
+    for (const auto& bad : {NewPerson{"t_eve", "dora@example.com", "Eve"},
+                            NewPerson{"Robert'); DROP TABLE accounts; --", "r@example.com", "R"},
+                            NewPerson{"pg_signal_backend", "p@example.com", "P"},
+                            NewPerson{"t_eve", "no address", "Eve"}})
+        EXPECT_EQ(codeOf([&] { addPerson(*admin, bad); }), kInvalidArguments) << bad.role;
+}
+
+}  // namespace
+}  // namespace corvane::cloud
