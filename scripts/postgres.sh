@@ -28,7 +28,7 @@ stop_postgres() {
     [ -n "${postgres_dir:-}" ] || return 0
     local as=()
     [ "$(id -u)" -eq 0 ] && as=(runuser -u postgres --)
-    "${as[@]}" /usr/lib/postgresql/15/bin/pg_ctl -D "$postgres_dir/data" -m immediate -w stop \
+    "${as[@]}" /usr/lib/postgresql/15/bin/pg_ctl -D "$postgres_dir/data" -m fast -w stop \
         > /dev/null 2>&1 || true
     rm -rf "$postgres_dir"
     unset CORVANE_TEST_POSTGRES postgres_dir
