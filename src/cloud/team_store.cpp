@@ -177,13 +177,7 @@ void checkTeamPerson(Connection& connection) {
         throw CloudError(kBadContainer,
                          "The cloud database is not a team store; its administrator runs "
                          "\"corvane store init\" on it");
-    if (*member == 0) {
-        auto role = queryText(connection, "SELECT session_user", {}).value_or("");
-        throw CloudError(kNotAuthenticated, "The database role " + role +
-                                                " is not a person of this cloud store; its "
-                                                "administrator adds it with \"corvane store "
-                                                "add-person\"");
-    }
+    if (*member == 0) throw notAPerson(connection);
 }
 
 void initTeamStore(Connection& admin) {
