@@ -37,6 +37,7 @@ class AppState {
 
     MainQueue& mainQueue() { return mainQueue_; }
     Backend& backend() { return *backend_; }
+    cloud::Container& container() { return *container_; }
     Store& store() { return *store_; }
     const std::map<std::string, std::shared_ptr<Repository>>& repositories() const {
         return repositories_;

@@ -7,19 +7,20 @@
 #include <thread>
 #include <vector>
 
-#include "app/application.h"
-#include "app/error_description.h"
-#include "app/quoted_name.h"
+#include "app/command_support.h"
+#include "app/repository_commands.h"
 #include "app/store_commands.h"
 #include "base/error.h"
 #include "base/queues.h"
 #include "base/trace.h"
 #include "base/version.h"
-#include "cloud/record_id.h"
 
 namespace corvane {
 
 namespace {
+
+constexpr const char* kName = "one repository name";
+constexpr const char* kPath = "one repository, NAME or OWNER/NAME";
 
 constexpr const char* kUsage =
     "usage: corvane                    the window, with the git daemon inside\n"
@@ -27,14 +28,16 @@ constexpr const char* kUsage =
     "       corvane create NAME\n"
     "       corvane list\n"
     "       corvane delete NAME\n"
+    "       corvane share NAME|OWNER/NAME      print the link that invited people open\n"
+    "       corvane invite NAME EMAIL          invite a person and print the link\n"
+    "       corvane contributors NAME|OWNER/NAME\n"
+    "       corvane uninvite NAME EMAIL\n"
+    "       corvane join LINK\n"
+    "       corvane leave OWNER/NAME\n"
+    "       corvane whoami\n"
     "       corvane store init ADDRESS          make a PostgreSQL database a team store\n"
     "       corvane store add-person ADDRESS ROLE EMAIL NAME\n"
     "options: --help, --version, --verbose (the log of cloud operations on stderr)\n";
-
-class UsageError : public Error {
-  public:
-    using Error::Error;
-};
 
 std::uint16_t parsePort(const std::string& text) {
     std::size_t end = 0;
@@ -46,23 +49,6 @@ std::uint16_t parsePort(const std::string& text) {
     }
     if (end != text.size() || text.empty() || value > 65535) throw Error("Invalid port: " + text);
     return static_cast<std::uint16_t>(value);
-}
-
-// Runs an asynchronous backend operation on a plain main loop until it completes.
-template <typename T, typename Start>
-T await(LoopMainQueue& mainQueue, Start start) {
-    std::optional<Result<T>> outcome;
-    start([&](Result<T> result) {
-        outcome.emplace(std::move(result));
-        mainQueue.stop();
-    });
-    mainQueue.run();
-    return std::move(outcome->value());
-}
-
-// The failure as people are told it: "Failed to delete 'tools': Record does not exist."
-Error described(const std::string& message) {
-    return Error(message + ": " + describeError(std::current_exception()).text);
 }
 
 // Serves until SIGINT or SIGTERM. The signals are blocked in every thread and taken by one
@@ -109,71 +95,15 @@ int serve(const std::vector<std::string>& args) {
     return status;
 }
 
-std::shared_ptr<Repository> findOwn(Backend& backend, const std::string& name) {
-    return backend.fetchRepository(name, std::string(cloud::kCurrentUserDefaultName));
-}
-
-int create(const std::string& typed) {
-    // The names the add sheet refuses, refused the same way.
-    auto first = typed.find_first_not_of(" \t\r\n\v\f");
-    auto last = typed.find_last_not_of(" \t\r\n\v\f");
-    std::string name = first == std::string::npos ? "" : typed.substr(first, last - first + 1);
-    if (name.empty()) throw UsageError("Name can not be empty");
-    if (name.find('/') != std::string::npos) throw UsageError("Name can not contain /");
-    LoopMainQueue mainQueue;
-    Application application(mainQueue);
-    Backend& backend = application.state().backend();
-    try {
-        // Only a repository that is not there may be created; one that cannot be read (a
-        // damaged record, a store failure) is refused with its error, never created over.
-        bool exists = true;
-        try {
-            findOwn(backend, name);
-        } catch (const NotFound&) {
-            exists = false;
-        }
-        if (exists) throw Error("a repository with this name already exists");
-        auto repository = await<std::shared_ptr<Repository>>(
-            mainQueue, [&](auto done) { backend.createRepository(name, done); });
-        std::printf("%s\n", repository->url().c_str());
-    } catch (const std::exception&) {
-        throw described("Failed to create " + quotedName(name));
-    }
-    return 0;
-}
-
-int list() {
-    LoopMainQueue mainQueue;
-    Application application(mainQueue);
-    std::vector<std::shared_ptr<Repository>> repositories;
-    try {
-        repositories = await<std::vector<std::shared_ptr<Repository>>>(
-            mainQueue, [&](auto done) { application.state().backend().fetchRepositories(done); });
-    } catch (const std::exception&) {
-        throw described("Failed to load repositories");
-    }
-    for (const auto& repository : repositories) {
-        std::printf("%s\t%s\n", repository->name().c_str(), repository->url().c_str());
-    }
-    return 0;
-}
-
-int remove(const std::string& name) {
-    LoopMainQueue mainQueue;
-    Application application(mainQueue);
-    Backend& backend = application.state().backend();
-    try {
-        auto repository = findOwn(backend, name);
-        await<Done>(mainQueue, [&](auto done) { backend.deleteRepository(repository, done); });
-    } catch (const std::exception&) {
-        throw described("Failed to delete " + quotedName(name));
-    }
-    return 0;
-}
-
-std::string oneName(const std::vector<std::string>& args) {
-    if (args.size() != 1) throw UsageError("Expected one repository name");
+const std::string& oneArgument(const std::vector<std::string>& args, const char* what) {
+    if (args.size() != 1) throw UsageError(std::string("Expected ") + what);
     return args[0];
+}
+
+const std::vector<std::string>& twoArguments(const std::vector<std::string>& args,
+                                             const char* what) {
+    if (args.size() != 2) throw UsageError(std::string("Expected ") + what);
+    return args;
 }
 
 int store(const std::vector<std::string>& args) {
@@ -218,9 +148,22 @@ int runCommandLine(int argc, char** argv) {
     if (command != "serve" && !verbose) setTraceSink([](std::string_view) {});
     try {
         if (command == "serve") return serve(args);
-        if (command == "create") return create(oneName(args));
-        if (command == "list" && args.empty()) return list();
-        if (command == "delete") return remove(oneName(args));
+        if (command == "create") return createRepository(oneArgument(args, kName));
+        if (command == "list" && args.empty()) return listRepositories();
+        if (command == "delete") return deleteRepository(oneArgument(args, kName));
+        if (command == "share") return printShareLink(oneArgument(args, kPath));
+        if (command == "invite") {
+            const auto& nameAndEmail = twoArguments(args, "NAME EMAIL");
+            return invite(nameAndEmail[0], nameAndEmail[1]);
+        }
+        if (command == "uninvite") {
+            const auto& nameAndEmail = twoArguments(args, "NAME EMAIL");
+            return uninvite(nameAndEmail[0], nameAndEmail[1]);
+        }
+        if (command == "contributors") return listContributors(oneArgument(args, kPath));
+        if (command == "join") return join(oneArgument(args, "one share link"));
+        if (command == "leave") return leave(oneArgument(args, "OWNER/NAME"));
+        if (command == "whoami" && args.empty()) return whoami();
         if (command == "store") return store(args);
         throw UsageError("Unknown command: " + command);
     } catch (const UsageError& error) {

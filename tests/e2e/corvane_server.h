@@ -14,13 +14,16 @@ namespace corvane::testing {
 class CorvaneServer {
   public:
     // A daemon with a store of its own, or on the store under `dataHome` (another daemon's),
-    // always with a cache of its own.
-    explicit CorvaneServer(const std::string& dataHome = "")
+    // always with a cache of its own; `environment` adds to or replaces its variables.
+    explicit CorvaneServer(const std::string& dataHome = "",
+                           const std::map<std::string, std::string>& environment = {})
         : env_{{"XDG_DATA_HOME", dataHome.empty() ? home_.path() + "/data" : dataHome},
                {"XDG_CACHE_HOME", home_.path() + "/cache"},
                {"HOME", home_.path()},
                {"GIT_CONFIG_NOSYSTEM", "1"},
                {"GIT_CONFIG_GLOBAL", "/dev/null"}} {
+        for (const auto& [name, value] : environment)
+            env_[name] = value;
         start();
     }
 
@@ -34,7 +37,7 @@ class CorvaneServer {
     std::string url(const std::string& path) const {
         return "git://127.0.0.1:" + std::to_string(port_) + "/" + path;
     }
-    // Runs git (or another tool) with the server's environment.
+    // Runs git, corvane or another tool with the server's environment.
     CommandResult run(const std::vector<std::string>& argv, const std::string& cwd = "") const {
         return runCommand(argv, env_, cwd);
     }
