@@ -23,26 +23,33 @@ std::unique_ptr<Container> Container::open(const std::filesystem::path& database
 
 std::unique_ptr<Container> Container::connect(const std::string& serverAddress,
                                               const ContainerOptions& options) {
-    return open([serverAddress] { return PostgresConnection::open(serverAddress); }, options);
+    // The server may be down for now: the person is signed in on first use.
+    return make([serverAddress] { return PostgresConnection::open(serverAddress); }, options,
+                false);
 }
 
 std::unique_ptr<Container> Container::open(ConnectionFactory connect,
                                            const ContainerOptions& options) {
+    return make(std::move(connect), options, true);
+}
+
+std::unique_ptr<Container> Container::make(ConnectionFactory connect,
+                                           const ContainerOptions& options, bool signInNow) {
+    AccountChoice choice = options.account;
     auto session =
-        std::make_unique<Session>(std::move(connect), AssetCache(options.assetCacheDirectory));
-    {
-        auto connection = session->pool.acquire();
-        if (connection->dialect() == SqlDialect::postgresql) {
-            // A team store's people neither change its layout nor choose who they are: the
-            // login is the identity.
-            checkTeamPerson(*connection);
-            checkSchema(*connection);
-            session->account = openRoleAccount(*connection);
-        } else {
-            prepareSchema(*connection);
-            session->account = openAccount(*connection, options.account);
-        }
-    }
+        std::make_unique<Session>(std::move(connect), AssetCache(options.assetCacheDirectory),
+                                  [choice](Connection& connection) {
+                                      if (connection.dialect() == SqlDialect::postgresql) {
+                                          // A team store's people neither change its layout nor
+                                          // choose who they are: the login is the identity.
+                                          checkTeamPerson(connection);
+                                          checkSchema(connection);
+                                          return openRoleAccount(connection);
+                                      }
+                                      prepareSchema(connection);
+                                      return openAccount(connection, choice);
+                                  });
+    if (signInNow) session->account();
     session->assetCache.sweep();
     return std::make_unique<Container>(Key{}, std::move(session));
 }
@@ -55,7 +62,7 @@ Container::Container(Key, std::unique_ptr<Session> session)
 Container::~Container() = default;
 
 UserIdentity Container::currentUserIdentity() const {
-    return session_->account.identity();
+    return session_->account().identity();
 }
 
 std::optional<ShareParticipant> Container::fetchShareParticipant(std::string_view emailAddress) {

@@ -19,7 +19,7 @@
 
 namespace corvane::cloud {
 
-struct Session;
+class Session;
 
 struct ContainerOptions {
     // Where fetched assets are written as files (see asset_cache.h).
@@ -34,15 +34,21 @@ class Container {
     static std::unique_ptr<Container> open(const std::filesystem::path& databaseFile,
                                            const ContainerOptions& options);
     // A team store on a PostgreSQL server (any libpq connection string or URI), as the role it
-    // logs in with.
+    // logs in with. Nothing is asked of the server yet: the first operation signs in, and while
+    // the server cannot be reached or refuses the login, every operation fails (code 3, 9) and
+    // the next one tries again.
     static std::unique_ptr<Container> connect(const std::string& serverAddress,
                                               const ContainerOptions& options);
-    // Any engine: `connect` makes a connection whenever a thread needs one more.
+    // Any engine: `connect` makes a connection whenever a thread needs one more. Signs in at
+    // once.
     static std::unique_ptr<Container> open(ConnectionFactory connect,
                                            const ContainerOptions& options);
 
   private:
     struct Key {};  // only open() makes containers
+    // SQLite signs in at once: the schema must be in place before any transaction.
+    static std::unique_ptr<Container> make(ConnectionFactory connect,
+                                           const ContainerOptions& options, bool signInNow);
 
   public:
     Container(Key, std::unique_ptr<Session> session);

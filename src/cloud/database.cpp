@@ -33,7 +33,7 @@ ZoneId Database::saveRecordZone(const ZoneId& zoneId) {
     if (scope_ != DatabaseScope::privateScope)
         throw CloudError(kPermissionFailure, "Zones cannot be created in the " +
                                                  std::string(scopeName(scope_)) + " database");
-    if (!isOwnName(session_.account, zoneId.ownerName))
+    if (!isOwnName(session_.account(), zoneId.ownerName))
         throw CloudError(kPermissionFailure,
                          "Zone " + zoneId.zoneName + " would belong to someone else");
     if (zoneId.zoneName.empty()) throw CloudError(kInvalidArguments, "A zone needs a name");
@@ -42,21 +42,21 @@ ZoneId Database::saveRecordZone(const ZoneId& zoneId) {
     connection->execute(
         "INSERT INTO zones (owner_id, name, created) VALUES (?, ?, ?) "
         "ON CONFLICT (owner_id, name) DO NOTHING",
-        {session_.account.id, zoneId.zoneName, now});
+        {session_.account().id, zoneId.zoneName, now});
     return zoneId;
 }
 
 void Database::deleteRecordZone(const ZoneId& zoneId) {
     auto connection = session_.pool.acquire();
     Transaction transaction(*connection, TransactionMode::write);
-    auto grant = findZone(*connection, session_.account, scope_, zoneId);
+    auto grant = findZone(*connection, session_.account(), scope_, zoneId);
     if (!grant) throw CloudError(kZoneNotFound, "Zone " + zoneId.zoneName + " does not exist");
 
     if (!grant->owned) {
         connection->execute(
             "UPDATE participants SET status = ? WHERE zone_id = ? AND account_id = ?",
             {std::int64_t{static_cast<int>(AcceptanceStatus::removed)}, grant->zoneRowId,
-             session_.account.id});
+             session_.account().id});
         transaction.commit();
         return;
     }
@@ -88,7 +88,7 @@ std::vector<ZoneId> Database::fetchAllRecordZones() {
     std::vector<ZoneId> zones;
     if (scope_ == DatabaseScope::privateScope) {
         connection->execute("SELECT name FROM zones WHERE owner_id = ? ORDER BY id",
-                            {session_.account.id}, [&](const SqlRow& row) {
+                            {session_.account().id}, [&](const SqlRow& row) {
                                 zones.push_back(ZoneId{std::string(row.text(0)),
                                                        std::string(kCurrentUserDefaultName)});
                             });
@@ -99,8 +99,8 @@ std::vector<ZoneId> Database::fetchAllRecordZones() {
             "JOIN accounts ON accounts.id = zones.owner_id "
             "WHERE participants.account_id = ? AND participants.status = ? "
             "AND zones.owner_id <> ? ORDER BY zones.id",
-            {session_.account.id, std::int64_t{static_cast<int>(AcceptanceStatus::accepted)},
-             session_.account.id},
+            {session_.account().id, std::int64_t{static_cast<int>(AcceptanceStatus::accepted)},
+             session_.account().id},
             [&](const SqlRow& row) {
                 zones.push_back(ZoneId{std::string(row.text(0)), std::string(row.text(1))});
             });
@@ -122,7 +122,7 @@ void Database::fetchRecords(std::span<const RecordId> ids,
             auto connection = session_.pool.acquire();
             Transaction transaction(*connection, TransactionMode::read);
             for (const auto& [zoneId, positions] : byZone) {
-                auto grant = findZone(*connection, session_.account, scope_, zoneId);
+                auto grant = findZone(*connection, session_.account(), scope_, zoneId);
                 if (!grant) {
                     for (auto i : positions) {
                         results[i] =

@@ -15,7 +15,7 @@
 
 namespace corvane::cloud {
 
-struct Session;
+class Session;
 
 class Database {
   public:

@@ -183,7 +183,7 @@ class Writer {
     std::optional<ZoneGrant> zone(const ZoneId& zoneId) {
         auto it = zones_.find(zoneId);
         if (it == zones_.end())
-            it = zones_.emplace(zoneId, findZone(connection_, session_.account, scope_, zoneId))
+            it = zones_.emplace(zoneId, findZone(connection_, session_.account(), scope_, zoneId))
                      .first;
         return it->second;
     }
@@ -238,7 +238,7 @@ std::variant<Record, CloudError> Writer::write(const Pending& pending,
         if (existing && (!stored || *existing != stored->id))
             return CloudError(kAlreadyShared,
                               "Zone " + record.recordId.zoneId.zoneName + " is already shared");
-        auto resolved = resolveParticipants(connection_, session_.account, *record.share);
+        auto resolved = resolveParticipants(connection_, session_.account(), *record.share);
         if (auto* error = std::get_if<CloudError>(&resolved)) return *error;
         participants = std::get<std::vector<ParticipantEntry>>(std::move(resolved));
     }
@@ -290,7 +290,7 @@ std::variant<Record, CloudError> Writer::write(const Pending& pending,
     saved.creationDate = dateFromMilliseconds(created);
     saved.modificationDate = dateFromMilliseconds(now);
     if (record.share)
-        saved.share = writeShare(connection_, grant->zoneRowId, rowId, session_.account,
+        saved.share = writeShare(connection_, grant->zoneRowId, rowId, session_.account(),
                                  *record.share, participants);
     return saved;
 }

@@ -92,7 +92,7 @@ ShareMetadata fetchShareMetadata(Session& session, std::string_view url,
     Transaction transaction(*connection, TransactionMode::read);
     connection->presentShareToken(token);
     auto zone = locate(*connection, token);
-    auto place = placeOf(*connection, session.account, zone);
+    auto place = placeOf(*connection, session.account(), zone);
     auto owner = findAccountById(*connection, zone.ownerId);
     auto shareName =
         queryText(*connection, "SELECT name FROM records WHERE id = ?", {zone.shareRecordRowId});
@@ -128,13 +128,13 @@ void acceptShare(Session& session, const ShareMetadata& metadata) {
     Transaction transaction(*connection, TransactionMode::write);
     connection->presentShareToken(token);
     auto zone = locate(*connection, token);
-    auto place = placeOf(*connection, session.account, zone);
+    auto place = placeOf(*connection, session.account(), zone);
     if (place.position) {
         // Binding the account also settles an invitation that named only its address.
         connection->execute(
             "UPDATE participants SET status = ?, account_id = ? WHERE zone_id = ? "
             "AND position = ?",
-            {std::int64_t{static_cast<int>(AcceptanceStatus::accepted)}, session.account.id,
+            {std::int64_t{static_cast<int>(AcceptanceStatus::accepted)}, session.account().id,
              zone.zoneRowId, *place.position});
     }
     transaction.commit();

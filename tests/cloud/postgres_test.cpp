@@ -64,17 +64,25 @@ TEST_F(PostgresTest, EveryTypeTravelsBothWays) {
 TEST_F(PostgresTest, LoginsAndLostConnectionsEndInTheirCodes) {
     ContainerOptions options;
     options.assetCacheDirectory = cacheDirectory();
-    // A role the server does not know, and one that is not a person of the store.
-    EXPECT_EQ(codeOf([&] { Container::connect(roleAddress("t_nobody_known"), options); }),
-              kNotAuthenticated);
-    adminConnection()->execute(
-        "DO $$ BEGIN IF NOT EXISTS (SELECT 1 FROM pg_roles WHERE rolname = 't_outsider') THEN "
-        "CREATE ROLE t_outsider LOGIN; END IF; END $$");
-    EXPECT_EQ(codeOf([&] { Container::connect(roleAddress("t_outsider"), options); }),
-              kNotAuthenticated);
-    // A database nobody set up for Corvane.
-    auto bare = roleAddress("corvane_admin") + " dbname=postgres";
-    EXPECT_EQ(codeOf([&] { Container::connect(bare, options); }), kBadContainer);
+    auto firstUse = [&](const std::string& address) {
+        return codeOf([&] {
+            Container::connect(address, options)->sharedCloudDatabase().fetchAllRecordZones();
+        });
+    };
+    // A server that is not there, a role it does not know, a database nobody set up.
+    EXPECT_EQ(firstUse("host=/nonexistent/folder dbname=x"), kNetworkUnavailable);
+    EXPECT_EQ(firstUse(roleAddress("t_nobody_known")), kNotAuthenticated);
+    EXPECT_EQ(firstUse(roleAddress("corvane_admin") + " dbname=postgres"), kBadContainer);
+
+    // A role that is not a person of the store is refused until it becomes one; the same
+    // container then signs in, with no restart.
+    adminConnection()->execute("DROP ROLE IF EXISTS t_outsider");
+    adminConnection()->execute("CREATE ROLE t_outsider LOGIN");
+    auto outsider = Container::connect(roleAddress("t_outsider"), options);
+    EXPECT_EQ(codeOf([&] { outsider->currentUserIdentity(); }), kNotAuthenticated);
+    EXPECT_FALSE(
+        addPerson(*adminConnection(), NewPerson{"t_outsider", "otto@example.com", "Otto"}));
+    EXPECT_EQ(outsider->currentUserIdentity().emailAddress, "otto@example.com");
 
     auto ann = openAs("ann@example.com");
     auto& database = ann->privateCloudDatabase();
