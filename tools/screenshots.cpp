@@ -1,7 +1,8 @@
 // Renders the main window in fixed states to PNG files, for people to look at: no repositories;
 // several (one shared, one still being created) with one selected; its files, a nested
 // directory and previews of each kind; the history tabs and a detached head; the add sheet on each
-// tab with a refused entry; the delete confirmation; About. Runs on any Qt platform (scripts/
+// tab with a refused entry; the contributors with the invite form and a person's menu; the
+// delete confirmation; About. Runs on any Qt platform (scripts/
 // screenshots.sh uses the offscreen one) against a fresh embedded store in the XDG folders it
 // is given.
 //
@@ -12,18 +13,22 @@
 #include <QDir>
 #include <QEventLoop>
 #include <QLineEdit>
+#include <QMenu>
 #include <QMessageBox>
 #include <QPainter>
+#include <QPushButton>
 #include <QStyle>
 #include <QStyleFactory>
 #include <QTabWidget>
 #include <QTimer>
+#include <QToolButton>
 #include <cstdio>
 #include <optional>
 #include <tuple>
 #include <vector>
 
 #include "app/application.h"
+#include "cloud/cloud_location.h"
 #include "objects/object.h"
 #include "storage/summaries.h"
 #include "ui/core/locale_text.h"
@@ -33,6 +38,7 @@
 #include "ui/views/about_dialog.h"
 #include "ui/views/add_repository_dialog.h"
 #include "ui/views/commits_info.h"
+#include "ui/views/contributors_info.h"
 #include "ui/views/file_browser.h"
 #include "ui/views/main_window.h"
 #include "ui/views/refs_popup.h"
@@ -376,6 +382,50 @@ int main(int argc, char** argv) {
         save(image, QStringLiteral("commits-detached"));
         commits->refPopUp()->hidePopup();
         commits->refPopUp()->choose(commits->refPopUp()->findText(QStringLiteral("main")));
+        info->tabView()->setCurrentIndex(0);
+        settle();
+    }
+
+    // Contributors: one who joined, one pending, one whose address nobody has yet; the invite
+    // form open, then a pending person's menu.
+    {
+        auto location = cloud::cloudLocation();
+        auto ada = cloud::Container::open(
+            location.databaseFile,
+            {location.assetCacheDirectory,
+             {std::string("ada@example.com"), cloud::NameComponents{"Ada", "Lovelace"}}});
+        cloud::Container::open(location.databaseFile, {location.assetCacheDirectory,
+                                                       {std::string("bo@example.com"),
+                                                        cloud::NameComponents{"Bo", "Chen"}}});
+        for (const char* email : {"ada@example.com", "bo@example.com", "cy@example.com"}) {
+            auto current =
+                backend.fetchRepository("tools", std::string(cloud::kCurrentUserDefaultName));
+            await<Done>([&](auto done) { backend.addContributor(current, email, done); });
+        }
+        ada->acceptShare(ada->fetchShareMetadata(*tools->shareURL(), false));
+        state.reloadRepository(tools);
+        settle();
+        info->tabView()->setCurrentIndex(static_cast<int>(Repository::View::contributors));
+        if (auto* contributors = window.findChild<ui::ContributorsInfo*>()) {
+            contributors->showInviteFormButton()->click();
+            contributors->emailTextField()->setText(QStringLiteral("dee@example.com"));
+            settle(100);
+            save(window.grab().toImage(), QStringLiteral("contributors"));
+            contributors->showInviteFormButton()->click();
+            if (auto* button = contributors->actionButton(2)) {
+                QMenu* menu = button->menu();
+                menu->popup(button->mapToGlobal(QPoint(0, button->height())));
+                settle(100);
+                QImage image = window.grab().toImage();
+                QPainter painter(&image);
+                // Under the button, right-aligned with it, as a desktop places it.
+                QPoint at = button->mapTo(&window, QPoint(button->width(), button->height()));
+                painter.drawPixmap(at - QPoint(menu->width(), 0), menu->grab());
+                painter.end();
+                save(image, QStringLiteral("contributors-menu"));
+                menu->hide();
+            }
+        }
         info->tabView()->setCurrentIndex(0);
         settle();
     }

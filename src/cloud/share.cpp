@@ -20,8 +20,14 @@ bool UserIdentity::sameUser(const UserIdentity& other) const {
 }
 
 void Share::addParticipant(ShareParticipant participant) {
+    // A renewed invitation keeps the person's place in the list.
+    auto same = std::find_if(participants.begin(), participants.end(), [&](const auto& entry) {
+        return entry.type != ParticipantType::owner &&
+               entry.userIdentity.sameUser(participant.userIdentity);
+    });
+    auto place = same - participants.begin();
     removeParticipant(participant);
-    participants.push_back(std::move(participant));
+    participants.insert(participants.begin() + place, std::move(participant));
 }
 
 bool Share::removeParticipant(const ShareParticipant& participant) {

@@ -49,7 +49,8 @@ struct Share {
     std::optional<std::string> url;  // assigned by the store when the share is first saved
     std::vector<ShareParticipant> participants;  // the owner first, once saved
 
-    // Adds the participant, replacing an entry for the same user (a renewed invitation).
+    // Adds the participant at the end, or in the place of an entry for the same user (a renewed
+    // invitation).
     void addParticipant(ShareParticipant participant);
     // Removes every entry for the participant's user; true when there was one.
     bool removeParticipant(const ShareParticipant& participant);

@@ -308,9 +308,7 @@ void Backend::addContributor(std::shared_ptr<Repository> repository, const std::
         auto participant = container_.fetchShareParticipant(email);
         if (!participant) throw Error("Invalid email: " + email);
         participant->permission = cloud::Permission::readWrite;
-        cloud::Record share = *repository->share();
-        share.share->addParticipant(*participant);
-        saveRecords(databaseFor(repository->owner()), {share, *repository->record()});
+        changeShare(*repository, [&](cloud::Share& share) { share.addParticipant(*participant); });
         return Done{};
     });
 }
@@ -322,11 +320,29 @@ void Backend::deleteContributor(std::shared_ptr<Repository> repository,
             !participant.shareParticipant) {
             throw Error("Failed to delete contributor");
         }
-        cloud::Record share = *repository->share();
-        share.share->removeParticipant(*participant.shareParticipant);
-        saveRecords(databaseFor(repository->owner()), {share, *repository->record()});
+        changeShare(*repository, [&](cloud::Share& share) {
+            share.removeParticipant(*participant.shareParticipant);
+        });
         return Done{};
     });
+}
+
+void Backend::changeShare(const Repository& repository,
+                          const std::function<void(cloud::Share&)>& change) {
+    // The records as stored now: the ones in hand may name working files of a push that are
+    // gone. A save that changed them meanwhile (another invitation, a push) is read again.
+    auto& database = databaseFor(repository.owner());
+    for (int attempt = 1;; ++attempt) {
+        auto [record, share] = fetchRepositoryRecords(
+            database, {repository.id(), repository.owner()}, repository.name());
+        change(*share.share);
+        try {
+            saveRecords(database, {share, record});
+            return;
+        } catch (const CloudError& error) {
+            if (!isRecordChanged(error) || attempt == kShareChangeAttempts) throw;
+        }
+    }
 }
 
 void Backend::readPackRecords(cloud::Database& database, const cloud::ZoneId& zone,

@@ -45,6 +45,9 @@ class Backend {
     static constexpr std::size_t kPackGroup = 200;
     // Times a group of pack records is read again and merged after another save changed it.
     static constexpr int kPackMergeAttempts = 20;
+    // Times a change of the share (an invitation, a removal) is applied again to what another
+    // save stored meanwhile.
+    static constexpr int kShareChangeAttempts = 10;
     // Decoded repositories kept for the daemon, the most recently served first.
     static constexpr std::size_t kServedRepositories = 4;
 
@@ -106,6 +109,9 @@ class Backend {
   private:
     template <typename T, typename Work>
     void runAsync(Completion<T> done, Work work);
+    // Changes the repository's share as now stored and saves it with the repository record.
+    void changeShare(const Repository& repository,
+                     const std::function<void(cloud::Share&)>& change);
     // The private database for the current user's repositories, else the shared one.
     cloud::Database& databaseFor(const std::string& owner);
     std::map<cloud::RecordId, cloud::FetchResult> fetchRecords(

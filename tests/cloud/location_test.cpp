@@ -37,7 +37,7 @@ TEST_F(LocationTest, APostgresAddressNamesATeamStore) {
     auto nowhere = "postgres:///corvane?host=" + (folder() / "no-server").string();
     ::setenv("CORVANE_CLOUD", nowhere.c_str(), 1);
     try {
-        openContainer();
+        openContainer()->privateCloudDatabase().fetchAllRecordZones();
         FAIL();
     } catch (const CloudError& error) {
         EXPECT_EQ(error.code(), kNetworkUnavailable) << error.what();

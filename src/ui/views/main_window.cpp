@@ -16,6 +16,7 @@
 #include "ui/views/about_dialog.h"
 #include "ui/views/add_repository_dialog.h"
 #include "ui/views/commits_info.h"
+#include "ui/views/contributors_info.h"
 #include "ui/views/file_browser.h"
 #include "ui/views/refs_list.h"
 #include "ui/views/repository_info.h"
@@ -45,6 +46,8 @@ MainWindowController::MainWindowController(Application& application,
         new RefsList(RefsList::Kind::branches, state, *loader_, nullptr));
     repositoryInfo_->setViewWidget(Repository::View::tags,
                                    new RefsList(RefsList::Kind::tags, state, *loader_, nullptr));
+    repositoryInfo_->setViewWidget(Repository::View::contributors,
+                                   new ContributorsInfo(state, nullptr));
     splitView_->setChildrenCollapsible(false);
     splitView_->setStretchFactor(0, 0);
     splitView_->setStretchFactor(1, 1);
