@@ -8,7 +8,9 @@
 #include "app/error_description.h"
 #include "app/prefetch_order.h"
 #include "app/quoted_name.h"
+#include "app/share_thumbnail.h"
 #include "base/trace.h"
+#include "cloud/share_url.h"
 
 namespace corvane {
 
@@ -22,6 +24,8 @@ AppState::AppState(MainQueue& mainQueue, std::unique_ptr<cloud::Container> conta
         [this](std::shared_ptr<Repository> repository) { updateRepository(repository); },
         [this](const std::set<std::string>& ids) { send(event::ObjectsLoaded{ids}); }};
     backend_ = std::make_unique<Backend>(*container_, *store_, mainQueue_, std::move(callbacks));
+    auto thumbnail = shareThumbnail();
+    backend_->setShareThumbnail(Bytes(thumbnail.begin(), thumbnail.end()));
 }
 
 void AppState::registerDelegate(std::weak_ptr<EventDelegate> receiver) {
@@ -140,9 +144,8 @@ void AppState::createRepository(const std::string& name) {
 }
 
 void AppState::joinRepository(const std::string& shareURL) {
-    auto hash = shareURL.find('#');
-    if (hash != std::string::npos && hash + 1 < shareURL.size()) {
-        auto placeholder = std::make_shared<Repository>(shareURL.substr(hash + 1));
+    if (auto title = cloud::shareTitle(shareURL)) {
+        auto placeholder = std::make_shared<Repository>(*title);
         repositories_.insert_or_assign(placeholder->url(), placeholder);
         send(event::RepositoryAdded{placeholder});
     }

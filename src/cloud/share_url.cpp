@@ -11,6 +11,13 @@ bool isUnreserved(char c) {
            c == '.' || c == '_' || c == '~';
 }
 
+int hexValue(char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
+}
+
 }  // namespace
 
 std::string makeShareUrl(std::string_view token, const std::optional<std::string>& title) {
@@ -42,6 +49,26 @@ std::optional<std::string> shareToken(std::string_view url) {
         if (!((c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'))) return std::nullopt;
     }
     return std::string(token);
+}
+
+std::optional<std::string> shareTitle(std::string_view url) {
+    auto hash = url.find('#');
+    if (hash == std::string_view::npos || hash + 1 == url.size()) return std::nullopt;
+    auto fragment = url.substr(hash + 1);
+    std::string title;
+    for (std::size_t i = 0; i < fragment.size(); ++i) {
+        bool escape = fragment[i] == '%' && i + 2 < fragment.size() &&
+                      hexValue(fragment[i + 1]) >= 0 && hexValue(fragment[i + 2]) >= 0;
+        if (escape) {
+            int high = hexValue(fragment[i + 1]);
+            int low = hexValue(fragment[i + 2]);
+            title += static_cast<char>(high * 16 + low);
+            i += 2;
+        } else {
+            title += fragment[i];  // not an escape: kept as typed
+        }
+    }
+    return title;
 }
 
 }  // namespace corvane::cloud

@@ -10,6 +10,9 @@ namespace corvane::cloud {
 
 std::string makeShareUrl(std::string_view token, const std::optional<std::string>& title);
 
+// The title a share URL's fragment names, percent-decoded ("Ärger tracker"); none without one.
+std::optional<std::string> shareTitle(std::string_view url);
+
 // The token of a well-formed share URL.
 std::optional<std::string> shareToken(std::string_view url);
 

@@ -268,6 +268,7 @@ void Backend::createRepository(const std::string& name,
         record.set("version", std::int64_t{2});
         cloud::Record share = cloud::makeShare(record, kShareRecordName);
         share.share->title = name;
+        if (!shareThumbnail_.empty()) share.share->thumbnailImageData = shareThumbnail_;
         saveRecords(database, {record, share});
         // Read back what the store stamped (dates, change tags, the share's URL).
         return loadRepository(database, zone, name);

@@ -91,6 +91,9 @@ class Backend {
     void saveRepository(const std::shared_ptr<Repository>& repository,
                         Repository::ContentUpdate& update);
 
+    // The picture every new repository's share carries (none: only its title).
+    void setShareThumbnail(Bytes image) { shareThumbnail_ = std::move(image); }
+
     // Metadata documents of this compressed size or more are saved as a base and increments.
     // Tests lower it to reach that layout with small histories.
     void setIncrementalMetaThreshold(std::size_t bytes) { incrementalMetaThreshold_ = bytes; }
@@ -149,6 +152,7 @@ class Backend {
     std::unique_ptr<ObjectFetcher> fetcher_;
     std::unique_ptr<WorkQueue> queue_;
     std::size_t incrementalMetaThreshold_;
+    Bytes shareThumbnail_;
 
     std::mutex servedMutex_;
     std::list<std::shared_ptr<Repository>> served_;  // guarded by servedMutex_

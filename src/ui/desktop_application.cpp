@@ -91,6 +91,7 @@ int runDesktopApplication(int argc, char** argv) {
         socket,
         [&window, &application](const QString& received) {
             if (isShareLink(received)) {
+                trace(TraceModule::info, "Opening the join sheet for " + toStdString(received));
                 window->joinWithLink(received);
             } else {
                 application.showMainWindow();

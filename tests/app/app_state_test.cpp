@@ -175,12 +175,12 @@ TEST_F(AppFixture, JoinShowsAPlaceholderOnlyForALinkThatNamesTheRepository) {
     EXPECT_EQ(recorder->all<event::ShowError>()[0].message, "Failed to join repository");
 
     recorder->events.clear();
-    state->joinRepository("corvane://share/nothing-here#tools");
-    auto added = recorder->all<event::RepositoryAdded>();
+    // The name as people wrote it; a stray "%" stays as it is.
+    state->joinRepository("corvane://share/nothing-here#%C3%84rger%20tracker%2");
     ASSERT_TRUE(pumpFor<event::RepositoriesModified>());
-    added = recorder->all<event::RepositoryAdded>();
+    auto added = recorder->all<event::RepositoryAdded>();
     ASSERT_EQ(added.size(), 1u);
-    EXPECT_EQ(added[0].repository->name(), "tools");
+    EXPECT_EQ(added[0].repository->name(), "Ärger tracker%2");
     EXPECT_EQ(recorder->all<event::ShowError>().size(), 1u);
     // The reload put the table back to what the cloud holds: no placeholder.
     EXPECT_TRUE(state->repositories().empty());
@@ -191,6 +191,11 @@ TEST_F(AppFixture, ContributorsChangeAtOnceAndFailuresAreReported) {
     ASSERT_TRUE(pumpFor<event::RepositoriesModified>());
     auto tools = state->repositories().at("git://localhost/tools");
     ASSERT_EQ(tools->participants().size(), 1u);
+    // The share shows its title and the application's icon, a PNG.
+    const auto& share = *tools->share()->share;
+    EXPECT_EQ(share.title, "tools");
+    ASSERT_TRUE(share.thumbnailImageData);
+    EXPECT_EQ(asText(*share.thumbnailImageData).substr(0, 8), "\x89PNG\r\n\x1a\n");
     const std::string ownerEmail = *tools->participants()[0].email;
 
     recorder->events.clear();

@@ -44,6 +44,7 @@ TEST(DesktopApplication, OpensWithoutItsPortHandsRequestsOverAndQuitsCleanly) {
     EXPECT_EQ(second.status, 0) << second.out;
     auto link = runCommand({"timeout", "20", CORVANE_BINARY, "corvane://share/abc#team"}, env);
     EXPECT_EQ(link.status, 0) << link.out;
+    EXPECT_TRUE(app.waitForOutput("Opening the join sheet for corvane://share/abc#team"));
     EXPECT_EQ(app.output().find("Listening on port"), std::string::npos);
 
     EXPECT_EQ(app.stop(SIGTERM), 0) << app.output();
