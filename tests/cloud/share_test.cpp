@@ -347,7 +347,13 @@ TEST_F(ShareTest, OnATeamStoreTheServerKeepsOutWhoeverWasNotLetIn) {
         EXPECT_EQ(error.code(), kPermissionFailure) << error.what();
     }
     EXPECT_EQ(sam->execute("UPDATE participants SET status = 2, account_id = NULL"), 0);
-    EXPECT_EQ(sam->execute("DELETE FROM assets"), 0);  // contents in use stay
+    // Nobody frees another's contents for deletion, or ties theirs to another's record.
+    EXPECT_EQ(sam->execute("DELETE FROM asset_refs"), 0);
+    EXPECT_EQ(sam->execute("DELETE FROM assets"), 0);
+    auto recordId = *queryInteger(*adminConnection(), "SELECT MAX(id) FROM records", {});
+    EXPECT_THROW(
+        sam->execute("INSERT INTO asset_refs (record_id, hash) VALUES (?, 'x')", {recordId}),
+        CloudError);
 
     {
         // The link shows the invited person the share, and nobody else anything.
