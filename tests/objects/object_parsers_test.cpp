@@ -74,25 +74,23 @@ TEST(Signature, ReadsNameEmailAndTime) {
     }
 }
 
-TEST(CommitParser, ReadsTreeParentsPeopleAndBody) {
-    Object object(ObjectType::commit, toBytes("tree " + kTreeId + "\nparent " + kId1 + "\nparent " +
-                                              kId2 + "\nparent " + kId3 + "\nauthor " + kPerson +
-                                              "\ncommitter Max <max@example.org> 1600000000 -0500\n"
-                                              "\nMerge three\n\nDetails.\n"));
-    auto commit = parseCommit(object);
-    EXPECT_EQ(commit.id, object.id());
-    EXPECT_EQ(commit.treeId, kTreeId);
-    EXPECT_EQ(commit.parentIds, (std::vector<std::string>{kId1, kId2, kId3}));
-    EXPECT_EQ(commit.author, (CommitSignature{"Jo", "jo@example.org", 1.5e9}));
-    EXPECT_EQ(commit.committer, (CommitSignature{"Max", "max@example.org", 1.6e9}));
-    EXPECT_EQ(commit.body, "Merge three\n\nDetails.\n");
-    EXPECT_EQ(commit.title(), "Merge three");
-}
-
-TEST(CommitParser, EdgeCases) {
+TEST(CommitParser, ReadsEveryFieldAndRefusesMalformedCommits) {
     auto parse = [](const std::string& text) {
         return parseCommit(Object(ObjectType::commit, toBytes(text)));
     };
+    std::string octopus = "tree " + kTreeId + "\nparent " + kId1 + "\nparent " + kId2 +
+                          "\nparent " + kId3 + "\nauthor " + kPerson +
+                          "\ncommitter Max <max@example.org> 1600000000 -0500\n"
+                          "\nMerge three\n\nDetails.\n";
+    auto commit = parse(octopus);
+    EXPECT_EQ(commit, (Commit{Object(ObjectType::commit, toBytes(octopus)).id(),
+                              kTreeId,
+                              {kId1, kId2, kId3},
+                              {"Jo", "jo@example.org", 1.5e9},
+                              {"Max", "max@example.org", 1.6e9},
+                              "Merge three\n\nDetails.\n"}));
+    EXPECT_EQ(commit.title(), "Merge three");
+
     std::string tree = "tree " + kTreeId + "\n";
     auto root = parse(tree + kPeople + "\none line");
     EXPECT_TRUE(root.parentIds.empty());
@@ -115,10 +113,7 @@ TEST(CommitParser, EdgeCases) {
                   toBytes(tree + "parent " + kId1 + "\n" + kPeople + "\nStorsj\xf6\n"));
     EXPECT_THROW(parseCommit(latin1), Error);
     EXPECT_EQ(parseCommit(latin1, TextCheck::none).parentIds, std::vector<std::string>{kId1});
-}
 
-TEST(CommitParser, RefusesMalformedCommits) {
-    std::string tree = "tree " + kTreeId + "\n";
     expectFailures(
         ObjectType::commit,
         {
@@ -148,7 +143,7 @@ TEST(CommitParser, RefusesMalformedCommits) {
         parseCommit);
 }
 
-TEST(TreeParser, ReadsEntriesInOrder) {
+TEST(TreeParser, ReadsEntriesInOrderAndRefusesMalformedOnes) {
     Object object(ObjectType::tree,
                   toBytes(treeEntry("100644", "a b", '\x01') + treeEntry("40000", "src", '\xff') +
                           treeEntry("644", "Grüße 日本", ' ') + treeEntry("177777", "z", '\0')));
@@ -165,38 +160,31 @@ TEST(TreeParser, ReadsEntriesInOrder) {
     Object latin1(ObjectType::tree, toBytes(treeEntry("100644", "caf\xe9", '\x01')));
     EXPECT_THROW(parseTree(latin1), Error);
     EXPECT_EQ(parseTree(latin1, TextCheck::none).entries.at(0).id, expected.at(0).id);
-}
 
-TEST(TreeParser, RefusesMalformedEntries) {
     std::string good = treeEntry("100644", "a", '\x01');
-    std::vector<BadObject> cases = {
-        {"no NUL", good + "100644 b", ""},
-        {"no space", "100644a" + std::string(1, '\0') + std::string(20, '\x01'), ""},
-        {"mode not octal", treeEntry("100648", "a", '\x01'), ""},
-        {"empty mode", treeEntry("", "a", '\x01'), ""},
-        {"signed mode", treeEntry("-1", "a", '\x01'), ""},
-        {"mode past 16 bits", treeEntry("200000", "a", '\x01'), ""},
-        {"id cut short", good + good.substr(0, good.size() - 1), ""},
-        {"name not UTF-8", treeEntry("100644", "\xfe", '\x01'), ""},
-    };
-    for (auto& bad : cases)
-        bad.message = "Corrupted tree object ";
+    std::vector<BadObject> cases;
+    for (auto [what, text] : std::vector<std::pair<std::string, std::string>>{
+             {"no NUL", good + "100644 b"},
+             {"no space", "100644a" + std::string(1, '\0') + std::string(20, '\x01')},
+             {"mode not octal", treeEntry("100648", "a", '\x01')},
+             {"empty mode", treeEntry("", "a", '\x01')},
+             {"signed mode", treeEntry("-1", "a", '\x01')},
+             {"mode past 16 bits", treeEntry("200000", "a", '\x01')},
+             {"id cut short", good + good.substr(0, good.size() - 1)},
+             {"name not UTF-8", treeEntry("100644", "\xfe", '\x01')},
+         })
+        cases.push_back({what, text, "Corrupted tree object "});
     expectFailures(ObjectType::tree, cases, parseTree);
 }
 
-TEST(TagParser, ReadsTargetTypeTaggerAndBody) {
-    Object object(ObjectType::tag,
-                  toBytes("object " + kId1 + "\ntype tree\ntag v1.0\ntagger " + kPerson +
-                          "\n\nRelease\n-----BEGIN PGP SIGNATURE-----\n"));
-    auto tag = parseTag(object);
-    EXPECT_EQ(tag, (Tag{object.id(), kId1, ObjectType::tree,
-                        CommitSignature{"Jo", "jo@example.org", 1.5e9},
-                        "Release\n-----BEGIN PGP SIGNATURE-----\n"}));
-}
-
-TEST(TagParser, RefusesMalformedTags) {
+TEST(TagParser, ReadsTargetTypeTaggerAndBodyAndRefusesMalformedTags) {
     std::string object = "object " + kId1 + "\n";
     std::string tagger = "tagger " + kPerson + "\n";
+    Object release(ObjectType::tag, toBytes(object + "type tree\ntag v1.0\n" + tagger +
+                                            "\nRelease\n-----BEGIN PGP SIGNATURE-----\n"));
+    EXPECT_EQ(parseTag(release), (Tag{release.id(), kId1, ObjectType::tree,
+                                      CommitSignature{"Jo", "jo@example.org", 1.5e9},
+                                      "Release\n-----BEGIN PGP SIGNATURE-----\n"}));
     expectFailures(
         ObjectType::tag,
         {

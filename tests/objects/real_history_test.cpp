@@ -31,23 +31,13 @@ TEST(RealHistory, EveryObjectRebuildsWithGitsIdAndParses) {
         testing::lz4Bundle(), folder.path(),
         [&](const std::string& id, std::string_view type, const Bytes& data) {
             ++counts[std::string(type)];
+            Object object(*objectTypeFromName(type), data);
+            if (object.id() != id) wrongIds.push_back(id);
             try {
-                if (type == std::string_view("commit")) {
-                    Object object(ObjectType::commit, data);
-                    if (object.id() != id) wrongIds.push_back(id);
-                    commits.emplace(id, parseCommit(object));
-                } else if (type == std::string_view("tree")) {
-                    Object object(ObjectType::tree, data);
-                    if (object.id() != id) wrongIds.push_back(id);
-                    trees.emplace(id, parseTree(object));
-                } else if (type == std::string_view("tag")) {
-                    Object object(ObjectType::tag, data);
-                    if (object.id() != id) wrongIds.push_back(id);
-                    parseTag(object);
-                } else {
-                    if (Object(ObjectType::blob, data).id() != id) wrongIds.push_back(id);
-                    blobs.insert(id);
-                }
+                if (object.type() == ObjectType::commit) commits.emplace(id, parseCommit(object));
+                if (object.type() == ObjectType::tree) trees.emplace(id, parseTree(object));
+                if (object.type() == ObjectType::tag) parseTag(object);
+                if (object.type() == ObjectType::blob) blobs.insert(id);
             } catch (const std::exception& error) {
                 failures.push_back(error.what());
             }
