@@ -13,6 +13,22 @@
 
 namespace corvane::cloud {
 
+namespace {
+
+Account signIn(Connection& connection, const AccountChoice& choice) {
+    if (connection.dialect() == SqlDialect::postgresql) {
+        // A team store's people neither change its layout nor choose who they are: the login
+        // is the identity.
+        checkTeamPerson(connection);
+        checkSchema(connection);
+        return openRoleAccount(connection);
+    }
+    prepareSchema(connection);
+    return openAccount(connection, choice);
+}
+
+}  // namespace
+
 std::unique_ptr<Container> Container::open(const std::filesystem::path& databaseFile,
                                            const ContainerOptions& options) {
     auto checkpointer = std::make_shared<SqliteCheckpointer>(databaseFile);
@@ -35,20 +51,9 @@ std::unique_ptr<Container> Container::open(ConnectionFactory connect,
 
 std::unique_ptr<Container> Container::make(ConnectionFactory connect,
                                            const ContainerOptions& options, bool signInNow) {
-    AccountChoice choice = options.account;
-    auto session =
-        std::make_unique<Session>(std::move(connect), AssetCache(options.assetCacheDirectory),
-                                  [choice](Connection& connection) {
-                                      if (connection.dialect() == SqlDialect::postgresql) {
-                                          // A team store's people neither change its layout nor
-                                          // choose who they are: the login is the identity.
-                                          checkTeamPerson(connection);
-                                          checkSchema(connection);
-                                          return openRoleAccount(connection);
-                                      }
-                                      prepareSchema(connection);
-                                      return openAccount(connection, choice);
-                                  });
+    auto session = std::make_unique<Session>(
+        std::move(connect), AssetCache(options.assetCacheDirectory),
+        [choice = options.account](Connection& connection) { return signIn(connection, choice); });
     if (signInNow) session->account();
     session->assetCache.sweep();
     return std::make_unique<Container>(Key{}, std::move(session));

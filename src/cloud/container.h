@@ -59,6 +59,7 @@ class Container {
     Database& privateCloudDatabase() { return private_; }
     Database& sharedCloudDatabase() { return shared_; }
 
+    // Signs in first when that has not happened yet (and throws when it fails).
     UserIdentity currentUserIdentity() const;
 
     // A participant to add to a share for the address; none when it is not an e-mail address.

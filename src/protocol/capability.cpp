@@ -7,8 +7,9 @@ namespace corvane {
 namespace {
 
 constexpr Capability kAll[] = {
-    Capability::atomic,   Capability::deleteRefs,   Capability::quiet,    Capability::noProgress,
-    Capability::ofsDelta, Capability::reportStatus, Capability::sideBand, Capability::sideBand64k};
+    Capability::atomic,       Capability::deleteRefs, Capability::includeTag,
+    Capability::quiet,        Capability::noProgress, Capability::ofsDelta,
+    Capability::reportStatus, Capability::sideBand,   Capability::sideBand64k};
 
 }  // namespace
 
@@ -18,6 +19,8 @@ std::string_view capabilityName(Capability capability) {
             return "atomic";
         case Capability::deleteRefs:
             return "delete-refs";
+        case Capability::includeTag:
+            return "include-tag";
         case Capability::quiet:
             return "quiet";
         case Capability::noProgress:

@@ -11,6 +11,7 @@ namespace corvane {
 enum class Capability {
     atomic,
     deleteRefs,
+    includeTag,
     quiet,
     noProgress,
     ofsDelta,

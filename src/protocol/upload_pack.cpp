@@ -12,7 +12,10 @@ namespace corvane {
 namespace {
 
 constexpr Capability kOffered[] = {Capability::sideBand, Capability::sideBand64k,
-                                   Capability::noProgress};
+                                   Capability::noProgress, Capability::includeTag};
+
+// Tags of tags deeper than this are taken for a loop.
+constexpr int kTagChainLimit = 64;
 
 // Objects asked of the fetcher at a time while a pack is written.
 constexpr std::size_t kFetchBatch = 4096;
@@ -57,6 +60,33 @@ std::optional<std::string> UploadPack::headReference(const RepositoryContent& co
     return "refs/heads/" + *branch;
 }
 
+std::optional<std::string> UploadPack::peeled(const RepositoryContent& content,
+                                              const std::string& id) {
+    const PartialTag* tag = content.tags.find(id);
+    if (!tag) return std::nullopt;
+    for (int depth = 0; depth < kTagChainLimit; ++depth) {
+        const PartialTag* next = content.tags.find(tag->target);
+        if (!next) return tag->target;
+        tag = next;
+    }
+    return std::nullopt;
+}
+
+std::vector<std::string> UploadPack::followedTags(const RepositoryContent& content,
+                                                  const std::vector<std::string>& sent) {
+    std::unordered_set<std::string> inPack(sent.begin(), sent.end());
+    std::vector<std::string> tags;
+    for (auto ref = content.refs.lower_bound("refs/tags/");
+         ref != content.refs.end() && ref->first.starts_with("refs/tags/"); ++ref) {
+        auto target = peeled(content, ref->second);
+        if (!target || !inPack.contains(*target)) continue;
+        for (std::string id = ref->second; id != *target; id = content.tags.find(id)->target) {
+            if (inPack.insert(id).second) tags.push_back(id);
+        }
+    }
+    return tags;
+}
+
 std::string UploadPack::capabilityText(const std::optional<std::string>& headReference) {
     std::string text;
     for (auto capability : kOffered) {
@@ -77,7 +107,7 @@ void UploadPack::run() {
     if (wants.empty()) return;  // a reference listing
     socket_.setCapabilities(capabilities);
     auto haves = negotiate(*content);
-    sendPack(*content, wants, haves);
+    sendPack(*content, wants, haves, capabilities);
 }
 
 void UploadPack::advertiseRefs(const RepositoryContent& content) {
@@ -99,6 +129,10 @@ void UploadPack::advertiseRefs(const RepositoryContent& content) {
         }
         line += '\n';
         socket_.writePktLine(line);
+        if (name.starts_with("refs/tags/")) {
+            if (auto target = peeled(content, id))
+                socket_.writePktLine(*target + " " + name + "^{}\n");
+        }
     }
     socket_.writePktLine(kFlush);
 }
@@ -199,8 +233,12 @@ std::vector<std::string> UploadPack::selectObjects(const RepositoryContent& cont
 }
 
 void UploadPack::sendPack(const RepositoryContent& content, const std::vector<std::string>& wants,
-                          const std::vector<std::string>& haves) {
+                          const std::vector<std::string>& haves, const Capabilities& capabilities) {
     auto ids = selectObjects(content, wants, haves);
+    if (capabilities.contains(Capability::includeTag)) {
+        auto tags = followedTags(content, ids);
+        ids.insert(ids.end(), tags.begin(), tags.end());
+    }
     unsigned workers = std::max(2u, std::thread::hardware_concurrency());
     // The fetcher has each object in the cache before it is added; a cached file that turns
     // out damaged when read is downloaded again instead of failing the clone.

@@ -1,6 +1,7 @@
-// UploadPack: the server side of clone and fetch. Advertises the references, reads wants and
-// haves, acknowledges, and streams a pack of every object the client lacks, each compressed
-// whole, fetched on demand through the object fetcher.
+// UploadPack: the server side of clone and fetch. Advertises the references (each annotated tag
+// followed by the object it peels to, "refs/tags/v1^{}", so that clients follow tags), reads
+// wants and haves, acknowledges, and streams a pack of every object the client lacks, each
+// compressed whole, fetched on demand through the object fetcher.
 // Runs on its connection's thread; compression workers it starts end before run() returns.
 #pragma once
 
@@ -29,6 +30,15 @@ class UploadPack : public ServerCommand {
                                                   const std::vector<std::string>& wants,
                                                   const std::vector<std::string>& haves);
 
+    // What an annotated tag finally points at, through tags of tags; none for any other id (or
+    // a chain that does not end).
+    static std::optional<std::string> peeled(const RepositoryContent& content,
+                                             const std::string& id);
+    // The annotated tags under refs/tags/ whose chains end at an object of `sent`, with the
+    // tags in their chains, that `sent` lacks: what a client asking for include-tag also gets.
+    static std::vector<std::string> followedTags(const RepositoryContent& content,
+                                                 const std::vector<std::string>& sent);
+
     // The capability text offered on the first advertised line.
     static std::string capabilityText(const std::optional<std::string>& headReference);
     // The branch HEAD stands for: master, else main, else the first branch by name.
@@ -39,7 +49,7 @@ class UploadPack : public ServerCommand {
     std::vector<std::string> readWants(Capabilities& capabilities);
     std::vector<std::string> negotiate(const RepositoryContent& content);
     void sendPack(const RepositoryContent& content, const std::vector<std::string>& wants,
-                  const std::vector<std::string>& haves);
+                  const std::vector<std::string>& haves, const Capabilities& capabilities);
 
     GitSocket& socket_;
     std::shared_ptr<Repository> repository_;
