@@ -7,9 +7,10 @@ namespace corvane {
 namespace {
 
 constexpr Capability kAll[] = {
-    Capability::atomic,       Capability::deleteRefs, Capability::includeTag,
-    Capability::quiet,        Capability::noProgress, Capability::ofsDelta,
-    Capability::reportStatus, Capability::sideBand,   Capability::sideBand64k};
+    Capability::atomic,     Capability::deepenNot,  Capability::deepenRelative,
+    Capability::deleteRefs, Capability::includeTag, Capability::quiet,
+    Capability::noProgress, Capability::ofsDelta,   Capability::reportStatus,
+    Capability::shallow,    Capability::sideBand,   Capability::sideBand64k};
 
 }  // namespace
 
@@ -17,6 +18,10 @@ std::string_view capabilityName(Capability capability) {
     switch (capability) {
         case Capability::atomic:
             return "atomic";
+        case Capability::deepenNot:
+            return "deepen-not";
+        case Capability::deepenRelative:
+            return "deepen-relative";
         case Capability::deleteRefs:
             return "delete-refs";
         case Capability::includeTag:
@@ -29,6 +34,8 @@ std::string_view capabilityName(Capability capability) {
             return "ofs-delta";
         case Capability::reportStatus:
             return "report-status";
+        case Capability::shallow:
+            return "shallow";
         case Capability::sideBand:
             return "side-band";
         case Capability::sideBand64k:

@@ -10,12 +10,15 @@ namespace corvane {
 
 enum class Capability {
     atomic,
+    deepenNot,
+    deepenRelative,
     deleteRefs,
     includeTag,
     quiet,
     noProgress,
     ofsDelta,
     reportStatus,
+    shallow,
     sideBand,
     sideBand64k,
 };

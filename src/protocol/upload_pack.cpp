@@ -11,8 +11,10 @@ namespace corvane {
 
 namespace {
 
-constexpr Capability kOffered[] = {Capability::sideBand, Capability::sideBand64k,
-                                   Capability::noProgress, Capability::includeTag};
+constexpr Capability kOffered[] = {Capability::sideBand,   Capability::sideBand64k,
+                                   Capability::noProgress, Capability::includeTag,
+                                   Capability::shallow,    Capability::deepenRelative,
+                                   Capability::deepenNot};
 
 // Tags of tags deeper than this are taken for a loop.
 constexpr int kTagChainLimit = 64;
@@ -103,11 +105,29 @@ void UploadPack::run() {
     auto content = repository_->content();
     advertiseRefs(*content);
     Capabilities capabilities;
-    auto wants = readWants(capabilities);
-    if (wants.empty()) return;  // a reference listing
+    DepthRequest depth;
+    std::vector<std::string> wants;
+    ShallowUpdate shallow;
+    try {
+        wants = readRequest(capabilities, depth);
+        if (wants.empty()) return;  // a reference listing
+        shallow = updateShallow(*content, wants, depth);
+    } catch (const Error& error) {
+        // Until the pack, a client reads plain lines: an ERR line is the error it shows.
+        socket_.writePktLine("ERR " + std::string(error.what()) + "\n");
+        throw;
+    }
     socket_.setCapabilities(capabilities);
+    if (depth.deepens()) {
+        for (const auto& id : shallow.shallow)
+            socket_.writePktLine("shallow " + id + "\n");
+        for (const auto& id : shallow.unshallow)
+            socket_.writePktLine("unshallow " + id + "\n");
+        socket_.writePktLine(kFlush);
+    }
     auto haves = negotiate(*content);
-    sendPack(*content, wants, haves, capabilities);
+    wants.insert(wants.end(), shallow.extraWants.begin(), shallow.extraWants.end());
+    sendPack(*content, wants, haves, capabilities, shallow.boundaries);
 }
 
 void UploadPack::advertiseRefs(const RepositoryContent& content) {
@@ -137,11 +157,12 @@ void UploadPack::advertiseRefs(const RepositoryContent& content) {
     socket_.writePktLine(kFlush);
 }
 
-std::vector<std::string> UploadPack::readWants(Capabilities& capabilities) {
+std::vector<std::string> UploadPack::readRequest(Capabilities& capabilities, DepthRequest& depth) {
     std::vector<std::string> wants;
     for (;;) {
         std::string line = socket_.readPktLine();
         if (line.empty()) return wants;
+        if (!wants.empty() && depth.read(line)) continue;
         auto parts = splitSpaces(line);
         if (parts.size() < 2 || parts[0] != "want") throw Error("Invalid upload-pack want");
         if (wants.empty()) {
@@ -179,9 +200,9 @@ std::vector<std::string> UploadPack::negotiate(const RepositoryContent& content)
     return haves;
 }
 
-std::vector<std::string> UploadPack::selectObjects(const RepositoryContent& content,
-                                                   const std::vector<std::string>& wants,
-                                                   const std::vector<std::string>& haves) {
+std::vector<std::string> UploadPack::selectObjects(
+    const RepositoryContent& content, const std::vector<std::string>& wants,
+    const std::vector<std::string>& haves, const std::unordered_set<std::string>& boundaries) {
     std::unordered_set<std::string> seen(haves.begin(), haves.end());
     // What a known have reaches through its tree, the client has already.
     for (const auto& have : haves) {
@@ -207,8 +228,10 @@ std::vector<std::string> UploadPack::selectObjects(const RepositoryContent& cont
         if (!seen.insert(id).second) continue;
         const PartialCommit* commit = content.commits.find(id);
         if (!commit) throw Error("Commit " + id + " not found on server");
-        for (const auto& parent : commit->parents)
-            pendingCommits.push_back(parent);
+        if (!boundaries.contains(id)) {
+            for (const auto& parent : commit->parents)
+                pendingCommits.push_back(parent);
+        }
         pendingTrees.push_back(commit->tree);
         output.push_back(id);
     }
@@ -233,8 +256,9 @@ std::vector<std::string> UploadPack::selectObjects(const RepositoryContent& cont
 }
 
 void UploadPack::sendPack(const RepositoryContent& content, const std::vector<std::string>& wants,
-                          const std::vector<std::string>& haves, const Capabilities& capabilities) {
-    auto ids = selectObjects(content, wants, haves);
+                          const std::vector<std::string>& haves, const Capabilities& capabilities,
+                          const std::unordered_set<std::string>& boundaries) {
+    auto ids = selectObjects(content, wants, haves, boundaries);
     if (capabilities.contains(Capability::includeTag)) {
         auto tags = followedTags(content, ids);
         ids.insert(ids.end(), tags.begin(), tags.end());

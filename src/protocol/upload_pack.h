@@ -1,7 +1,8 @@
 // UploadPack: the server side of clone and fetch. Advertises the references (each annotated tag
 // followed by the object it peels to, "refs/tags/v1^{}", so that clients follow tags), reads
 // wants and haves, acknowledges, and streams a pack of every object the client lacks, each
-// compressed whole, fetched on demand through the object fetcher.
+// compressed whole, fetched on demand through the object fetcher. A shallow client's history
+// is cut where it asked (shallow.h).
 // Runs on its connection's thread; compression workers it starts end before run() returns.
 #pragma once
 
@@ -9,10 +10,12 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "protocol/git_socket.h"
 #include "protocol/server_command.h"
+#include "protocol/shallow.h"
 #include "storage/object_fetcher.h"
 #include "storage/repository.h"
 
@@ -24,11 +27,13 @@ class UploadPack : public ServerCommand {
 
     void run() override;
 
-    // The object ids to send for wants and haves, tags first, then commits, trees and blobs.
-    // Fails with "Commit <id> not found on server" or "Tree <id> not found on server".
-    static std::vector<std::string> selectObjects(const RepositoryContent& content,
-                                                  const std::vector<std::string>& wants,
-                                                  const std::vector<std::string>& haves);
+    // The object ids to send for wants and haves, tags first, then commits, trees and blobs;
+    // the walk takes no parents of `boundaries` (a shallow client's). Fails with
+    // "Commit <id> not found on server" or "Tree <id> not found on server".
+    static std::vector<std::string> selectObjects(
+        const RepositoryContent& content, const std::vector<std::string>& wants,
+        const std::vector<std::string>& haves,
+        const std::unordered_set<std::string>& boundaries = {});
 
     // What an annotated tag finally points at, through tags of tags; none for any other id (or
     // a chain that does not end).
@@ -46,10 +51,13 @@ class UploadPack : public ServerCommand {
 
   private:
     void advertiseRefs(const RepositoryContent& content);
-    std::vector<std::string> readWants(Capabilities& capabilities);
+    // The wants (none: the client only listed the references), with the capabilities of the
+    // first and the lines about the depth of history that follow them.
+    std::vector<std::string> readRequest(Capabilities& capabilities, DepthRequest& depth);
     std::vector<std::string> negotiate(const RepositoryContent& content);
     void sendPack(const RepositoryContent& content, const std::vector<std::string>& wants,
-                  const std::vector<std::string>& haves, const Capabilities& capabilities);
+                  const std::vector<std::string>& haves, const Capabilities& capabilities,
+                  const std::unordered_set<std::string>& boundaries);
 
     GitSocket& socket_;
     std::shared_ptr<Repository> repository_;

@@ -7,6 +7,7 @@
 
 #include "e2e/corvane_server.h"
 #include "e2e/git_test_repo.h"
+#include "support/tcp_client.h"
 
 namespace corvane::testing {
 namespace {
@@ -46,6 +47,7 @@ class GitDaemon {
 };
 
 struct GitHabits : GitServerTest {
+    using GitServerTest::dir;
     // The same history in Corvane (as `name`) and in git's daemon (as name.git).
     void serveBoth(const std::string& name, const std::string& source) {
         create(name);
@@ -81,6 +83,90 @@ TEST_F(GitHabits, TagsArePeeledAndAPlainFetchFollowsNewOnes) {
     EXPECT_EQ(trimmed(sh(clone, "git cat-file -t v3")), "tag");
     EXPECT_EQ(sh(clone, "git rev-parse v3^{commit}"), sh(source, "git rev-parse main"));
     EXPECT_NE(shTry(clone, "git rev-parse -q --verify side-tag").status, 0);
+}
+
+// Eight commits on main, with a two-commit topic branch merged in the middle: depths are
+// counted along the shortest way.
+std::string makeHistory(GitHabits& test) {
+    std::string source = test.dir("source");
+    sh(source,
+       "git init -q -b main && for i in 1 2 3; do echo $i > m && git add m && "
+       "git commit -qm main$i; done && git checkout -q -b topic HEAD~1 && for i in 1 2; do "
+       "echo $i > t && git add t && git commit -qm topic$i; done && git checkout -q main && "
+       "git merge -q --no-ff -m merge topic && for i in 4 5 6 7; do echo $i > m && "
+       "git commit -qam main$i; done");
+    return source;
+}
+
+// What a clone holds: its shallow boundary, then every commit, checked whole by fsck.
+std::string state(const std::string& clone) {
+    return sh(clone,
+              "git fsck --no-progress && (sort .git/shallow 2> /dev/null || true) && "
+              "echo -- && git rev-list --all | sort");
+}
+
+TEST_F(GitHabits, ShallowClonesDeepenAndUnshallowAsFromGitDaemon) {
+    std::string source = makeHistory(*this);
+    serveBoth("deep", source);
+    const std::pair<const char*, std::string> steps[] = {
+        {"clone --depth 1", "git clone -q --depth 1 URL ."},
+        {"clone --depth 3, then --deepen 2, then --unshallow",
+         "git clone -q --depth 3 URL . && git fetch -q --deepen 2 && "
+         "git fsck --no-progress && git fetch -q --unshallow"},
+        {"clone --shallow-exclude", "git clone -q --shallow-exclude=topic URL ."},
+        {"clone --depth 2 --no-single-branch", "git clone -q --depth 2 --no-single-branch URL ."},
+    };
+    int n = 0;
+    for (const auto& [what, script] : steps) {
+        auto run = [&](const std::string& url) {
+            std::string clone = dir("clone" + std::to_string(n++));
+            std::string command = script;
+            command.replace(command.find("URL"), 3, url);
+            sh(clone, command);
+            return state(clone);
+        };
+        std::string ours = run(server.url("deep"));
+        EXPECT_EQ(ours, run(daemon->url("deep.git"))) << what;
+        EXPECT_NE(ours.find('\n'), std::string::npos) << what;
+    }
+    // Unshallowed, a clone has the whole history and no boundary.
+    std::string full = dir("full");
+    sh(full, "git clone -q --depth 1 " + server.url("deep") + " . && git fetch -q --unshallow");
+    EXPECT_EQ(state(full), "--\n" + sh(source, "git rev-list --all | sort"));
+}
+
+TEST_F(GitHabits, BadDepthRequestsAreRefusedWithAnErrorAndServingGoesOn) {
+    std::string source = makeHistory(*this);
+    create("deep");
+    sh(source, "git push -q " + server.url("deep") + " main");
+    std::string head = trimmed(sh(source, "git rev-parse main"));
+    const std::pair<std::string, std::string> requests[] = {
+        {"deepen 0", "ERR Invalid deepen: deepen 0"},
+        {"deepen -3", "ERR Invalid deepen: deepen -3"},
+        {"deepen 99999999999", "ERR Invalid deepen: deepen 99999999999"},
+        {"deepen two", "ERR Invalid deepen: deepen two"},
+        {"shallow 123", "ERR Invalid shallow line: shallow 123"},
+        {"shallow " + std::string(40, 'a'),
+         "ERR Shallow commit " + std::string(40, 'a') + " not found on server"},
+        {"deepen-not refs/heads/nothing", "ERR deepen-not is not a ref: refs/heads/nothing"},
+    };
+    for (const auto& [line, error] : requests) {
+        TcpClient client;
+        client.connect(server.port());
+        client.sendPktLine(std::string("git-upload-pack /deep") + '\0' + "host=localhost" + '\0');
+        client.sendPktLine("want " + head + " side-band-64k shallow\n");
+        client.sendPktLine(line + "\n");
+        client.send("0000");
+        std::string answer = client.readAll();
+        EXPECT_NE(answer.find(pktLine(error + "\n")), std::string::npos) << line << ": " << answer;
+    }
+    // The daemon still serves, and a real client shows the server's words.
+    auto refused = shTry(dir("refused"),
+                         "git clone --shallow-exclude=nothing " + server.url("deep") + " . 2>&1");
+    EXPECT_NE(refused.status, 0);
+    EXPECT_NE(refused.out.find("remote error: deepen-not is not a ref: nothing"), std::string::npos)
+        << refused.out;
+    sh(dir("after"), "git clone -q --depth 1 " + server.url("deep") + " .");
 }
 
 }  // namespace
