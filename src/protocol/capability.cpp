@@ -6,11 +6,21 @@ namespace corvane {
 
 namespace {
 
-constexpr Capability kAll[] = {
-    Capability::atomic,     Capability::deepenNot,  Capability::deepenRelative,
-    Capability::deleteRefs, Capability::includeTag, Capability::quiet,
-    Capability::noProgress, Capability::ofsDelta,   Capability::reportStatus,
-    Capability::shallow,    Capability::sideBand,   Capability::sideBand64k};
+constexpr Capability kAll[] = {Capability::allowReachableSha1InWant,
+                               Capability::allowTipSha1InWant,
+                               Capability::filter,
+                               Capability::atomic,
+                               Capability::deepenNot,
+                               Capability::deepenRelative,
+                               Capability::deleteRefs,
+                               Capability::includeTag,
+                               Capability::quiet,
+                               Capability::noProgress,
+                               Capability::ofsDelta,
+                               Capability::reportStatus,
+                               Capability::shallow,
+                               Capability::sideBand,
+                               Capability::sideBand64k};
 
 }  // namespace
 
@@ -18,6 +28,12 @@ std::string_view capabilityName(Capability capability) {
     switch (capability) {
         case Capability::atomic:
             return "atomic";
+        case Capability::allowReachableSha1InWant:
+            return "allow-reachable-sha1-in-want";
+        case Capability::allowTipSha1InWant:
+            return "allow-tip-sha1-in-want";
+        case Capability::filter:
+            return "filter";
         case Capability::deepenNot:
             return "deepen-not";
         case Capability::deepenRelative:

@@ -9,10 +9,13 @@
 namespace corvane {
 
 enum class Capability {
+    allowReachableSha1InWant,
+    allowTipSha1InWant,
     atomic,
     deepenNot,
     deepenRelative,
     deleteRefs,
+    filter,
     includeTag,
     quiet,
     noProgress,

@@ -11,10 +11,18 @@ namespace corvane {
 
 namespace {
 
-constexpr Capability kOffered[] = {Capability::sideBand,   Capability::sideBand64k,
-                                   Capability::noProgress, Capability::includeTag,
-                                   Capability::shallow,    Capability::deepenRelative,
-                                   Capability::deepenNot};
+// Wants by id are served (a partial clone fetches what it left out that way), so both kinds of
+// unadvertised wants are allowed.
+constexpr Capability kOffered[] = {Capability::sideBand,
+                                   Capability::sideBand64k,
+                                   Capability::noProgress,
+                                   Capability::includeTag,
+                                   Capability::shallow,
+                                   Capability::deepenRelative,
+                                   Capability::deepenNot,
+                                   Capability::filter,
+                                   Capability::allowTipSha1InWant,
+                                   Capability::allowReachableSha1InWant};
 
 // Tags of tags deeper than this are taken for a loop.
 constexpr int kTagChainLimit = 64;
@@ -106,10 +114,11 @@ void UploadPack::run() {
     advertiseRefs(*content);
     Capabilities capabilities;
     DepthRequest depth;
+    ObjectFilter filter;
     std::vector<std::string> wants;
     ShallowUpdate shallow;
     try {
-        wants = readRequest(capabilities, depth);
+        wants = readRequest(capabilities, depth, filter);
         if (wants.empty()) return;  // a reference listing
         shallow = updateShallow(*content, wants, depth);
     } catch (const Error& error) {
@@ -127,7 +136,7 @@ void UploadPack::run() {
     }
     auto haves = negotiate(*content);
     wants.insert(wants.end(), shallow.extraWants.begin(), shallow.extraWants.end());
-    sendPack(*content, wants, haves, capabilities, shallow.boundaries);
+    sendPack(*content, wants, haves, capabilities, shallow.boundaries, filter);
 }
 
 void UploadPack::advertiseRefs(const RepositoryContent& content) {
@@ -157,12 +166,20 @@ void UploadPack::advertiseRefs(const RepositoryContent& content) {
     socket_.writePktLine(kFlush);
 }
 
-std::vector<std::string> UploadPack::readRequest(Capabilities& capabilities, DepthRequest& depth) {
+std::vector<std::string> UploadPack::readRequest(Capabilities& capabilities, DepthRequest& depth,
+                                                 ObjectFilter& filter) {
     std::vector<std::string> wants;
     for (;;) {
         std::string line = socket_.readPktLine();
         if (line.empty()) return wants;
         if (!wants.empty() && depth.read(line)) continue;
+        if (!wants.empty() && line.starts_with("filter ")) {
+            std::string_view spec(line);
+            spec.remove_prefix(7);
+            if (spec.ends_with('\n')) spec.remove_suffix(1);
+            filter = ObjectFilter::parse(spec);
+            continue;
+        }
         auto parts = splitSpaces(line);
         if (parts.size() < 2 || parts[0] != "want") throw Error("Invalid upload-pack want");
         if (wants.empty()) {
@@ -202,7 +219,8 @@ std::vector<std::string> UploadPack::negotiate(const RepositoryContent& content)
 
 std::vector<std::string> UploadPack::selectObjects(
     const RepositoryContent& content, const std::vector<std::string>& wants,
-    const std::vector<std::string>& haves, const std::unordered_set<std::string>& boundaries) {
+    const std::vector<std::string>& haves, const std::unordered_set<std::string>& boundaries,
+    const ObjectFilter& filter) {
     std::unordered_set<std::string> seen(haves.begin(), haves.end());
     // What a known have reaches through its tree, the client has already.
     for (const auto& have : haves) {
@@ -212,15 +230,30 @@ std::vector<std::string> UploadPack::selectObjects(
     std::vector<std::string> output;
     std::vector<std::string> pendingCommits;
     std::vector<std::string> pendingTrees;
+    std::vector<std::string> blobs;
+    std::unordered_set<std::string> blobSet;
+    auto addBlob = [&](const std::string& blob) {
+        if (!seen.contains(blob) && blobSet.insert(blob).second) blobs.push_back(blob);
+    };
+    auto blobSize = [&](const std::string& blob) {
+        const std::int64_t* size = content.blobs.find(blob);
+        return size ? *size : std::int64_t{-1};
+    };
     for (const auto& want : wants) {
-        const PartialTag* tag = content.tags.find(want);
-        if (!tag) {
+        if (const PartialTag* tag = content.tags.find(want)) {
+            if (seen.insert(want).second) output.push_back(want);
+            if (tag->type == ObjectType::commit) pendingCommits.push_back(tag->target);
+            if (tag->type == ObjectType::tree && filter.keepsTrees())
+                pendingTrees.push_back(tag->target);
+            if (tag->type == ObjectType::blob && filter.keepsBlob(blobSize(tag->target)))
+                addBlob(tag->target);
+        } else if (content.trees.contains(want)) {
+            pendingTrees.push_back(want);  // asked for by id: sent whatever the filter
+        } else if (content.blobs.contains(want)) {
+            addBlob(want);
+        } else {
             pendingCommits.push_back(want);
-            continue;
         }
-        if (seen.insert(want).second) output.push_back(want);
-        if (tag->type == ObjectType::commit) pendingCommits.push_back(tag->target);
-        if (tag->type == ObjectType::tree) pendingTrees.push_back(tag->target);
     }
     while (!pendingCommits.empty()) {
         std::string id = std::move(pendingCommits.back());
@@ -232,22 +265,22 @@ std::vector<std::string> UploadPack::selectObjects(
             for (const auto& parent : commit->parents)
                 pendingCommits.push_back(parent);
         }
-        pendingTrees.push_back(commit->tree);
+        if (filter.keepsTrees()) pendingTrees.push_back(commit->tree);
         output.push_back(id);
     }
-    std::vector<std::string> blobs;
-    std::unordered_set<std::string> blobSet;
     while (!pendingTrees.empty()) {
         std::string id = std::move(pendingTrees.back());
         pendingTrees.pop_back();
         if (!seen.insert(id).second) continue;
         const PartialTree* tree = content.trees.find(id);
         if (!tree) throw Error("Tree " + id + " not found on server");
-        for (auto subtree : tree->trees)
-            pendingTrees.push_back(linkedId(subtree));
+        if (filter.keepsTrees()) {
+            for (auto subtree : tree->trees)
+                pendingTrees.push_back(linkedId(subtree));
+        }
         for (auto link : tree->blobs) {
             auto blob = linkedId(link);
-            if (!seen.contains(blob) && blobSet.insert(blob).second) blobs.push_back(blob);
+            if (filter.keepsBlob(blobSize(blob))) addBlob(blob);
         }
         output.push_back(id);
     }
@@ -257,8 +290,9 @@ std::vector<std::string> UploadPack::selectObjects(
 
 void UploadPack::sendPack(const RepositoryContent& content, const std::vector<std::string>& wants,
                           const std::vector<std::string>& haves, const Capabilities& capabilities,
-                          const std::unordered_set<std::string>& boundaries) {
-    auto ids = selectObjects(content, wants, haves, boundaries);
+                          const std::unordered_set<std::string>& boundaries,
+                          const ObjectFilter& filter) {
+    auto ids = selectObjects(content, wants, haves, boundaries, filter);
     if (capabilities.contains(Capability::includeTag)) {
         auto tags = followedTags(content, ids);
         ids.insert(ids.end(), tags.begin(), tags.end());

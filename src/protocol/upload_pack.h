@@ -2,7 +2,7 @@
 // followed by the object it peels to, "refs/tags/v1^{}", so that clients follow tags), reads
 // wants and haves, acknowledges, and streams a pack of every object the client lacks, each
 // compressed whole, fetched on demand through the object fetcher. A shallow client's history
-// is cut where it asked (shallow.h).
+// is cut where it asked (shallow.h), a partial one gets what its filter keeps (object_filter.h).
 // Runs on its connection's thread; compression workers it starts end before run() returns.
 #pragma once
 
@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "protocol/git_socket.h"
+#include "protocol/object_filter.h"
 #include "protocol/server_command.h"
 #include "protocol/shallow.h"
 #include "storage/object_fetcher.h"
@@ -28,12 +29,13 @@ class UploadPack : public ServerCommand {
     void run() override;
 
     // The object ids to send for wants and haves, tags first, then commits, trees and blobs;
-    // the walk takes no parents of `boundaries` (a shallow client's). Fails with
-    // "Commit <id> not found on server" or "Tree <id> not found on server".
+    // the walk takes no parents of `boundaries` (a shallow client's) and leaves out what the
+    // filter does (but never an object wanted by id). Fails with "Commit <id> not found on
+    // server" or "Tree <id> not found on server".
     static std::vector<std::string> selectObjects(
         const RepositoryContent& content, const std::vector<std::string>& wants,
         const std::vector<std::string>& haves,
-        const std::unordered_set<std::string>& boundaries = {});
+        const std::unordered_set<std::string>& boundaries = {}, const ObjectFilter& filter = {});
 
     // What an annotated tag finally points at, through tags of tags; none for any other id (or
     // a chain that does not end).
@@ -53,11 +55,12 @@ class UploadPack : public ServerCommand {
     void advertiseRefs(const RepositoryContent& content);
     // The wants (none: the client only listed the references), with the capabilities of the
     // first and the lines about the depth of history that follow them.
-    std::vector<std::string> readRequest(Capabilities& capabilities, DepthRequest& depth);
+    std::vector<std::string> readRequest(Capabilities& capabilities, DepthRequest& depth,
+                                         ObjectFilter& filter);
     std::vector<std::string> negotiate(const RepositoryContent& content);
     void sendPack(const RepositoryContent& content, const std::vector<std::string>& wants,
                   const std::vector<std::string>& haves, const Capabilities& capabilities,
-                  const std::unordered_set<std::string>& boundaries);
+                  const std::unordered_set<std::string>& boundaries, const ObjectFilter& filter);
 
     GitSocket& socket_;
     std::shared_ptr<Repository> repository_;

@@ -52,7 +52,9 @@ struct GitHabits : GitServerTest {
     void serveBoth(const std::string& name, const std::string& source) {
         create(name);
         sh(source, "git push -q " + server.url(name) + " 'refs/heads/*' 'refs/tags/*'");
-        sh(dir("daemon"), "git clone -q --bare " + source + " " + name + ".git");
+        sh(dir("daemon"), "git clone -q --bare " + source + " " + name + ".git && git -C " + name +
+                              ".git config uploadpack.allowFilter true && git -C " + name +
+                              ".git config uploadpack.allowAnySHA1InWant true");
         if (!daemon) daemon = std::make_unique<GitDaemon>(work.path() + "/daemon");
     }
     std::unique_ptr<GitDaemon> daemon;
@@ -135,7 +137,38 @@ TEST_F(GitHabits, ShallowClonesDeepenAndUnshallowAsFromGitDaemon) {
     EXPECT_EQ(state(full), "--\n" + sh(source, "git rev-list --all | sort"));
 }
 
-TEST_F(GitHabits, BadDepthRequestsAreRefusedWithAnErrorAndServingGoesOn) {
+TEST_F(GitHabits, PartialClonesLeaveOutWhatTheirFilterSaysAndFetchItLater) {
+    std::string source = dir("source");
+    sh(source,
+       "git init -q -b main && mkdir -p src/deep && echo small > src/a && "
+       "head -c 3000 /dev/zero | tr '\\0' x > src/deep/big && git add . && git commit -qm one && "
+       "git checkout -q -b other && echo other > src/b && head -c 5000 /dev/zero | tr '\\0' y "
+       "> big2 && git add . && git commit -qm two && git checkout -q main && echo more >> src/a "
+       "&& git commit -qam three");
+    serveBoth("partial", source);
+    // What a clone holds and lacks ("?" before an id it left out), and that it is sound.
+    auto objects = [&](const std::string& clone) {
+        return sh(clone,
+                  "git fsck --no-progress && git rev-list --all --objects --missing=print | "
+                  "sort");
+    };
+    int n = 0;
+    for (const char* filter : {"blob:none", "blob:limit=1k", "tree:0"}) {
+        auto run = [&](const std::string& url) {
+            std::string clone = dir("partial" + std::to_string(n++));
+            sh(clone, std::string("git clone -q --filter=") + filter + " " + url + " .");
+            std::string cloned = objects(clone);
+            // Another branch's files come when it is checked out.
+            sh(clone, "git checkout -q other && test \"$(cat src/b)\" = other");
+            return std::make_pair(cloned, objects(clone));
+        };
+        auto ours = run(server.url("partial"));
+        EXPECT_EQ(ours, run(daemon->url("partial.git"))) << filter;
+        EXPECT_NE(ours.first.find('?'), std::string::npos) << filter << ": nothing left out";
+    }
+}
+
+TEST_F(GitHabits, BadDepthsAndFiltersAreRefusedWithAnErrorAndServingGoesOn) {
     std::string source = makeHistory(*this);
     create("deep");
     sh(source, "git push -q " + server.url("deep") + " main");
@@ -149,6 +182,9 @@ TEST_F(GitHabits, BadDepthRequestsAreRefusedWithAnErrorAndServingGoesOn) {
         {"shallow " + std::string(40, 'a'),
          "ERR Shallow commit " + std::string(40, 'a') + " not found on server"},
         {"deepen-not refs/heads/nothing", "ERR deepen-not is not a ref: refs/heads/nothing"},
+        {"filter blob:nothing", "ERR Invalid filter-spec 'blob:nothing'"},
+        {"filter blob:limit=-1", "ERR Invalid filter-spec 'blob:limit=-1'"},
+        {"filter tree:1", "ERR Invalid filter-spec 'tree:1'"},
     };
     for (const auto& [line, error] : requests) {
         TcpClient client;
