@@ -12,6 +12,7 @@ constexpr Capability kAll[] = {Capability::allowReachableSha1InWant,
                                Capability::atomic,
                                Capability::deepenNot,
                                Capability::deepenRelative,
+                               Capability::deepenSince,
                                Capability::deleteRefs,
                                Capability::includeTag,
                                Capability::quiet,
@@ -38,6 +39,8 @@ std::string_view capabilityName(Capability capability) {
             return "deepen-not";
         case Capability::deepenRelative:
             return "deepen-relative";
+        case Capability::deepenSince:
+            return "deepen-since";
         case Capability::deleteRefs:
             return "delete-refs";
         case Capability::includeTag:

@@ -14,6 +14,7 @@ enum class Capability {
     atomic,
     deepenNot,
     deepenRelative,
+    deepenSince,
     deleteRefs,
     filter,
     includeTag,

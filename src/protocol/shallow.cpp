@@ -73,6 +73,14 @@ bool DepthRequest::read(std::string_view line) {
         depth = value;
         return true;
     }
+    if (auto time = argument("deepen-since ")) {
+        std::int64_t value = 0;
+        auto [end, error] = std::from_chars(time->data(), time->data() + time->size(), value);
+        if (error != std::errc() || end != time->data() + time->size() || value <= 0)
+            throw Error("Invalid deepen-since: " + std::string(line));
+        since = value;
+        return true;
+    }
     if (line == "deepen-relative") {
         relative = true;
         return true;
@@ -86,9 +94,9 @@ bool DepthRequest::read(std::string_view line) {
 }
 
 ShallowUpdate updateShallow(const RepositoryContent& content, const std::vector<std::string>& wants,
-                            const DepthRequest& request) {
-    if (request.depth > 0 && !request.notRefs.empty())
-        throw Error("deepen and deepen-not cannot be used together");
+                            const DepthRequest& request, const CommitTime& commitTime) {
+    if (request.depth > 0 && (!request.notRefs.empty() || request.since))
+        throw Error("deepen and deepen-since (or deepen-not) cannot be used together");
     std::unordered_set<std::string> clientShallows;
     for (const auto& id : request.shallows) {
         if (!content.commits.contains(id))
@@ -126,19 +134,28 @@ ShallowUpdate updateShallow(const RepositoryContent& content, const std::vector<
         }
     }
 
-    if (!request.notRefs.empty()) {
+    if (!request.notRefs.empty() || request.since) {
         std::vector<std::string> excludedHeads;
         for (const auto& name : request.notRefs) {
             if (auto commit = commitOfWant(content, resolveRef(content, name)))
                 excludedHeads.push_back(*commit);
         }
         auto excluded = reachable(content, excludedHeads);
+        // The walk stops at a commit older than the time, whatever its parents' times.
+        std::unordered_map<std::string, bool> old;  // each commit's time is read once
+        auto tooOld = [&](const std::string& id) {
+            if (!request.since) return false;
+            auto [known, added] = old.emplace(id, false);
+            if (added) known->second = commitTime(id) < *request.since;
+            return known->second;
+        };
         std::unordered_set<std::string> included;
         std::vector<std::string> pending(heads);
         while (!pending.empty()) {
             std::string id = std::move(pending.back());
             pending.pop_back();
-            if (excluded.contains(id) || !included.insert(id).second) continue;
+            if (excluded.contains(id) || included.contains(id) || tooOld(id)) continue;
+            included.insert(id);
             for (const auto& parent : commitOf(content, id).parents)
                 pending.push_back(parent);
         }

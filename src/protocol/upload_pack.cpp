@@ -5,6 +5,7 @@
 #include <unordered_set>
 
 #include "base/error.h"
+#include "objects/commit.h"
 #include "protocol/pack_writer.h"
 
 namespace corvane {
@@ -20,6 +21,7 @@ constexpr Capability kOffered[] = {Capability::sideBand,
                                    Capability::shallow,
                                    Capability::deepenRelative,
                                    Capability::deepenNot,
+                                   Capability::deepenSince,
                                    Capability::filter,
                                    Capability::allowTipSha1InWant,
                                    Capability::allowReachableSha1InWant};
@@ -120,7 +122,12 @@ void UploadPack::run() {
     try {
         wants = readRequest(capabilities, depth, filter);
         if (wants.empty()) return;  // a reference listing
-        shallow = updateShallow(*content, wants, depth);
+        // A v0 client asks for it among the capabilities.
+        if (capabilities.contains(Capability::deepenRelative)) depth.relative = true;
+        shallow = updateShallow(*content, wants, depth, [this](const std::string& id) {
+            auto commit = parseCommit(fetcher_.readObject(id, *repository_), TextCheck::none);
+            return static_cast<std::int64_t>(commit.committer.timestamp.value_or(0));
+        });
     } catch (const Error& error) {
         // Until the pack, a client reads plain lines: an ERR line is the error it shows.
         socket_.writePktLine("ERR " + std::string(error.what()) + "\n");
