@@ -4,11 +4,13 @@
 
 #include <future>
 
+#include "objects/sha1.h"
 #include "objects/zlib.h"
 #include "protocol/pack_writer.h"
 #include "protocol/receive_pack.h"
 #include "protocol/upload_pack.h"
 #include "socket_pair.h"
+#include "storage/cloud_fixture.h"
 #include "support/error_message.h"
 #include "support/process.h"
 #include "support/tcp_client.h"
@@ -22,18 +24,7 @@ std::string band(char channel, const std::string& data) {
     return pktLine(std::string(1, channel) + data);
 }
 
-struct Commands : ::testing::Test {
-    testing::TempDir dir;
-    Store store{dir.path() + "/Objects", Store::Timing{.runExpiryThread = false}};
-    std::unique_ptr<cloud::Container> container = [this] {
-        cloud::ContainerOptions options;
-        options.assetCacheDirectory = dir.path() + "/Assets";
-        options.account.email = "owner@example.com";
-        return cloud::Container::open(dir.path() + "/cloud.sqlite", options);
-    }();
-    LoopMainQueue mainQueue;
-    Backend backend{*container, store, mainQueue, {}};
-
+struct Commands : testing::CloudFixture {
     Object blob{ObjectType::blob, toBytes("hello\n")};
     Object tree{ObjectType::tree, treeWith(blob)};
     Object commit{ObjectType::commit,
@@ -43,21 +34,14 @@ struct Commands : ::testing::Test {
     static Bytes treeWith(const Object& object) {
         Bytes entry = toBytes("100644 hello.txt");
         entry.push_back(0);
-        for (std::size_t i = 0; i < 40; i += 2)
-            entry.push_back(
-                static_cast<std::uint8_t>(std::stoi(object.id().substr(i, 2), nullptr, 16)));
+        auto id = digestOfId(object.id());
+        entry.insert(entry.end(), id.begin(), id.end());
         return entry;
     }
 
     // A stored repository holding the commit on main, its objects in the cache.
     std::shared_ptr<Repository> storedRepository() {
-        std::optional<Result<std::shared_ptr<Repository>>> created;
-        backend.createRepository("tools", [&](auto result) {
-            created.emplace(std::move(result));
-            mainQueue.stop();
-        });
-        mainQueue.run();
-        auto repository = created->value();
+        auto repository = create("tools");
         Repository::ContentUpdate update(*repository);
         for (const auto* object : {&blob, &tree, &commit}) {
             store.putObject(*object);

@@ -18,13 +18,20 @@ std::string readError(SocketPair& pair) {
     return testing::errorMessage([&] { pair.socket->readPktLine(); });
 }
 
-TEST(GitSocket, ReadsPktLinesAndRefusesBadLengths) {
+TEST(GitSocket, ReadsPktLinesAndRefusesBadLengthsEncodingAndEndOfStream) {
     SocketPair pair;
     pair.peerWrite("0000000ahello\n0009want\n0008\r\nx\n");
     EXPECT_EQ(pair.socket->readPktLine(), "");
     EXPECT_EQ(pair.socket->readPktLine(), "hello");
     EXPECT_EQ(pair.socket->readPktLine(), "want");
     EXPECT_EQ(pair.socket->readPktLine(), "x");  // newlines trimmed at both ends
+
+    // The largest payload, and a length in capitals.
+    std::string payload(4096, 'p');
+    std::thread writer([&] { pair.peerWrite("1004" + payload + "000A" + "abcdef"); });
+    EXPECT_EQ(pair.socket->readPktLine(), payload);
+    EXPECT_EQ(pair.socket->readPktLine(), "abcdef");
+    writer.join();
 
     pair.peerWrite("0004");
     EXPECT_EQ(readError(pair), "Invalid pkt-len: 0004");
@@ -34,22 +41,9 @@ TEST(GitSocket, ReadsPktLinesAndRefusesBadLengths) {
     EXPECT_EQ(readError(pair), "Invalid pkt-len: 0003");
     pair.peerWrite("1005" + std::string(4097, 'a'));
     EXPECT_EQ(readError(pair), "Read size of 4097 exceeds maximum of 4096");
-}
-
-TEST(GitSocket, AcceptsTheLargestPayloadAndUppercaseLength) {
-    SocketPair pair;
-    std::string payload(4096, 'p');
-    std::thread writer([&] { pair.peerWrite("1004" + payload + "000A" + "abcdef"); });
-    EXPECT_EQ(pair.socket->readPktLine(), payload);
-    EXPECT_EQ(pair.socket->readPktLine(), "abcdef");
-    writer.join();
-}
-
-TEST(GitSocket, ReportsEncodingErrorsAndEndOfStream) {
-    SocketPair pair;
-    pair.peerWrite("0006\xc3\x28");
-    EXPECT_EQ(readError(pair), "UTF-8 encoding error");
-    SocketPair cut;
+    SocketPair notUtf8, cut;
+    notUtf8.peerWrite("0006\xc3\x28");
+    EXPECT_EQ(readError(notUtf8), "UTF-8 encoding error");
     cut.peerWrite("0010hal");
     cut.closePeer();
     EXPECT_EQ(readError(cut), "EOF");
@@ -67,7 +61,7 @@ TEST(Socket, FillBufferCompactsUnreadBytesToTheFront) {
     EXPECT_EQ(std::string(reinterpret_cast<const char*>(pair.socket->unread()), 4), "xyzw");
 }
 
-TEST(GitSocket, WritesPktLinesWithinTheLimit) {
+TEST(GitSocket, WritesPktLinesWithinTheLimitAndFailsOnAGonePeer) {
     SocketPair pair;
     auto sent = std::async(std::launch::async, [&] {
         pair.socket->writePktLine("abc\n");
@@ -87,9 +81,13 @@ TEST(GitSocket, WritesPktLinesWithinTheLimit) {
     EXPECT_EQ(wire.substr(0, 12), "0008abc\n0000");
     EXPECT_EQ(wire.substr(12, 4), "fff0");
     EXPECT_EQ(wire.size(), 12u + 4 + 65516);  // the refused line sent nothing
+
+    SocketPair gone;
+    gone.closePeer();
+    EXPECT_EQ(testing::errorMessage([&] { gone.socket->writePktLine("hello\n"); }), "Broken pipe");
 }
 
-TEST(GitSocket, SideBand64kSendsFullPacketsAndKeepsTheRest) {
+TEST(GitSocket, PackDataAndProgressTravelByTheChosenSideBand) {
     SocketPair pair;
     pair.socket->setCapabilities({Capability::sideBand64k});
     Bytes data(70000);
@@ -97,61 +95,38 @@ TEST(GitSocket, SideBand64kSendsFullPacketsAndKeepsTheRest) {
         data[i] = static_cast<std::uint8_t>(i * 7);
     auto sent = std::async(std::launch::async, [&] {
         pair.socket->writeSideBandData(data);
-        EXPECT_EQ(pair.socket->packBuffer().size(), 4485u);
+        EXPECT_EQ(pair.socket->packBuffer().size(), 4485u);  // only full packets went
         pair.socket->drainPackBuffer();
+        pair.socket->writeProgress("done\n");
         pair.endWrites();
     });
     std::string wire = pair.peerReadAll();
     sent.get();
-    ASSERT_EQ(wire.size(), 65520u + 4485 + 5);
+    ASSERT_EQ(wire.size(), 65520u + 4485 + 5 + 10);
     EXPECT_EQ(wire.substr(0, 5), std::string("fff0\x01"));
     EXPECT_EQ(wire.substr(65520, 5), std::string("118a\x01"));
     EXPECT_EQ(wire.substr(5, 65515), std::string(asText(data).substr(0, 65515)));
-    EXPECT_EQ(wire.substr(65525), std::string(asText(data).substr(65515)));
-}
+    EXPECT_EQ(wire.substr(65525, 4485), std::string(asText(data).substr(65515)));
+    EXPECT_EQ(wire.substr(70010), std::string("000a\x02") + "done\n");
 
-TEST(GitSocket, SideBandLimitsPacketsTo1000Bytes) {
-    SocketPair pair;
-    pair.socket->setCapabilities({Capability::sideBand});
-    EXPECT_EQ(pair.socket->sideBandLimit(), 995u);
-    pair.socket->writeSideBandData(Bytes(2000, 'q'));
-    pair.socket->drainPackBuffer();
-    pair.endWrites();
-    std::string wire = pair.peerReadAll();
-    ASSERT_EQ(wire.size(), 2000u + 3 * 5);
-    EXPECT_EQ(wire.substr(0, 5), std::string("03e8\x01"));
-    EXPECT_EQ(wire.substr(1000, 5), std::string("03e8\x01"));
-    EXPECT_EQ(wire.substr(2000, 5), std::string("000f\x01"));
-}
-
-TEST(GitSocket, UnframedPackDataIsStillHashed) {
-    SocketPair pair;
-    pair.socket->writeSideBandData(asBytes("PACK"));
-    pair.socket->writeSideBandData(asBytes("data"));
-    pair.endWrites();
-    EXPECT_EQ(pair.peerReadAll(), "PACKdata");
-    EXPECT_EQ(pair.socket->packHash().finish(), sha1(asBytes("PACKdata")));
-}
-
-TEST(GitSocket, ProgressOnlyWithSideBandAndWithoutQuiet) {
+    // The old side-band carries 995 bytes a packet; quiet silences progress; without a
+    // side-band there is no progress and pack data goes unframed. All of it is hashed.
+    std::string pack = "PACK" + std::string(1996, 'q');
     for (auto [capabilities, expected] : std::vector<std::pair<Capabilities, std::string>>{
-             {{}, ""},
-             {{Capability::sideBand64k, Capability::quiet}, ""},
-             {{Capability::sideBand64k},
-              "000a\x02"
-              "done\n"}}) {
-        SocketPair pair;
-        pair.socket->setCapabilities(capabilities);
-        pair.socket->writeProgress("done\n");
-        pair.endWrites();
-        EXPECT_EQ(pair.peerReadAll(), expected);
+             {{Capability::sideBand},
+              "03e8\x01" + pack.substr(0, 995) + "03e8\x01" + pack.substr(995, 995) + "000f\x01" +
+                  pack.substr(1990) + "000a\x02" + "done\n"},
+             {{Capability::sideBand64k, Capability::quiet}, "07d5\x01" + pack},
+             {{}, pack}}) {
+        SocketPair each;
+        each.socket->setCapabilities(capabilities);
+        each.socket->writeSideBandData(asBytes(pack));
+        each.socket->drainPackBuffer();
+        each.socket->writeProgress("done\n");
+        each.endWrites();
+        EXPECT_EQ(each.peerReadAll(), expected);
+        EXPECT_EQ(each.socket->packHash().finish(), sha1(asBytes(pack)));
     }
-}
-
-TEST(GitSocket, WritingToAGonePeerFailsWithTheSystemText) {
-    SocketPair pair;
-    pair.closePeer();
-    EXPECT_EQ(testing::errorMessage([&] { pair.socket->writePktLine("hello\n"); }), "Broken pipe");
 }
 
 TEST(Capabilities, ParsesKnownWordsOnly) {

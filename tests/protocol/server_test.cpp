@@ -25,9 +25,9 @@ namespace {
 using testing::pktLine;
 using testing::TcpClient;
 using testing::TraceCapture;
+using namespace std::string_literals;
 
 TEST(RequestLine, SplitsCommandOwnerAndName) {
-    using namespace std::string_literals;
     EXPECT_EQ(parseRequestLine("git-upload-pack /tools\0host=localhost\0"s),
               (RequestLine{"git-upload-pack", "/tools", "__defaultOwner__", "tools"}));
     EXPECT_EQ(parseRequestLine("git-receive-pack /alice/tools/x\0"s),
@@ -86,17 +86,10 @@ struct ServerFixture : ::testing::Test {
     }
 };
 
-TEST_F(ServerFixture, DispatchesToTheNamedRepository) {
-    using namespace std::string_literals;
-    EXPECT_EQ(request("git-upload-pack /tools\0host=localhost\0"s),
-              pktLine("repo __defaultOwner__ tools\n"));
+TEST_F(ServerFixture, DispatchesToTheNamedRepositoryAndServingGoesOnAfterBadRequests) {
+    TraceCapture log;
     EXPECT_EQ(request("git-upload-pack /alice/tools\0host=localhost\0"s),
               pktLine("repo alice tools\n"));
-}
-
-TEST_F(ServerFixture, BadRequestsAreLoggedClosedAndServingGoesOn) {
-    using namespace std::string_literals;
-    TraceCapture log;
     EXPECT_EQ(request("git-upload-pack /missing\0"s), "");
     EXPECT_TRUE(log.waitFor("private repository missing does not exist"));
     EXPECT_EQ(request("git-archive /tools\0"s), "");
@@ -117,11 +110,11 @@ TEST_F(ServerFixture, BadRequestsAreLoggedClosedAndServingGoesOn) {
     }
     EXPECT_TRUE(log.waitFor("EOF"));
     EXPECT_TRUE(log.contains("* git-upload-pack /missing"));
-    EXPECT_EQ(request("git-upload-pack /tools\0"s), pktLine("repo __defaultOwner__ tools\n"));
+    EXPECT_EQ(request("git-upload-pack /tools\0host=localhost\0"s),
+              pktLine("repo __defaultOwner__ tools\n"));
 }
 
 TEST_F(ServerFixture, CommandFailureGoesOnBandThreeOnlyWithASideBand) {
-    using namespace std::string_literals;
     body = [](GitSocket& socket) {
         if (socket.readPktLine() == "side-band") socket.setCapabilities({Capability::sideBand64k});
         throw Error("Something broke");
@@ -137,7 +130,6 @@ TEST_F(ServerFixture, CommandFailureGoesOnBandThreeOnlyWithASideBand) {
 }
 
 TEST_F(ServerFixture, ServesTwoConnectionsAtOnce) {
-    using namespace std::string_literals;
     body = [&](GitSocket&) {
         std::unique_lock lock(mutex);
         ++inside;
@@ -154,7 +146,6 @@ TEST_F(ServerFixture, ServesTwoConnectionsAtOnce) {
 }
 
 TEST_F(ServerFixture, AnswerSurvivesAClientThatSentMoreThanWasRead) {
-    using namespace std::string_literals;
     const std::string answer(200000, 'z');
     body = [answer](GitSocket& socket) { socket.sendAll(asBytes(answer)); };
     TcpClient client(server->port());
@@ -168,7 +159,6 @@ TEST_F(ServerFixture, AnswerSurvivesAClientThatSentMoreThanWasRead) {
 }
 
 TEST_F(ServerFixture, ClientsThatKeepTheServerWaitingAreDropped) {
-    using namespace std::string_literals;
     TraceCapture log;
     {
         TcpClient silent(server->port());  // connects and says nothing
@@ -186,7 +176,6 @@ TEST_F(ServerFixture, AcceptingGoesOnAfterRunningOutOfDescriptors) {
 #if defined(__SANITIZE_ADDRESS__)
     GTEST_SKIP() << "AddressSanitizer's runtime needs descriptors of its own";
 #endif
-    using namespace std::string_literals;
     TraceCapture log;
     TcpClient client;  // its own descriptor is taken before they run out
     // Every descriptor the process may have left is taken.

@@ -10,28 +10,6 @@ namespace corvane {
 namespace {
 
 struct BackendTest : testing::CloudFixture {
-    LoopMainQueue mainQueue;
-    std::vector<std::shared_ptr<Repository>> updated;
-    Backend backend{*container,
-                    store,
-                    mainQueue,
-                    {[this](std::shared_ptr<Repository> r) { updated.push_back(r); },
-                     [](const std::set<std::string>&) {}}};
-
-    template <typename T, typename Start>
-    T wait(Start start) {
-        std::optional<Result<T>> outcome;
-        start([&](Result<T> result) {
-            outcome.emplace(std::move(result));
-            mainQueue.stop();
-        });
-        mainQueue.run();
-        return std::move(outcome->value());
-    }
-    std::shared_ptr<Repository> create(const std::string& name) {
-        return wait<std::shared_ptr<Repository>>(
-            [&](auto done) { backend.createRepository(name, done); });
-    }
     std::vector<std::shared_ptr<Repository>> list() {
         return wait<std::vector<std::shared_ptr<Repository>>>(
             [&](auto done) { backend.fetchRepositories(done); });
