@@ -25,6 +25,7 @@ constexpr const char* kPath = "one repository, NAME or OWNER/NAME";
 constexpr const char* kUsage =
     "usage: corvane                    the window, with the git daemon inside\n"
     "       corvane serve [--port N]   the git daemon alone, until SIGINT or SIGTERM\n"
+    "       corvane git-config --port N   the git setting that sends git://localhost/ there\n"
     "       corvane create NAME\n"
     "       corvane list\n"
     "       corvane delete NAME\n"
@@ -106,6 +107,17 @@ const std::vector<std::string>& twoArguments(const std::vector<std::string>& arg
     return args;
 }
 
+// On a machine where another person's Corvane has 9418, git reaches this one's daemon on
+// another port through an insteadOf rule.
+int printGitConfig(const std::vector<std::string>& args) {
+    if (args.size() != 2 || args[0] != "--port") throw UsageError("Expected --port N");
+    auto port = parsePort(args[1]);
+    if (port == Server::kDefaultPort) throw Error("git://localhost/ already means port 9418");
+    std::printf("git config --global url.git://localhost:%u/.insteadOf git://localhost/\n",
+                static_cast<unsigned>(port));
+    return 0;
+}
+
 int store(const std::vector<std::string>& args) {
     if (args.size() == 2 && args[0] == "init") return initStore(args[1]);
     if (args.size() >= 5 && args[0] == "add-person") {
@@ -165,6 +177,7 @@ int runCommandLine(int argc, char** argv) {
         if (command == "leave") return leave(oneArgument(args, "OWNER/NAME"));
         if (command == "whoami" && args.empty()) return whoami();
         if (command == "store") return store(args);
+        if (command == "git-config") return printGitConfig(args);
         throw UsageError("Unknown command: " + command);
     } catch (const UsageError& error) {
         std::fprintf(stderr, "%s\n%s", error.what(), kUsage);

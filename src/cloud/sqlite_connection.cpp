@@ -1,6 +1,7 @@
 #include "cloud/sqlite_connection.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -79,6 +80,15 @@ std::unique_ptr<SqliteConnection> SqliteConnection::open(
         std::string message =
             "Cannot open the cloud database " + file.string() + ": " + std::strerror(errno);
         throw CloudError(kInternalError, message, message);
+    }
+    // Whoever may write the file may change anybody's repositories in it.
+    struct stat status {};
+    if (::stat(file.c_str(), &status) == 0 && (status.st_mode & (S_IWGRP | S_IWOTH))) {
+        std::string message = "The cloud database " + file.string() +
+                              " can be changed by other users; make it private with chmod "
+                              "600 " +
+                              file.string();
+        throw CloudError(kPermissionFailure, message, message);
     }
 
     sqlite3* db = nullptr;

@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <exception>
 
@@ -14,6 +15,7 @@
 #include "base/queues.h"
 #include "base/trace.h"
 #include "protocol/git_socket.h"
+#include "protocol/peer_user.h"
 #include "protocol/request_line.h"
 
 namespace corvane {
@@ -21,7 +23,8 @@ namespace corvane {
 namespace {
 
 constexpr const char* kAddress = "127.0.0.1";
-constexpr int kBacklog = 5;
+// Room for the parallel clones of a build farm: connections past it are refused.
+constexpr int kBacklog = SOMAXCONN;
 // How long and how much a finished connection keeps reading what the client still sends.
 constexpr auto kLingerTime = std::chrono::seconds(1);
 constexpr std::size_t kLingerBytes = 1 << 20;
@@ -38,6 +41,23 @@ std::string secondsText(std::chrono::milliseconds duration) {
     auto tenths = duration.count() / 100;
     return std::to_string(tenths / 10) + (tenths % 10 ? "." + std::to_string(tenths % 10) : "") +
            " s";
+}
+
+// A daemon serves the user it runs as: the loopback address keeps other machines out, not the
+// other people of this one. Refuses anyone else with an ERR line git shows.
+void refuseOtherUsers(GitSocket& connection) {
+    uid_t peer = 0;
+    try {
+        peer = peerUser(connection.sock());
+    } catch (const Error& error) {
+        connection.writePktLine("ERR access denied: the client's user cannot be determined\n");
+        throw Error(std::string("Refused a connection whose user cannot be determined: ") +
+                    error.what());
+    }
+    if (peer == ::geteuid()) return;
+    connection.writePktLine(std::string("ERR ") + Server::kOtherUserRefusal + "\n");
+    throw Error("Refused a connection of user " + std::to_string(peer) + ": this Corvane is user " +
+                std::to_string(::geteuid()) + "'s");
 }
 
 }  // namespace
@@ -79,7 +99,15 @@ bool Server::start(std::uint16_t port) {
     }
     if (!listener->setKeepAlive() || !listener->setNoSigPipe() || !listener->setReuseAddress() ||
         !listener->bind(kAddress, port) || ::listen(descriptor, kBacklog) != 0) {
-        return fail(descriptor);
+        bool taken = errno == EADDRINUSE;
+        fail(descriptor);
+        if (taken && heldByAnotherUsersCorvane(port)) {
+            trace(TraceModule::error,
+                  "Port " + std::to_string(port) +
+                      " is held by another user's Corvane: run corvane serve --port with a "
+                      "free port, and the git config line corvane git-config --port prints");
+        }
+        return false;
     }
     sockaddr_in bound{};
     socklen_t length = sizeof bound;
@@ -94,6 +122,31 @@ bool Server::start(std::uint16_t port) {
                                  " without progress");
     acceptThread_ = std::thread([this] { acceptLoop(); });
     return true;
+}
+
+bool Server::heldByAnotherUsersCorvane(std::uint16_t port) {
+    int descriptor = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (descriptor < 0) return false;
+    setTimeout(descriptor, SO_RCVTIMEO, std::chrono::seconds(2));
+    setTimeout(descriptor, SO_SNDTIMEO, std::chrono::seconds(2));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (::connect(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+        ::close(descriptor);
+        return false;
+    }
+    bool refused = false;
+    try {
+        GitSocket probe(descriptor);
+        probe.writePktLine(std::string("git-upload-pack /") + '\0' + "host=localhost" + '\0');
+        refused = probe.readPktLine().starts_with(std::string("ERR ") + kOtherUserRefusal);
+    } catch (const Error&) {
+        refused = false;
+    }
+    ::close(descriptor);
+    return refused;
 }
 
 void Server::acceptLoop() {
@@ -159,6 +212,7 @@ void Server::handleConnection(std::unique_ptr<GitSocket> connection) {
 }
 
 void Server::handleRequest(GitSocket& connection) {
+    refuseOtherUsers(connection);
     auto request = parseRequestLine(connection.readPktLine());
     setTimeout(connection.sock(), SO_RCVTIMEO, timeouts_.idle);
     trace(TraceModule::info, request.command + " " + request.path);

@@ -25,6 +25,13 @@ namespace corvane {
 class Server {
   public:
     static constexpr std::uint16_t kDefaultPort = 9418;
+    // What a client of another user is told (after "ERR ").
+    static constexpr const char* kOtherUserRefusal =
+        "access denied: this Corvane belongs to another user";
+
+    // Whether a daemon on the port refuses this user as another user's Corvane does: what a
+    // failed start on a shared machine usually means. Waits up to two seconds for an answer.
+    static bool heldByAnotherUsersCorvane(std::uint16_t port);
 
     // A connection is dropped when its client keeps the server waiting this long: for the
     // request line, or for any later read or write (a client that stopped reading a clone).

@@ -14,6 +14,7 @@
 #include "base/error.h"
 #include "base/queues.h"
 #include "base/trace.h"
+#include "cloud/private_directory.h"
 #include "objects/sha1.h"
 #include "objects/split_zlib.h"
 #include "objects/zlib.h"
@@ -138,6 +139,8 @@ Store::Store(fs::path root) : Store(std::move(root), Timing{}) {}
 
 Store::Store(fs::path root, Timing timing)
     : root_(std::move(root)), packsFolder_(root_ / kPacksFolder), timing_(timing) {
+    // Other users of the machine read nothing of the cache: everything is below a 0700 root.
+    cloud::createPrivateDirectories(root_);
     fs::create_directories(packsFolder_);
     loadNewPacks();
     if (timing_.runExpiryThread) expiryThread_ = std::thread([this] { expiryLoop(); });

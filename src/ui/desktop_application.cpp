@@ -8,11 +8,15 @@
 #include <QMessageBox>
 #include <QSocketNotifier>
 #include <QSystemTrayIcon>
+#include <QTimer>
+#include <chrono>
 #include <csignal>
+#include <future>
 #include <memory>
 
 #include "app/application.h"
 #include "base/error.h"
+#include "base/queues.h"
 #include "base/trace.h"
 #include "base/version.h"
 #include "ui/core/icons.h"
@@ -120,12 +124,33 @@ int runDesktopApplication(int argc, char** argv) {
     }
 
     window->show();
+    // Who holds the port is asked off the GUI thread: a program that never answers would keep
+    // the window, and later starts handing over to it, waiting.
+    std::future<bool> heldByAnotherUser;
     if (!application.didFinishLaunching()) {
         window->showServerProblem(
             QStringLiteral("The git daemon is not running: port %1 on 127.0.0.1 is taken by "
                            "another program. Repositories can be browsed, but git clients cannot "
                            "reach them until Corvane is started again with the port free.")
                 .arg(Server::kDefaultPort));
+        heldByAnotherUser = std::async(std::launch::async, [] {
+            setThreadName("port-probe");
+            return Server::heldByAnotherUsersCorvane(Server::kDefaultPort);
+        });
+        auto* poll = new QTimer(&app);
+        QObject::connect(poll, &QTimer::timeout, &app, [&heldByAnotherUser, &window, poll] {
+            if (heldByAnotherUser.wait_for(std::chrono::seconds(0)) != std::future_status::ready)
+                return;
+            poll->stop();
+            if (!heldByAnotherUser.get()) return;
+            window->showServerProblem(
+                QStringLiteral("The git daemon is not running: port %1 on 127.0.0.1 is held by "
+                               "another user's Corvane. Repositories can be browsed; for git "
+                               "clients, run corvane serve --port with a free port and the git "
+                               "config line that corvane git-config --port prints.")
+                    .arg(Server::kDefaultPort));
+        });
+        poll->start(100);
     }
     if (isShareLink(request)) window->joinWithLink(request);
 
