@@ -1,5 +1,5 @@
-// A real embedded record store and object cache in a fresh temporary folder, and a backend over
-// them whose asynchronous answers the test waits for.
+// An object cache in a fresh temporary folder; with it a real embedded record store and a backend
+// over both whose asynchronous answers the test waits for.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -12,10 +12,13 @@
 
 namespace corvane::testing {
 
-struct CloudFixture : ::testing::Test {
+struct StoreFixture : ::testing::Test {
     TempDir dir;
     Store::Timing timing{.runExpiryThread = false};
-    Store store{dir.path() + "/cache/Objects", timing};
+    Store store{dir.path() + "/Objects", timing};
+};
+
+struct CloudFixture : StoreFixture {
     std::unique_ptr<cloud::Container> container = openAs("owner@example.com");
     LoopMainQueue mainQueue;
     std::vector<std::shared_ptr<Repository>> updated;  // what the backend reported as saved

@@ -5,6 +5,7 @@
 #include <future>
 #include <map>
 
+#include "storage/cloud_fixture.h"
 #include "storage/repository.h"
 #include "support/error_message.h"
 #include "support/process.h"
@@ -46,10 +47,7 @@ struct FakeCloud {
     }
 };
 
-struct Fetcher : ::testing::Test {
-    testing::TempDir dir;
-    Store::Timing timing{.runExpiryThread = false};
-    Store store{dir.path() + "/Objects", timing};
+struct Fetcher : testing::StoreFixture {
     FakeCloud cloud;
     std::mutex loadedMutex;
     std::set<std::string> loaded;
@@ -132,7 +130,7 @@ TEST_F(Fetcher, NewerRequestsOfAnotherRepositoryGoFirst) {
     EXPECT_EQ(cloud.passes[1].first, "a");
 }
 
-TEST_F(Fetcher, ReadingDownloadsWhatIsMissingOrDamaged) {
+TEST_F(Fetcher, ReadingDownloadsWhatIsMissingOrDamagedAndReportsWhatCannotBe) {
     Object object = cloud.add("wanted");
     EXPECT_EQ(fetcher.readObject(object.id(), a), object);
     ASSERT_EQ(cloud.passes.size(), 1u);
@@ -143,14 +141,13 @@ TEST_F(Fetcher, ReadingDownloadsWhatIsMissingOrDamaged) {
     std::filesystem::resize_file(path, std::filesystem::file_size(path) / 2);
     EXPECT_EQ(fetcher.readObject(object.id(), a), object);
     EXPECT_EQ(cloud.passes.size(), 2u);
+
+    // An object missing from its pack, and a pack that fails, are reported.
     std::string absent = object.id().substr(0, 3) + std::string(37, '0');
     EXPECT_EQ(testing::errorMessage([&] { fetcher.readObject(absent, a); }),
               "Missing object " + absent);
-}
-
-TEST_F(Fetcher, ObjectsMissingFromTheirPackAndFailingPacksReportErrors) {
     Object present = cloud.add("present");
-    std::string absent = present.id().substr(0, 3) + std::string(37, '0');
+    absent = present.id().substr(0, 3) + std::string(37, '0');
     std::map<std::string, std::optional<std::string>> outcome;
     std::mutex mutex;
     fetcher.fetchObjects({present.id(), absent}, a, [&](const std::string& id, auto& error) {

@@ -4,13 +4,12 @@
 
 #include <fstream>
 
+#include "storage/cloud_fixture.h"
 #include "support/error_message.h"
 #include "support/process.h"
 
 namespace corvane {
 namespace {
-
-constexpr Store::Timing kNoExpiry{.runExpiryThread = false};
 
 Object numbered(int i, std::size_t size) {
     std::string text = "object " + std::to_string(i) + " ";
@@ -18,15 +17,14 @@ Object numbered(int i, std::size_t size) {
     return Object(ObjectType::blob, toBytes(text));
 }
 
-class ObjectWriterLayouts : public ::testing::TestWithParam<ObjectWriter::Layout> {};
+struct ObjectWriterLayouts : testing::StoreFixture,
+                             ::testing::WithParamInterface<ObjectWriter::Layout> {};
 
 INSTANTIATE_TEST_SUITE_P(Layouts, ObjectWriterLayouts,
                          ::testing::Values(ObjectWriter::Layout::looseFiles,
                                            ObjectWriter::Layout::packed));
 
 TEST_P(ObjectWriterLayouts, EveryObjectIsReachableUntilItsFileIsWritten) {
-    testing::TempDir dir;
-    Store store(dir.path() + "/Objects", kNoExpiry);
     std::vector<Object> objects;
     {
         // A limit below one object: each waits for the one before, and none is stuck.
@@ -42,7 +40,7 @@ TEST_P(ObjectWriterLayouts, EveryObjectIsReachableUntilItsFileIsWritten) {
         writer.put(std::make_shared<const Object>(objects.front()));  // a repeat
         writer.finish();
     }
-    Store later(dir.path() + "/Objects", kNoExpiry);
+    Store later(dir.path() + "/Objects", timing);
     for (const auto& object : objects)
         EXPECT_EQ(later.getObject(object.id()), object);
 
@@ -58,10 +56,10 @@ TEST_P(ObjectWriterLayouts, EveryObjectIsReachableUntilItsFileIsWritten) {
               packed ? 2 : 0);
 }
 
-TEST(ObjectWriter, AFailedWriteFailsTheNextPutAndFinish) {
-    testing::TempDir dir;
+using ObjectWriterTest = testing::StoreFixture;
+
+TEST_F(ObjectWriterTest, AFailedWriteFailsTheNextPutAndFinish) {
     std::string root = dir.path() + "/Objects";
-    Store store(root, kNoExpiry);
     // The cache folder became a file: no object can be written.
     std::filesystem::remove_all(root);
     std::ofstream(root) << "not a folder";

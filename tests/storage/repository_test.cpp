@@ -18,7 +18,7 @@ Repository loaded(RepositoryContent content) {
                       std::move(content), 0);
 }
 
-TEST(Repository, HeadFollowsTagChainsAndDetachedIds) {
+TEST(Repository, HeadAndTheHistoryItLeadsTo) {
     RepositoryContent content;
     content.refs["refs/heads/master"] = id('1');
     content.tags.add(id('1'), {id('2'), ObjectType::tag});
@@ -32,9 +32,8 @@ TEST(Repository, HeadFollowsTagChainsAndDetachedIds) {
     repository.setState(state);
     EXPECT_EQ(repository.headCommit(), id('7'));
     EXPECT_TRUE(repository.revList().empty());
-}
 
-TEST(Repository, ChoosesHeadFromTheBranchesWhenLoaded) {
+    // Loaded, HEAD is chosen from the branches.
     RepositoryContent withMaster;
     withMaster.refs = {{"refs/heads/dev", id('1')}, {"refs/heads/master", id('2')}};
     EXPECT_EQ(loaded(withMaster).state().head, "ref: refs/heads/master");
@@ -49,10 +48,10 @@ TEST(Repository, ChoosesHeadFromTheBranchesWhenLoaded) {
     RepositoryContent withoutMaster;
     withoutMaster.refs = {
         {"refs/heads/zeta", id('1')}, {"refs/heads/alpha", id('2')}, {"refs/tags/v1", id('3')}};
-    auto repository = loaded(withoutMaster);
-    EXPECT_EQ(repository.state().head, "ref: refs/heads/alpha");
-    EXPECT_EQ(repository.branchNames(), (std::vector<std::string>{"alpha", "zeta"}));
-    EXPECT_EQ(repository.tagNames(), std::vector<std::string>{"v1"});
+    auto named = loaded(withoutMaster);
+    EXPECT_EQ(named.state().head, "ref: refs/heads/alpha");
+    EXPECT_EQ(named.branchNames(), (std::vector<std::string>{"alpha", "zeta"}));
+    EXPECT_EQ(named.tagNames(), std::vector<std::string>{"v1"});
 
     RepositoryContent tagsOnly;
     tagsOnly.refs = {{"refs/tags/v1", id('3')}};
@@ -60,23 +59,19 @@ TEST(Repository, ChoosesHeadFromTheBranchesWhenLoaded) {
     EXPECT_EQ(bare.state().head, "ref: refs/heads/master");
     EXPECT_EQ(bare.headCommit(), std::nullopt);
     EXPECT_TRUE(bare.revList().empty());
-}
 
-TEST(Repository, RevListWalksFirstParentsAndStopsWhereSummariesEnd) {
-    RepositoryContent content;
-    content.refs["refs/heads/master"] = id('c');
-    content.commits.add(id('c'), {id('t'), {id('b'), id('x')}});
-    content.commits.add(id('b'), {id('t'), {id('a')}});  // 'a' is not summarised
-    content.commits.add(id('x'), {id('t'), {}});
-    Repository repository = loaded(content);
-    EXPECT_EQ(repository.revList(), (std::vector<std::string>{id('c'), id('b')}));
-
-    content.refs["refs/heads/side"] = id('x');
-    Repository two = loaded(content);
-    two.setHead("side");
-    EXPECT_EQ(two.revList(), std::vector<std::string>{id('x')});
-    two.setHead("master");  // the cache follows HEAD
-    EXPECT_EQ(two.revList().size(), 2u);
+    // The history walks first parents and stops where the summaries end.
+    RepositoryContent history;
+    history.refs = {{"refs/heads/master", id('c')}, {"refs/heads/side", id('x')}};
+    history.commits.add(id('c'), {id('t'), {id('b'), id('x')}});
+    history.commits.add(id('b'), {id('t'), {id('a')}});  // 'a' is not summarised
+    history.commits.add(id('x'), {id('t'), {}});
+    Repository walked = loaded(history);
+    EXPECT_EQ(walked.revList(), (std::vector<std::string>{id('c'), id('b')}));
+    walked.setHead("side");
+    EXPECT_EQ(walked.revList(), std::vector<std::string>{id('x')});
+    walked.setHead("master");  // the cache follows HEAD
+    EXPECT_EQ(walked.revList(), (std::vector<std::string>{id('c'), id('b')}));
 }
 
 TEST(Repository, IdentityUrlsAndSize) {
@@ -147,17 +142,16 @@ TEST(Repository, ReadersSeeWholeSnapshotsWhileAPushPublishes) {
 }
 
 TEST(Repository, TwoUpdatesNeverInterleave) {
-    Repository repository(id('9'), "__defaultOwner__", "tools", std::nullopt, std::nullopt, {}, 0);
+    Repository repository = loaded({});
     std::vector<std::thread> pushes;
     for (int p = 0; p < 4; ++p) {
-        pushes.emplace_back([&, p] {
+        pushes.emplace_back([&] {
             for (int i = 0; i < 50; ++i) {
                 Repository::ContentUpdate update(repository);
                 auto& counter = update.content().packs["counter"];
                 auto before = counter;
                 std::this_thread::yield();
                 counter = before + 1;
-                update.content().packs["p" + std::to_string(p)] += 1;
                 update.publish();
             }
         });

@@ -8,6 +8,7 @@
 
 #include "objects/sha1.h"
 #include "objects/zlib.h"
+#include "storage/cloud_fixture.h"
 #include "storage/file_io.h"
 #include "support/error_message.h"
 #include "support/process.h"
@@ -15,11 +16,7 @@
 namespace corvane {
 namespace {
 
-Store::Timing noThread() {
-    Store::Timing timing;
-    timing.runExpiryThread = false;
-    return timing;
-}
+using StoreTest = testing::StoreFixture;
 
 void ageFile(const std::filesystem::path& path, std::chrono::hours age) {
     auto then = std::chrono::system_clock::now() - age;
@@ -33,9 +30,7 @@ const char* kCommit =
     "tree 4b825dc642cb6eb9a060e54bf8d69288fbee4904\n"
     "author A <a@b> 1500000000 +0000\ncommitter A <a@b> 1500000000 +0000\n\nfirst\n";
 
-TEST(Store, WritesLooseObjectsAndReadsThemBackVerified) {
-    testing::TempDir dir;
-    Store store(dir.path() + "/Objects", noThread());
+TEST_F(StoreTest, WritesLooseObjectsAndReadsThemAndGitsBackVerified) {
     Object blob(ObjectType::blob, toBytes("hello\n"));
     Object empty(ObjectType::blob, {});
     Object commit(ObjectType::commit, toBytes(kCommit));
@@ -49,15 +44,28 @@ TEST(Store, WritesLooseObjectsAndReadsThemBackVerified) {
     EXPECT_EQ(asText(zlibInflate(readFile(path))), std::string_view("blob 6\0hello\n", 13));
     EXPECT_EQ(asText(zlibInflate(readFile(store.objectPath(empty.id())))),
               std::string_view("blob 0\0", 7));
-    EXPECT_EQ(store.getObject(blob.id()), blob);
     EXPECT_EQ(store.getObject(empty.id()), empty);
     EXPECT_EQ(store.getObject(commit.id()), commit);
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(path.parent_path()), {}), 1);
+    // A file of our own lends its compressed body.
+    std::optional<Bytes> stream;
+    EXPECT_EQ(store.getObject(blob.id(), &stream), blob);
+    ASSERT_TRUE(stream);
+    EXPECT_EQ(zlibInflate(*stream), blob.data());
+
+    // A loose object as git writes it, one plain stream, reads but lends nothing.
+    Object other(ObjectType::blob, toBytes("written by git"));
+    Bytes loose = toBytes("blob 14");
+    loose.push_back(0);
+    loose.insert(loose.end(), other.data().begin(), other.data().end());
+    std::filesystem::create_directories(store.objectPath(other.id()).parent_path());
+    writeFileAtomically(store.objectPath(other.id()), zlibDeflate(loose));
+    stream.reset();
+    EXPECT_EQ(store.getObject(other.id(), &stream), other);
+    EXPECT_FALSE(stream);
 }
 
-TEST(Store, CorruptFilesAreDeletedAndReported) {
-    testing::TempDir dir;
-    Store store(dir.path() + "/Objects", noThread());
+TEST_F(StoreTest, CorruptFilesAreDeletedAndReported) {
     Object blob(ObjectType::blob, Bytes(10000, 'x'));
     store.putObject(blob);
     auto path = store.objectPath(blob.id());
@@ -86,32 +94,8 @@ TEST(Store, CorruptFilesAreDeletedAndReported) {
               "Failed to decode object " + oddId);
 }
 
-TEST(Store, OwnFilesLendTheirCompressedDataAndOthersStillRead) {
-    testing::TempDir dir;
-    Store store(dir.path() + "/Objects", noThread());
-    Object blob(ObjectType::blob, Bytes(5000, 'y'));
-    store.putObject(blob);
-    std::optional<Bytes> stream;
-    EXPECT_EQ(store.getObject(blob.id(), &stream), blob);
-    ASSERT_TRUE(stream);
-    EXPECT_EQ(zlibInflate(*stream), blob.data());
-
-    // A loose object as git writes it: one plain stream.
-    Object other(ObjectType::blob, toBytes("written by git"));
-    Bytes loose = toBytes("blob 14");
-    loose.push_back(0);
-    loose.insert(loose.end(), other.data().begin(), other.data().end());
-    std::filesystem::create_directories(store.objectPath(other.id()).parent_path());
-    writeFileAtomically(store.objectPath(other.id()), zlibDeflate(loose));
-    stream.reset();
-    EXPECT_EQ(store.getObject(other.id(), &stream), other);
-    EXPECT_FALSE(stream);
-}
-
-TEST(Store, PlacesDownloadedFilesKeepingSoundOnesAlreadyThere) {
-    testing::TempDir dir;
-    Store source(dir.path() + "/source", noThread());
-    Store store(dir.path() + "/Objects", noThread());
+TEST_F(StoreTest, PlacesDownloadedFilesKeepingSoundOnesAlreadyThere) {
+    Store source(dir.path() + "/source", timing);
     Object blob(ObjectType::blob, toBytes("placed"));
     source.putObject(blob);
     store.placeObjectFile(blob.id(), source.objectPath(blob.id()));
@@ -132,11 +116,10 @@ TEST(Store, PlacesDownloadedFilesKeepingSoundOnesAlreadyThere) {
     EXPECT_FALSE(store.hasObject(std::string(40, 'a')));
 }
 
-TEST(Store, PacksHoldManyObjectsInOneFileThatEveryStoreFinds) {
-    testing::TempDir dir;
-    Store loose(dir.path() + "/loose", noThread());
-    Store writer(dir.path() + "/Objects", noThread());
-    Store other(dir.path() + "/Objects", noThread());  // as another process sees the cache
+TEST_F(StoreTest, PacksHoldManyObjectsInOneFileThatEveryStoreFinds) {
+    Store loose(dir.path() + "/loose", timing);
+    Store& writer = store;
+    Store other(dir.path() + "/Objects", timing);  // as another process sees the cache
     Object cached(ObjectType::blob, toBytes("cached already"));
     writer.putObject(cached);
     std::vector<Object> objects{Object(ObjectType::blob, Bytes(3000, 'p')),
@@ -187,9 +170,8 @@ TEST(Store, PacksHoldManyObjectsInOneFileThatEveryStoreFinds) {
     EXPECT_FALSE(std::filesystem::exists(abandoned->path()));
 }
 
-TEST(Store, SweepDeletesWhatIsUnusedForAWeek) {
-    testing::TempDir dir;
-    Store writer(dir.path() + "/Objects", noThread());
+TEST_F(StoreTest, SweepDeletesWhatIsUnusedForAWeek) {
+    Store writer(dir.path() + "/Objects", timing);  // another process
     Object old(ObjectType::blob, toBytes("old"));
     Object fresh(ObjectType::blob, toBytes("fresh"));
     Object packed(ObjectType::blob, toBytes("packed"));
@@ -201,7 +183,6 @@ TEST(Store, SweepDeletesWhatIsUnusedForAWeek) {
     auto unfinished = writer.beginPack();
     auto stillWritten = writer.beginPack();
 
-    Store store(dir.path() + "/Objects", noThread());
     auto working = store.workingFile("__defaultOwner__.abc");
     std::ofstream(working) << "meta";
     ageFile(store.objectPath(old.id()), std::chrono::hours(24 * 8));
@@ -224,11 +205,10 @@ TEST(Store, SweepDeletesWhatIsUnusedForAWeek) {
     EXPECT_EQ(store.expire(std::chrono::system_clock::now()), 0u);
 }
 
-TEST(Store, ExpiryThreadStopsPromptlyWithItsStore) {
-    testing::TempDir dir;
+TEST_F(StoreTest, ExpiryThreadStopsPromptlyWithItsStore) {
     for (int i = 0; i < 20; ++i) {
         auto started = std::chrono::steady_clock::now();
-        { Store store(dir.path() + "/Objects"); }
+        { Store expiring(dir.path() + "/Objects"); }
         EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(1));
     }
 }

@@ -6,6 +6,7 @@
 #include <rapidjson/writer.h>
 
 #include "objects/lzfse_compression.h"
+#include "storage/cloud_fixture.h"
 #include "storage/file_io.h"
 #include "storage/incremental_meta.h"
 #include "storage/repository_meta.h"
@@ -15,10 +16,7 @@
 namespace corvane {
 namespace {
 
-struct StoredRecords : ::testing::Test {
-    testing::TempDir dir;
-    Store::Timing timing{.runExpiryThread = false};
-    Store store{dir.path() + "/Objects", timing};
+struct StoredRecords : testing::StoreFixture {
     cloud::ZoneId zone{std::string(40, '9'), "__defaultOwner__"};
     int files = 0;
 
