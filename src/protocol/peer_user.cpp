@@ -64,8 +64,7 @@ Ends endsOf(int descriptor) {
 }
 
 // The client's socket seen from its own side: source = the peer, destination = us.
-std::optional<uid_t> askSockDiag(const Ends& ends, int family) {
-    int netlink = ::socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_SOCK_DIAG);
+std::optional<uid_t> askSockDiag(int netlink, const Ends& ends, int family) {
     if (netlink < 0) return std::nullopt;
     struct {
         nlmsghdr header;
@@ -114,7 +113,6 @@ std::optional<uid_t> askSockDiag(const Ends& ends, int family) {
             }
         }
     }
-    ::close(netlink);
     return owner;
 }
 
@@ -163,11 +161,21 @@ std::optional<uid_t> readProcTable(const Ends& ends, const char* path, bool asIp
 
 }  // namespace
 
-uid_t peerUser(int descriptor) {
+PeerUsers::PeerUsers()
+    : netlink_(::socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_SOCK_DIAG)) {}
+
+PeerUsers::~PeerUsers() {
+    if (netlink_ >= 0) ::close(netlink_);
+}
+
+uid_t PeerUsers::ownerOfPeer(int descriptor) {
     Ends ends = endsOf(descriptor);
-    for (int family : {AF_INET, AF_INET6}) {
-        if (family == AF_INET && !ends.ipv4) continue;
-        if (auto owner = askSockDiag(ends, family)) return *owner;
+    {
+        std::lock_guard lock(mutex_);
+        for (int family : {AF_INET, AF_INET6}) {
+            if (family == AF_INET && !ends.ipv4) continue;
+            if (auto owner = askSockDiag(netlink_, ends, family)) return *owner;
+        }
     }
     if (auto owner = readProcTable(ends, "/proc/net/tcp", false)) return *owner;
     if (auto owner = readProcTable(ends, "/proc/net/tcp6", true)) return *owner;

@@ -45,10 +45,10 @@ std::string secondsText(std::chrono::milliseconds duration) {
 
 // A daemon serves the user it runs as: the loopback address keeps other machines out, not the
 // other people of this one. Refuses anyone else with an ERR line git shows.
-void refuseOtherUsers(GitSocket& connection) {
+void refuseOtherUsers(PeerUsers& peerUsers, GitSocket& connection) {
     uid_t peer = 0;
     try {
-        peer = peerUser(connection.sock());
+        peer = peerUsers.ownerOfPeer(connection.sock());
     } catch (const Error& error) {
         connection.writePktLine("ERR access denied: the client's user cannot be determined\n");
         throw Error(std::string("Refused a connection whose user cannot be determined: ") +
@@ -115,6 +115,7 @@ bool Server::start(std::uint16_t port) {
         return fail(descriptor);
     }
     port_ = ntohs(bound.sin_port);
+    peerUsers_ = std::make_unique<PeerUsers>();
     listener_ = std::move(listener);
     trace(TraceModule::info, "Listening on port " + std::to_string(port_));
     trace(TraceModule::info, "Clients are dropped after " + secondsText(timeouts_.request) +
@@ -212,7 +213,7 @@ void Server::handleConnection(std::unique_ptr<GitSocket> connection) {
 }
 
 void Server::handleRequest(GitSocket& connection) {
-    refuseOtherUsers(connection);
+    refuseOtherUsers(*peerUsers_, connection);
     auto request = parseRequestLine(connection.readPktLine());
     setTimeout(connection.sock(), SO_RCVTIMEO, timeouts_.idle);
     trace(TraceModule::info, request.command + " " + request.path);

@@ -1,6 +1,7 @@
 // Server: the local git daemon. Listens on 127.0.0.1, accepts connections on its own "server"
 // thread, serves each connection on a thread of its own, reads the request line, looks the
-// repository up and runs the named command.
+// repository up and runs the named command. A client whose socket belongs to another user of
+// the machine is refused before its request is read.
 //
 // A failing accept() (no descriptors left, no memory, an aborted connection) is logged and
 // retried after a pause: the daemon never stops accepting while it runs.
@@ -18,6 +19,7 @@
 #include <set>
 #include <thread>
 
+#include "protocol/peer_user.h"
 #include "protocol/server_command.h"
 
 namespace corvane {
@@ -71,6 +73,7 @@ class Server {
     CommandTable commands_;
     Timeouts timeouts_;
     std::unique_ptr<GitSocket> listener_;
+    std::unique_ptr<PeerUsers> peerUsers_;  // set with the listener, before any connection
     std::uint16_t port_ = 0;
     std::thread acceptThread_;
 
