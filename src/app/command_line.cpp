@@ -25,7 +25,7 @@ constexpr const char* kPath = "one repository, NAME or OWNER/NAME";
 constexpr const char* kUsage =
     "usage: corvane                    the window, with the git daemon inside\n"
     "       corvane serve [--port N]   the git daemon alone, until SIGINT or SIGTERM\n"
-    "       corvane git-config --port N   the git setting that sends git://localhost/ there\n"
+    "       corvane git-config --port N        the git rule that sends git://localhost/ there\n"
     "       corvane create NAME\n"
     "       corvane list\n"
     "       corvane delete NAME\n"
