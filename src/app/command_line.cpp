@@ -85,6 +85,13 @@ int serve(const std::vector<std::string>& args) {
             mainQueue.run();
         } else {
             status = 1;
+            // On a shared machine the usual reason, and what to do about it.
+            if (Server::heldByAnotherUsersCorvane(port)) {
+                trace(TraceModule::error,
+                      "Port " + std::to_string(port) +
+                          " is held by another user's Corvane: run corvane serve --port with a "
+                          "free port, and the git config line corvane git-config --port prints");
+            }
         }
     } catch (...) {
         pthread_kill(signalThread.native_handle(), SIGTERM);

@@ -7,7 +7,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <chrono>
 #include <exception>
 
@@ -99,15 +98,7 @@ bool Server::start(std::uint16_t port) {
     }
     if (!listener->setKeepAlive() || !listener->setNoSigPipe() || !listener->setReuseAddress() ||
         !listener->bind(kAddress, port) || ::listen(descriptor, kBacklog) != 0) {
-        bool taken = errno == EADDRINUSE;
-        fail(descriptor);
-        if (taken && heldByAnotherUsersCorvane(port)) {
-            trace(TraceModule::error,
-                  "Port " + std::to_string(port) +
-                      " is held by another user's Corvane: run corvane serve --port with a "
-                      "free port, and the git config line corvane git-config --port prints");
-        }
-        return false;
+        return fail(descriptor);
     }
     sockaddr_in bound{};
     socklen_t length = sizeof bound;
