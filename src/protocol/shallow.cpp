@@ -18,14 +18,10 @@ const PartialCommit& commitOf(const RepositoryContent& content, const std::strin
 }
 
 // The commit a want stands for, through tags; none for a tree or blob.
-std::optional<std::string> commitOfWant(const RepositoryContent& content, std::string id) {
-    for (int depth = 0; depth < 64; ++depth) {
-        const PartialTag* tag = content.tags.find(id);
-        if (!tag) break;
-        id = tag->target;
-    }
-    if (!content.commits.contains(id)) return std::nullopt;
-    return id;
+std::optional<std::string> commitOfWant(const RepositoryContent& content, const std::string& id) {
+    std::string target = peeledTag(content, id).value_or(id);
+    if (!content.commits.contains(target)) return std::nullopt;
+    return target;
 }
 
 // Every commit reachable from `heads`.
@@ -55,7 +51,6 @@ std::string resolveRef(const RepositoryContent& content, const std::string& name
 }  // namespace
 
 bool DepthRequest::read(std::string_view line) {
-    if (!line.empty() && line.back() == '\n') line.remove_suffix(1);
     auto argument = [&](std::string_view prefix) -> std::optional<std::string_view> {
         if (!line.starts_with(prefix)) return std::nullopt;
         return line.substr(prefix.size());

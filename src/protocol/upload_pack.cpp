@@ -26,9 +26,6 @@ constexpr Capability kOffered[] = {Capability::sideBand,
                                    Capability::allowTipSha1InWant,
                                    Capability::allowReachableSha1InWant};
 
-// Tags of tags deeper than this are taken for a loop.
-constexpr int kTagChainLimit = 64;
-
 // Objects asked of the fetcher at a time while a pack is written.
 constexpr std::size_t kFetchBatch = 4096;
 
@@ -72,25 +69,13 @@ std::optional<std::string> UploadPack::headReference(const RepositoryContent& co
     return "refs/heads/" + *branch;
 }
 
-std::optional<std::string> UploadPack::peeled(const RepositoryContent& content,
-                                              const std::string& id) {
-    const PartialTag* tag = content.tags.find(id);
-    if (!tag) return std::nullopt;
-    for (int depth = 0; depth < kTagChainLimit; ++depth) {
-        const PartialTag* next = content.tags.find(tag->target);
-        if (!next) return tag->target;
-        tag = next;
-    }
-    return std::nullopt;
-}
-
 std::vector<std::string> UploadPack::followedTags(const RepositoryContent& content,
                                                   const std::vector<std::string>& sent) {
     std::unordered_set<std::string> inPack(sent.begin(), sent.end());
     std::vector<std::string> tags;
     for (auto ref = content.refs.lower_bound("refs/tags/");
          ref != content.refs.end() && ref->first.starts_with("refs/tags/"); ++ref) {
-        auto target = peeled(content, ref->second);
+        auto target = peeledTag(content, ref->second);
         if (!target || !inPack.contains(*target)) continue;
         for (std::string id = ref->second; id != *target; id = content.tags.find(id)->target) {
             if (inPack.insert(id).second) tags.push_back(id);
@@ -166,7 +151,7 @@ void UploadPack::advertiseRefs(const RepositoryContent& content) {
         line += '\n';
         socket_.writePktLine(line);
         if (name.starts_with("refs/tags/")) {
-            if (auto target = peeled(content, id))
+            if (auto target = peeledTag(content, id))
                 socket_.writePktLine(*target + " " + name + "^{}\n");
         }
     }
@@ -181,10 +166,7 @@ std::vector<std::string> UploadPack::readRequest(Capabilities& capabilities, Dep
         if (line.empty()) return wants;
         if (!wants.empty() && depth.read(line)) continue;
         if (!wants.empty() && line.starts_with("filter ")) {
-            std::string_view spec(line);
-            spec.remove_prefix(7);
-            if (spec.ends_with('\n')) spec.remove_suffix(1);
-            filter = ObjectFilter::parse(spec);
+            filter = ObjectFilter::parse(std::string_view(line).substr(7));
             continue;
         }
         auto parts = splitSpaces(line);

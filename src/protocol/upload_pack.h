@@ -37,10 +37,6 @@ class UploadPack : public ServerCommand {
         const std::vector<std::string>& haves,
         const std::unordered_set<std::string>& boundaries = {}, const ObjectFilter& filter = {});
 
-    // What an annotated tag finally points at, through tags of tags; none for any other id (or
-    // a chain that does not end).
-    static std::optional<std::string> peeled(const RepositoryContent& content,
-                                             const std::string& id);
     // The annotated tags under refs/tags/ whose chains end at an object of `sent`, with the
     // tags in their chains, that `sent` lacks: what a client asking for include-tag also gets.
     static std::vector<std::string> followedTags(const RepositoryContent& content,

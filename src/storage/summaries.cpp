@@ -65,4 +65,17 @@ void summarise(const Object& object, RepositoryContent& content) {
     }
 }
 
+std::optional<std::string> peeledTag(const RepositoryContent& content, const std::string& id) {
+    // Tags of tags deeper than this are taken for a loop.
+    constexpr int kTagChainLimit = 64;
+    const PartialTag* tag = content.tags.find(id);
+    if (!tag) return std::nullopt;
+    for (int depth = 0; depth < kTagChainLimit; ++depth) {
+        const PartialTag* next = content.tags.find(tag->target);
+        if (!next) return tag->target;
+        tag = next;
+    }
+    return std::nullopt;
+}
+
 }  // namespace corvane

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -69,5 +70,9 @@ struct RepositoryContent {
 // tree and parents, a tree's subtrees and blobs (submodule links left out), a blob's size, a
 // tag's target. Fails with the object parsers' messages.
 void summarise(const Object& object, RepositoryContent& content);
+
+// What an annotated tag finally points at, through tags of tags; none for any other id, or for
+// a chain that does not end.
+std::optional<std::string> peeledTag(const RepositoryContent& content, const std::string& id);
 
 }  // namespace corvane
