@@ -8,15 +8,15 @@
 
 namespace corvane {
 
-ObjectFilter ObjectFilter::parse(std::string_view spec) {
-    auto invalid = [&] { return Error("Invalid filter-spec '" + std::string(spec) + "'"); };
+ObjectFilter ObjectFilter::parse(std::string_view form) {
+    auto invalid = [&] { return Error("Invalid filter '" + std::string(form) + "'"); };
     ObjectFilter filter;
-    if (spec == "blob:none") {
+    if (form == "blob:none") {
         filter.kind = Kind::noBlobs;
-    } else if (spec == "tree:0") {
+    } else if (form == "tree:0") {
         filter.kind = Kind::noTrees;
-    } else if (spec.starts_with("blob:limit=")) {
-        auto number = spec.substr(11);
+    } else if (form.starts_with("blob:limit=")) {
+        auto number = form.substr(11);
         std::int64_t unit = 1;
         if (!number.empty()) {
             switch (number.back()) {

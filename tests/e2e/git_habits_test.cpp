@@ -188,9 +188,9 @@ TEST_F(GitHabits, BadDepthsAndFiltersAreRefusedWithAnErrorAndServingGoesOn) {
         {"deepen-not refs/heads/nothing", "ERR deepen-not is not a ref: refs/heads/nothing"},
         {"deepen-since yesterday", "ERR Invalid deepen-since: deepen-since yesterday"},
         {"deepen-since 4000000000", "ERR No commits selected for shallow requests"},
-        {"filter blob:nothing", "ERR Invalid filter-spec 'blob:nothing'"},
-        {"filter blob:limit=-1", "ERR Invalid filter-spec 'blob:limit=-1'"},
-        {"filter tree:1", "ERR Invalid filter-spec 'tree:1'"},
+        {"filter blob:nothing", "ERR Invalid filter 'blob:nothing'"},
+        {"filter blob:limit=-1", "ERR Invalid filter 'blob:limit=-1'"},
+        {"filter tree:1", "ERR Invalid filter 'tree:1'"},
     };
     for (const auto& [line, error] : requests) {
         TcpClient client;
