@@ -60,15 +60,21 @@ void AppState::reloadRepositories() {
 }
 
 void AppState::reloadRepository(const std::shared_ptr<Repository>& repository) {
-    backend_->fetchRepository(
-        repository->name(), repository->owner(),
-        [this, name = repository->name()](Result<std::shared_ptr<Repository>> result) {
-            if (!result.ok()) {
-                reportError("Failed to load " + quotedName(name), result.error());
-                return;
-            }
-            updateRepository(result.value());
-        });
+    auto generation = ++reloads_[repository->url()].started;
+    auto show = [this, url = repository->url(), name = repository->name(),
+                 generation](Result<std::shared_ptr<Repository>> result) {
+        if (!result.ok()) {
+            reportError("Failed to load " + quotedName(name), result.error());
+            return;
+        }
+        // Read before a later reload's, or while a change of people is still being saved: the
+        // window already shows something newer, and the change's own reload follows.
+        auto& reloads = reloads_[url];
+        if (generation <= reloads.shown || !reloads.peopleChanges.empty()) return;
+        reloads.shown = generation;
+        updateRepository(result.value());
+    };
+    backend_->fetchRepository(repository->name(), repository->owner(), std::move(show));
 }
 
 void AppState::updateRepository(const std::shared_ptr<Repository>& repository) {
@@ -178,11 +184,12 @@ void AppState::addContributor(const std::shared_ptr<Repository>& repository,
         participants.push_back({std::nullopt, email, false, Participant::Status::pending, {}});
         repository->setParticipants(std::move(participants));
     }
-    backend_->addContributor(repository, email, [this, repository, email](Result<Done> result) {
-        if (!result.ok())
-            reportError("Failed to add contributor " + quotedName(email), result.error());
-        reloadRepository(repository);
-    });
+    changePeople(
+        repository,
+        [this, repository, email](Completion<Done> done) {
+            backend_->addContributor(repository, email, std::move(done));
+        },
+        "Failed to add contributor " + quotedName(email));
     send(event::ParticipantsModified{});
 }
 
@@ -201,11 +208,33 @@ void AppState::deleteContributor(const std::shared_ptr<Repository>& repository,
     send(event::ParticipantsModified{});
     std::string message = "Failed to delete contributor ";
     if (participant.email) message += quotedName(*participant.email);
-    backend_->deleteContributor(repository, participant,
-                                [this, repository, message](Result<Done> result) {
-                                    if (!result.ok()) reportError(message, result.error());
-                                    reloadRepository(repository);
-                                });
+    changePeople(
+        repository,
+        [this, repository, participant](Completion<Done> done) {
+            backend_->deleteContributor(repository, participant, std::move(done));
+        },
+        message);
+}
+
+void AppState::changePeople(const std::shared_ptr<Repository>& repository,
+                            std::function<void(Completion<Done>)> save, std::string failure) {
+    auto& changes = reloads_[repository->url()].peopleChanges;
+    changes.push_back([this, repository, save = std::move(save), failure = std::move(failure)] {
+        save([this, repository, failure](Result<Done> result) {
+            if (!result.ok()) reportError(failure, result.error());
+            auto& waiting = reloads_[repository->url()].peopleChanges;
+            waiting.pop_front();
+            if (!waiting.empty()) {
+                auto next = waiting.front();
+                next();
+            }
+            reloadRepository(repository);
+        });
+    });
+    if (changes.size() == 1) {
+        auto first = changes.front();
+        first();
+    }
 }
 
 void AppState::reportError(const std::string& message, const std::exception_ptr& error) {

@@ -12,8 +12,10 @@
 
 #include <atomic>
 #include <cstdint>
+#include <deque>
 #include <exception>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -70,6 +72,10 @@ class AppState {
 
   private:
     void deliver(const Event& event);
+    // Saves changes of a repository's people one after another, in the order made, so the list
+    // keeps that order; each failure is reported under `failure`.
+    void changePeople(const std::shared_ptr<Repository>& repository,
+                      std::function<void(Completion<Done>)> save, std::string failure);
     void prefetch(const std::shared_ptr<Repository>& repository, std::uint64_t selection);
 
     MainQueue& mainQueue_;
@@ -79,6 +85,14 @@ class AppState {
     std::map<std::string, std::shared_ptr<Repository>> repositories_;
     std::shared_ptr<Repository> selectedRepository_;
     std::vector<WeakEventDelegate> registry_;
+    // Per repository URL: reloads started and the last one shown, and the changes of its
+    // people not yet saved (the first is being saved). Main queue only.
+    struct Reloads {
+        std::uint64_t started = 0;
+        std::uint64_t shown = 0;
+        std::deque<std::function<void()>> peopleChanges;
+    };
+    std::map<std::string, Reloads> reloads_;
     // Selections so far; a prefetch for an earlier one is dropped.
     std::atomic<std::uint64_t> selections_{0};
     // Per repository URL, the content whose objects were last found all cached: choosing it

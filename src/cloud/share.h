@@ -27,6 +27,7 @@ struct UserIdentity {
 
     // Same record name when both have one, else the same e-mail address (ignoring case).
     bool sameUser(const UserIdentity& other) const;
+    bool operator==(const UserIdentity&) const = default;
 };
 
 enum class ParticipantType { unknown = 0, owner = 1, privateUser = 3, publicUser = 4 };
@@ -38,6 +39,8 @@ struct ShareParticipant {
     ParticipantType type = ParticipantType::privateUser;
     AcceptanceStatus acceptanceStatus = AcceptanceStatus::unknown;
     Permission permission = Permission::unknown;
+
+    bool operator==(const ShareParticipant&) const = default;
 };
 
 // The sharing state of a share record. A zone has at most one share; everyone who accepted it

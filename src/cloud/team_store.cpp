@@ -1,5 +1,6 @@
 #include "cloud/team_store.h"
 
+#include <functional>
 #include <vector>
 
 #include "base/error.h"
@@ -183,6 +184,45 @@ void requirePostgres(Connection& admin) {
         throw CloudError(kInvalidArguments, "A team store is a PostgreSQL database");
 }
 
+bool roleExists(Connection& admin, std::string_view role) {
+    return queryInteger(admin, "SELECT 1 FROM pg_roles WHERE rolname = ?", {role}).has_value();
+}
+
+bool isPerson(Connection& admin, const std::string& role) {
+    return queryInteger(admin,
+                        "SELECT 1 FROM pg_auth_members WHERE roleid = ?::regrole AND "
+                        "member = ?::regrole",
+                        {kPeopleRole, role})
+        .has_value();
+}
+
+// Roles belong to the whole server, so another database's administrator (or a test beside this
+// one) may make the same role at the same moment, and the later statement fails on it. Such a
+// failure is no failure once `done` holds; true when this statement did the work.
+bool runUnlessDoneMeanwhile(Connection& admin, const std::string& statement,
+                            const std::function<bool()>& done) {
+    admin.execute("SAVEPOINT role_change");
+    try {
+        admin.execute(statement);
+    } catch (const CloudError&) {
+        admin.execute("ROLLBACK TO SAVEPOINT role_change");
+        if (!done()) throw;
+        return false;
+    }
+    admin.execute("RELEASE SAVEPOINT role_change");
+    return true;
+}
+
+bool createRole(Connection& admin, const std::string& statement, std::string_view role) {
+    return runUnlessDoneMeanwhile(admin, statement, [&] { return roleExists(admin, role); });
+}
+
+void grantPeopleRole(Connection& admin, const std::string& role) {
+    if (isPerson(admin, role)) return;
+    runUnlessDoneMeanwhile(admin, "GRANT " + std::string(kPeopleRole) + " TO " + role,
+                           [&] { return isPerson(admin, role); });
+}
+
 }  // namespace
 
 void checkTeamPerson(Connection& connection) {
@@ -205,9 +245,8 @@ void initTeamStore(Connection& admin) {
     requirePostgres(admin);
     prepareSchema(admin);
     Transaction transaction(admin, TransactionMode::write);
-    admin.execute("DO $$ BEGIN IF NOT EXISTS (SELECT 1 FROM pg_roles WHERE rolname = '" +
-                  std::string(kPeopleRole) + "') THEN CREATE ROLE " + std::string(kPeopleRole) +
-                  " NOLOGIN; END IF; END $$");
+    if (!roleExists(admin, kPeopleRole))
+        createRole(admin, "CREATE ROLE " + std::string(kPeopleRole) + " NOLOGIN", kPeopleRole);
     // Policies are made afresh, so a new version's rules replace the old ones (and the
     // functions they used may go).
     for (const auto& table : kTables) {
@@ -253,12 +292,14 @@ std::optional<std::string> addPerson(Connection& admin, const NewPerson& person)
                              person.email + " already belongs to the role " + role.value_or("?"));
     }
     std::optional<std::string> password;
-    if (!queryInteger(admin, "SELECT 1 FROM pg_roles WHERE rolname = ?", {person.role})) {
+    if (!roleExists(admin, person.role)) {
         password = randomHex(16);
         // Neither can be a parameter; both were checked to hold only safe characters.
-        admin.execute("CREATE ROLE " + person.role + " LOGIN PASSWORD '" + *password + "'");
+        if (!createRole(admin, "CREATE ROLE " + person.role + " LOGIN PASSWORD '" + *password + "'",
+                        person.role))
+            password.reset();
     }
-    admin.execute("GRANT " + std::string(kPeopleRole) + " TO " + person.role);
+    grantPeopleRole(admin, person.role);
 
     auto space = person.name.find(' ');
     std::string given = person.name.substr(0, space);

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <limits>
+#include <thread>
 
 #include "cloud_test_support.h"
 
@@ -122,6 +123,34 @@ TEST_F(PostgresTest, AddingPeopleChecksWhatItIsGiven) {
                             NewPerson{"pg_signal_backend", "p@example.com", "P"},
                             NewPerson{"t_eve", "no address", "Eve"}})
         EXPECT_EQ(codeOf([&] { addPerson(*admin, bad); }), kInvalidArguments) << bad.role;
+
+    // Roles belong to the whole server: two stores on it adding the same person at the same
+    // moment both succeed, and exactly one of them made the role (and knows its password).
+    std::string server = std::getenv("CORVANE_TEST_POSTGRES");
+    std::string other = "corvane_race_" + std::to_string(::getpid());
+    PostgresConnection::open(server)->execute("CREATE DATABASE " + other);
+    auto otherAdmin = PostgresConnection::open(server + " dbname=" + other);
+    initTeamStore(*otherAdmin);
+    for (int round = 0; round < 8; ++round) {
+        std::string role = "t_race_" + std::to_string(round);
+        admin->execute("DROP ROLE IF EXISTS " + role);
+        std::optional<std::string> passwords[2];
+        std::string failures[2];
+        auto add = [&](int side, Connection& store) {
+            try {
+                passwords[side] = addPerson(store, NewPerson{role, role + "@example.com", "R"});
+            } catch (const std::exception& error) {
+                failures[side] = error.what();
+            }
+        };
+        std::thread first(add, 0, std::ref(*admin));
+        add(1, *otherAdmin);
+        first.join();
+        EXPECT_EQ(failures[0] + failures[1], "");
+        EXPECT_NE(passwords[0].has_value(), passwords[1].has_value()) << role;
+    }
+    otherAdmin.reset();
+    PostgresConnection::open(server)->execute("DROP DATABASE " + other + " WITH (FORCE)");
 }
 
 }  // namespace

@@ -226,6 +226,10 @@ TEST_F(ShareTest, AParticipantLeavesByDeletingTheZoneAndCanBeInvitedAgain) {
     auto url = *createShared().share->url;
     invite("gus@example.com");
     guest->acceptShare(guest->fetchShareMetadata(url, false));
+    // An invitation sent again after he accepted (a resend that crossed his answer) keeps him in.
+    EXPECT_EQ(invite("gus@example.com").share->participants[1].acceptanceStatus,
+              AcceptanceStatus::accepted);
+    EXPECT_EQ(guest->sharedCloudDatabase().fetchAllRecordZones().size(), 1u);
     guest->sharedCloudDatabase().deleteRecordZone(sharedZone());
 
     EXPECT_TRUE(guest->sharedCloudDatabase().fetchAllRecordZones().empty());

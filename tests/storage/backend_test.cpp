@@ -34,6 +34,19 @@ TEST_F(BackendTest, CreateFetchListDelete) {
 
     auto fetched = backend.fetchRepository("tools", "__defaultOwner__");
     EXPECT_EQ(fetched->id(), created->id());
+
+    // Her answer changes the people but not the share's change tag; a fetch still shows it.
+    auto ada = openAs("ada@example.com");
+    wait<Done>([&](auto done) { backend.addContributor(fetched, "ada@example.com", done); });
+    auto status = [&] {
+        return backend.fetchRepository("tools", "__defaultOwner__")->participants().at(1).status;
+    };
+    EXPECT_EQ(status(), Participant::Status::pending);
+    ada->acceptShare(ada->fetchShareMetadata(*created->shareURL(), false));
+    EXPECT_EQ(status(), Participant::Status::accepted);
+    ada->sharedCloudDatabase().deleteRecordZone(
+        ada->sharedCloudDatabase().fetchAllRecordZones()[0]);
+    EXPECT_EQ(status(), Participant::Status::removed);
     wait<Done>([&](auto done) { backend.deleteRepository(fetched, done); });
     EXPECT_EQ(testing::errorMessage([&] { backend.fetchRepository("tools", "__defaultOwner__"); }),
               "private repository tools does not exist");
