@@ -5,7 +5,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <thread>
 
 #include "base/error.h"
 #include "base/trace.h"
@@ -106,8 +108,21 @@ std::unique_ptr<SqliteConnection> SqliteConnection::open(
     // auto_vacuum only takes effect on a new file, before the first table exists.
     connection->execute("PRAGMA auto_vacuum = INCREMENTAL");
     std::string journalMode;
-    connection->execute("PRAGMA journal_mode = WAL", {},
-                        [&](const SqlRow& row) { journalMode = row.text(0); });
+    // Turning a new file to write-ahead logging needs it to itself, and SQLite reports another
+    // process opening it at that moment as busy at once, without waiting: wait here.
+    constexpr int kRetryMilliseconds = 5;
+    for (int waited = 0;; waited += kRetryMilliseconds) {
+        try {
+            connection->execute("PRAGMA journal_mode = WAL", {},
+                                [&](const SqlRow& row) { journalMode = row.text(0); });
+            break;
+        } catch (const CloudError&) {
+            if ((sqlite3_extended_errcode(db) & 0xff) != SQLITE_BUSY ||
+                waited >= kBusyTimeoutMilliseconds)
+                throw;
+            std::this_thread::sleep_for(std::chrono::milliseconds(kRetryMilliseconds));
+        }
+    }
     if (journalMode != "wal") {
         std::string message =
             "The cloud database " + file.string() + " cannot use write-ahead logging here";
