@@ -191,15 +191,15 @@ std::shared_ptr<Repository> Backend::fetchRepository(const std::string& name,
         return kept && kept->recordChangeTag && kept->recordChangeTag == stored.recordChangeTag;
     };
     // Someone accepting or leaving changes the people but not the share's change tag.
-    auto sameShare = [&](const std::optional<cloud::Record>& kept) {
-        return unchanged(kept, share) && kept->share && share.share &&
-               kept->share->participants == share.share->participants;
+    auto sameShare = [&](const std::optional<cloud::Record>& kept, const cloud::Record& stored) {
+        return unchanged(kept, stored) && kept->share && stored.share &&
+               kept->share->participants == stored.share->participants;
     };
     // A push through this process updates the kept object with the record it saved; anything
     // saved elsewhere shows as a new change tag.
     if (!repository || !unchanged(repository->record(), record)) {
         repository = decodeRepositoryRecord(record, share, repository.get());
-    } else if (!sameShare(repository->share())) {
+    } else if (!sameShare(repository->share(), share)) {
         repository =
             std::make_shared<Repository>(zone.zoneName, zone.ownerName, repository->name(), record,
                                          share, *repository->content(), repository->metaSize());
