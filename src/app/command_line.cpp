@@ -36,8 +36,8 @@ constexpr const char* kUsage =
     "       corvane join LINK\n"
     "       corvane leave OWNER/NAME\n"
     "       corvane whoami\n"
-    "       corvane store init ADDRESS          make a PostgreSQL database a team store\n"
-    "       corvane store add-person ADDRESS ROLE EMAIL NAME\n"
+    "       corvane store init [ADDRESS]        make a PostgreSQL database a team store\n"
+    "       corvane store add-person [--existing-role] [ADDRESS] ROLE EMAIL NAME\n"
     "options: --help, --version, --verbose (the log of cloud operations on stderr)\n";
 
 std::uint16_t parsePort(const std::string& text) {
@@ -125,15 +125,35 @@ int printGitConfig(const std::vector<std::string>& args) {
     return 0;
 }
 
-int store(const std::vector<std::string>& args) {
-    if (args.size() == 2 && args[0] == "init") return initStore(args[1]);
-    if (args.size() >= 5 && args[0] == "add-person") {
-        std::string name = args[4];
-        for (std::size_t i = 5; i < args.size(); ++i)
-            name += " " + args[i];
-        return addStorePerson(args[1], args[2], args[3], name);
+// A PostgreSQL address, as libpq takes it: a URI, or keyword=value pairs.
+bool isAddress(const std::string& text) {
+    return text.starts_with("postgresql://") || text.starts_with("postgres://") ||
+           text.find('=') != std::string::npos;
+}
+
+int store(std::vector<std::string> args) {
+    // Without an address on the command line, libpq's environment names the server.
+    if (!args.empty() && args[0] == "init" && args.size() <= 2)
+        return initStore(args.size() == 2 ? args[1] : "");
+    if (!args.empty() && args[0] == "add-person") {
+        args.erase(args.begin());
+        bool existingRole = !args.empty() && args[0] == "--existing-role";
+        if (existingRole) args.erase(args.begin());
+        std::string address;
+        if (!args.empty() && isAddress(args[0])) {
+            address = args[0];
+            args.erase(args.begin());
+        }
+        if (args.size() >= 3) {
+            std::string name = args[2];
+            for (std::size_t i = 3; i < args.size(); ++i)
+                name += " " + args[i];
+            return addStorePerson(address, args[0], args[1], name, existingRole);
+        }
     }
-    throw UsageError("Expected store init ADDRESS or store add-person ADDRESS ROLE EMAIL NAME");
+    throw UsageError(
+        "Expected store init [ADDRESS] or store add-person [--existing-role] [ADDRESS] ROLE "
+        "EMAIL NAME");
 }
 
 }  // namespace

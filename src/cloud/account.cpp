@@ -110,19 +110,6 @@ Account openAccount(Connection& connection, const AccountChoice& choice) {
     return *found;
 }
 
-Account openRoleAccount(Connection& connection) {
-    if (auto found = findAccount(connection, "WHERE role_name = session_user", {})) return *found;
-    throw notAPerson(connection);
-}
-
-CloudError notAPerson(Connection& connection) {
-    auto role = queryText(connection, "SELECT session_user", {}).value_or("");
-    return CloudError(kNotAuthenticated, "The database role " + role +
-                                             " is not a person of this cloud store; its "
-                                             "administrator adds it with \"corvane store "
-                                             "add-person\"");
-}
-
 std::optional<Account> findAccountByEmail(Connection& connection, std::string_view email) {
     auto key = emailKey(email);
     return findAccount(connection, "WHERE email_key = ?", {key});

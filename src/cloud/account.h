@@ -33,12 +33,6 @@ struct AccountChoice {
 
 Account openAccount(Connection& connection, const AccountChoice& choice);
 
-// On a team store: the account of the role the connection logged in as. Code 9 when the role is
-// not one of the store's people.
-Account openRoleAccount(Connection& connection);
-// Code 9 naming the connection's login, which is not one of the team store's people.
-CloudError notAPerson(Connection& connection);
-
 std::optional<Account> findAccountByEmail(Connection& connection, std::string_view email);
 std::optional<Account> findAccountByRecordName(Connection& connection, std::string_view recordName);
 std::optional<Account> findAccountById(Connection& connection, std::int64_t id);

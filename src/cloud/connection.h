@@ -16,9 +16,15 @@
 
 namespace corvane::cloud {
 
-// A bound parameter: NULL, INTEGER, TEXT or BLOB. Views only: the caller's values outlive the
-// statement because execute runs it to completion before it returns.
-using SqlParam = std::variant<std::monostate, std::int64_t, std::string_view, ByteView>;
+// Lists of values, for engines whose functions take arrays (PostgreSQL).
+using TextList = std::span<const std::string>;
+using IntegerList = std::span<const std::int64_t>;
+using BlobList = std::span<const ByteView>;
+
+// A bound parameter: NULL, INTEGER, TEXT, BLOB or a list. Views only: the caller's values outlive
+// the statement because execute runs it to completion before it returns.
+using SqlParam = std::variant<std::monostate, std::int64_t, std::string_view, ByteView, TextList,
+                              IntegerList, BlobList>;
 
 // The current result row. Values are views valid during the row callback only. Columns count
 // from 0; a NULL reads as 0, "" or no bytes.
@@ -61,9 +67,6 @@ class Connection {
     virtual void rollback() noexcept = 0;
     // Hands pages freed by deletions back to the file system, where the engine keeps them.
     virtual void releaseFreeSpace() = 0;
-    // Shows the server the token of a share link for the rest of the transaction: an engine
-    // that enforces access itself admits the share's invited people to its zone by it.
-    virtual void presentShareToken(std::string_view /*token*/) {}
     // True once the connection can no longer be used (the server went away); the pool drops it.
     virtual bool broken() const { return false; }
 

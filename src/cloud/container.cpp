@@ -9,7 +9,7 @@
 #include "cloud/share_access.h"
 #include "cloud/sqlite_checkpointer.h"
 #include "cloud/sqlite_connection.h"
-#include "cloud/team_store.h"
+#include "cloud/team_operations.h"
 
 namespace corvane::cloud {
 
@@ -19,9 +19,7 @@ Account signIn(Connection& connection, const AccountChoice& choice) {
     if (connection.dialect() == SqlDialect::postgresql) {
         // A team store's people neither change its layout nor choose who they are: the login
         // is the identity.
-        checkTeamPerson(connection);
-        checkSchema(connection);
-        return openRoleAccount(connection);
+        return teamSignIn(connection);
     }
     prepareSchema(connection);
     return openAccount(connection, choice);
@@ -83,7 +81,9 @@ void Container::acceptShare(const ShareMetadata& metadata) {
 }
 
 StorageUsage Container::storageUsage() {
+    session_->account();
     auto connection = session_->pool.acquire();
+    if (connection->dialect() == SqlDialect::postgresql) return teamStorageUsage(*connection);
     return AssetStore(*connection).usage();
 }
 

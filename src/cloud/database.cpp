@@ -13,6 +13,8 @@
 #include "cloud/record_writer.h"
 #include "cloud/session.h"
 #include "cloud/share_store.h"
+#include "cloud/team_operations.h"
+#include "cloud/team_records.h"
 #include "cloud/zone_access.h"
 
 namespace corvane::cloud {
@@ -38,6 +40,10 @@ ZoneId Database::saveRecordZone(const ZoneId& zoneId) {
                          "Zone " + zoneId.zoneName + " would belong to someone else");
     if (zoneId.zoneName.empty()) throw CloudError(kInvalidArguments, "A zone needs a name");
     auto connection = session_.pool.acquire();
+    if (connection->dialect() == SqlDialect::postgresql) {
+        teamCreateZone(*connection, zoneId.zoneName);
+        return zoneId;
+    }
     auto now = millisecondsOf(std::chrono::system_clock::now());
     connection->execute(
         "INSERT INTO zones (owner_id, name, created) VALUES (?, ?, ?) "
@@ -47,7 +53,12 @@ ZoneId Database::saveRecordZone(const ZoneId& zoneId) {
 }
 
 void Database::deleteRecordZone(const ZoneId& zoneId) {
+    session_.account();  // signs in first: the login and the store's layout are checked once
     auto connection = session_.pool.acquire();
+    if (connection->dialect() == SqlDialect::postgresql) {
+        teamDeleteZone(*connection, scope_, zoneId);
+        return;
+    }
     Transaction transaction(*connection, TransactionMode::write);
     auto grant = findZone(*connection, session_.account(), scope_, zoneId);
     if (!grant) throw CloudError(kZoneNotFound, "Zone " + zoneId.zoneName + " does not exist");
@@ -84,7 +95,9 @@ void Database::deleteRecordZone(const ZoneId& zoneId) {
 }
 
 std::vector<ZoneId> Database::fetchAllRecordZones() {
+    session_.account();
     auto connection = session_.pool.acquire();
+    if (connection->dialect() == SqlDialect::postgresql) return teamListZones(*connection, scope_);
     std::vector<ZoneId> zones;
     if (scope_ == DatabaseScope::privateScope) {
         connection->execute("SELECT name FROM zones WHERE owner_id = ? ORDER BY id",
@@ -110,6 +123,7 @@ std::vector<ZoneId> Database::fetchAllRecordZones() {
 
 void Database::fetchRecords(std::span<const RecordId> ids,
                             const std::function<void(FetchResult&&)>& perRecord) {
+    session_.account();
     for (std::size_t start = 0; start < ids.size(); start += kFetchGroupSize) {
         auto group = ids.subspan(start, std::min(kFetchGroupSize, ids.size() - start));
         // Names by zone, keeping where each id sits so results go back in the caller's order.
@@ -121,7 +135,18 @@ void Database::fetchRecords(std::span<const RecordId> ids,
         {
             auto connection = session_.pool.acquire();
             Transaction transaction(*connection, TransactionMode::read);
+            bool team = connection->dialect() == SqlDialect::postgresql;
             for (const auto& [zoneId, positions] : byZone) {
+                if (team) {
+                    std::vector<std::string> names;
+                    for (auto i : positions)
+                        names.push_back(group[i].recordName);
+                    auto found = readTeamRecords(*connection, session_.assetCache, scope_, zoneId,
+                                                 std::nullopt, names);
+                    for (std::size_t k = 0; k < positions.size(); ++k)
+                        results[positions[k]] = std::move(found[k]);
+                    continue;
+                }
                 auto grant = findZone(*connection, session_.account(), scope_, zoneId);
                 if (!grant) {
                     for (auto i : positions) {

@@ -5,7 +5,11 @@
 #include <array>
 #include <cctype>
 #include <charconv>
+#include <cstdlib>
 #include <cstring>
+#include <functional>
+#include <span>
+#include <tuple>
 #include <vector>
 
 #include "base/error.h"
@@ -19,9 +23,11 @@ constexpr Oid kBoolOid = 16;
 constexpr Oid kInt8Oid = 20;
 constexpr Oid kInt2Oid = 21;
 constexpr Oid kInt4Oid = 23;
-
-// Any number, the same in every process: the one lock that orders writers.
-constexpr std::string_view kWriterLock = "SELECT pg_advisory_xact_lock(4937315566214729)";
+constexpr Oid kTextOid = 25;
+constexpr Oid kByteaOid = 17;
+constexpr Oid kTextArrayOid = 1009;
+constexpr Oid kInt8ArrayOid = 1016;
+constexpr Oid kByteaArrayOid = 1001;
 
 std::string firstLine(const char* text) {
     std::string line = text ? text : "";
@@ -43,6 +49,13 @@ bool isLoginRefused(std::string_view message) {
 }
 
 int cloudCode(std::string_view state) {
+    // The team store's functions report cloud codes themselves: "CV" and three digits.
+    if (state.size() == 5 && state.starts_with("CV")) {
+        int code = 0;
+        auto digits = state.substr(2);
+        if (std::from_chars(digits.data(), digits.data() + digits.size(), code).ec == std::errc{})
+            return code;
+    }
     if (state.starts_with("08") || state == "57P01" || state == "57P02" || state == "57P03")
         return kNetworkFailure;
     if (state.starts_with("28")) return kNotAuthenticated;
@@ -98,6 +111,61 @@ class PostgresRow final : public SqlRow {
     int row_;
 };
 
+void appendBigEndian(std::string& out, std::uint64_t value, int size) {
+    for (int shift = (size - 1) * 8; shift >= 0; shift -= 8)
+        out += static_cast<char>((value >> shift) & 0xff);
+}
+
+// An array in the server's binary form: dimensions 1, no NULLs, the element type, the length
+// and lower bound 1, then each element as a 4-byte length and its bytes (all big-endian).
+template <typename Element>
+std::string binaryArray(std::span<const Element> elements, Oid elementType,
+                        const std::function<void(std::string&, const Element&)>& append) {
+    std::string out;
+    appendBigEndian(out, 1, 4);
+    appendBigEndian(out, 0, 4);
+    appendBigEndian(out, elementType, 4);
+    appendBigEndian(out, elements.size(), 4);
+    appendBigEndian(out, 1, 4);
+    for (const auto& element : elements) {
+        std::string bytes;
+        append(bytes, element);
+        appendBigEndian(out, bytes.size(), 4);
+        out += bytes;
+    }
+    return out;
+}
+
+// A list parameter in binary form, with its array type.
+std::pair<std::string, Oid> encodedList(const SqlParam& param) {
+    if (auto* texts = std::get_if<TextList>(&param)) {
+        return {
+            binaryArray<std::string>(
+                *texts, kTextOid, [](std::string& out, const std::string& text) { out += text; }),
+            kTextArrayOid};
+    }
+    if (auto* integers = std::get_if<IntegerList>(&param)) {
+        return {binaryArray<std::int64_t>(*integers, kInt8Oid,
+                                          [](std::string& out, const std::int64_t& value) {
+                                              appendBigEndian(out,
+                                                              static_cast<std::uint64_t>(value), 8);
+                                          }),
+                kInt8ArrayOid};
+    }
+    return {binaryArray<ByteView>(std::get<BlobList>(param), kByteaOid,
+                                  [](std::string& out, const ByteView& bytes) {
+                                      out.append(reinterpret_cast<const char*>(bytes.data()),
+                                                 bytes.size());
+                                  }),
+            kByteaArrayOid};
+}
+
+// A server on this machine: a Unix socket folder, or a loopback name or address.
+bool isLocalHost(std::string_view host) {
+    return host.empty() || host.starts_with('/') || host.starts_with('@') || host == "localhost" ||
+           host == "127.0.0.1" || host == "::1";
+}
+
 struct ResultDeleter {
     void operator()(PGresult* result) const { PQclear(result); }
 };
@@ -144,8 +212,193 @@ std::string percentEncoded(std::string_view text) {
 
 }  // namespace
 
-std::string memberAddress(const std::string& address, const std::string& role,
-                          const std::string& password) {
+namespace {
+
+// What the address names, or "" when it leaves a keyword to libpq's defaults.
+std::string addressValue(const std::string& address, std::string_view wanted) {
+    char* error = nullptr;
+    PQconninfoOption* options = PQconninfoParse(address.c_str(), &error);
+    PQfreemem(error);
+    std::string value;
+    for (auto* option = options; option && option->keyword; ++option) {
+        if (option->val && wanted == option->keyword) value = option->val;
+    }
+    PQconninfoFree(options);
+    return value;
+}
+
+}  // namespace
+
+bool tlsRequired(const std::string& address) {
+    if (!addressValue(address, "sslmode").empty() || std::getenv("PGSSLMODE")) return false;
+    std::string hosts = addressValue(address, "host");
+    if (hosts.empty()) hosts = addressValue(address, "hostaddr");
+    if (hosts.empty())
+        if (const char* host = std::getenv("PGHOST")) hosts = host;
+    std::string_view rest = hosts;
+    while (true) {
+        auto comma = rest.find(',');
+        if (!isLocalHost(rest.substr(0, comma))) return true;
+        if (comma == std::string_view::npos) return false;
+        rest.remove_prefix(comma + 1);
+    }
+}
+
+std::unique_ptr<PostgresConnection> PostgresConnection::open(
+    const std::string& address, const std::function<std::string()>& askPassword) {
+    bool tls = tlsRequired(address);
+    auto connect = [&](const std::string* password) {
+        // Defaults first: whatever the address says overrides them; a password asked for
+        // comes last.
+        std::vector<const char*> keywords{"application_name", "connect_timeout"};
+        std::vector<const char*> values{"corvane", "15"};
+        if (tls) {
+            keywords.push_back("sslmode");
+            values.push_back("require");
+        }
+        keywords.push_back("dbname");
+        values.push_back(address.c_str());
+        if (password) {
+            keywords.push_back("password");
+            values.push_back(password->c_str());
+        }
+        keywords.push_back(nullptr);
+        values.push_back(nullptr);
+        return PQconnectdbParams(keywords.data(), values.data(), 1);
+    };
+    PGconn* connection = connect(nullptr);
+    if (connection && PQstatus(connection) != CONNECTION_OK && askPassword &&
+        PQconnectionNeedsPassword(connection)) {
+        PQfinish(connection);
+        auto password = askPassword();
+        connection = connect(&password);
+    }
+    if (!connection) throw CloudError(kInternalError, "Out of memory connecting to the cloud");
+    if (PQstatus(connection) != CONNECTION_OK) {
+        auto reason = firstLine(PQerrorMessage(connection));
+        PQfinish(connection);
+        auto message = "Cannot connect to the cloud database: " + reason;
+        int code = isLoginRefused(reason) ? kNotAuthenticated : kNetworkUnavailable;
+        if (reason.find("database \"") != std::string::npos &&
+            reason.find("does not exist") != std::string::npos)
+            code = kBadContainer;
+        throw CloudError(code, message, message);
+    }
+    // Notices (a table that already exists, say) are the server talking to itself.
+    PQsetNoticeProcessor(
+        connection, [](void*, const char*) {}, nullptr);
+    auto result = std::make_unique<PostgresConnection>(Key{}, connection);
+    // Dates are Unix milliseconds computed here; the session's own settings only matter for text.
+    result->execute("SET client_encoding = 'UTF8'");
+    return result;
+}
+
+PostgresConnection::~PostgresConnection() {
+    PQfinish(connection_);
+}
+
+void PostgresConnection::begin(TransactionMode mode) {
+    // Reads see one snapshot for every statement, as SQLite's do. Writers of one zone take
+    // turns on the zone's row, which the store's functions lock.
+    execute(mode == TransactionMode::read ? "BEGIN ISOLATION LEVEL REPEATABLE READ" : "BEGIN");
+}
+
+void PostgresConnection::commit() {
+    execute("COMMIT");
+}
+
+void PostgresConnection::rollback() noexcept {
+    if (PQstatus(connection_) != CONNECTION_OK) return;
+    if (PQtransactionStatus(connection_) == PQTRANS_IDLE) return;
+    PQclear(PQexec(connection_, "ROLLBACK"));
+}
+
+void PostgresConnection::executeScript(const std::string& sql) {
+    Result result(PQexec(connection_, sql.c_str()));
+    check(result.get());
+}
+
+std::string PostgresConnection::passwordVerifier(const std::string& role,
+                                                 const std::string& password) {
+    char* verifier =
+        PQencryptPasswordConn(connection_, password.c_str(), role.c_str(), "scram-sha-256");
+    if (!verifier)
+        throw CloudError(kInternalError, "Cannot make a password verifier: " +
+                                             firstLine(PQerrorMessage(connection_)));
+    std::string text = verifier;
+    PQfreemem(verifier);
+    return text;
+}
+
+bool PostgresConnection::broken() const {
+    return PQstatus(connection_) != CONNECTION_OK;
+}
+
+void PostgresConnection::check(const PGresult* result) const {
+    auto status = result ? PQresultStatus(result) : PGRES_FATAL_ERROR;
+    if (status == PGRES_COMMAND_OK || status == PGRES_TUPLES_OK) return;
+    const char* state = result ? PQresultErrorField(result, PG_DIAG_SQLSTATE) : nullptr;
+    auto reason = firstLine(result ? PQresultErrorMessage(result) : PQerrorMessage(connection_));
+    if (broken() || !state) {
+        auto message = "The connection to the cloud database was lost: " + reason;
+        throw CloudError(kNetworkFailure, message, message);
+    }
+    std::string_view sqlState = state;
+    int code = cloudCode(sqlState);
+    // The store's own refusals read as they are; the server's other texts say where they came
+    // from, and those a person can act on are shown.
+    if (sqlState.starts_with("CV")) throw CloudError(code, reason);
+    auto message = "Cloud database: " + reason;
+    std::optional<std::string> shown;
+    if (code == kInternalError) shown = message;
+    throw CloudError(code, message, shown);
+}
+
+std::int64_t PostgresConnection::run(std::string_view sql, std::span<const SqlParam> params,
+                                     const RowHandler& onRow) {
+    auto statement = numberedParameters(sql);
+    std::vector<std::string> buffers(params.size());
+    std::vector<const char*> values(params.size(), nullptr);
+    std::vector<int> lengths(params.size(), 0);
+    std::vector<int> formats(params.size(), 0);
+    std::vector<Oid> types(params.size(), 0);
+    for (std::size_t i = 0; i < params.size(); ++i) {
+        const auto& param = params[i];
+        if (std::holds_alternative<std::monostate>(param)) continue;
+        if (auto* integer = std::get_if<std::int64_t>(&param)) {
+            buffers[i] = std::to_string(*integer);
+            values[i] = buffers[i].c_str();
+        } else if (auto* text = std::get_if<std::string_view>(&param)) {
+            // Text parameters are read up to their terminating NUL.
+            buffers[i] = std::string(*text);
+            values[i] = buffers[i].c_str();
+        } else if (auto* bytes = std::get_if<ByteView>(&param)) {
+            values[i] = bytes->empty() ? "" : reinterpret_cast<const char*>(bytes->data());
+            lengths[i] = static_cast<int>(bytes->size());
+            formats[i] = 1;
+        } else {
+            std::tie(buffers[i], types[i]) = encodedList(param);
+            values[i] = buffers[i].data();
+            lengths[i] = static_cast<int>(buffers[i].size());
+            formats[i] = 1;
+        }
+    }
+    Result result(PQexecParams(connection_, statement.c_str(), static_cast<int>(params.size()),
+                               types.data(), values.data(), lengths.data(), formats.data(), 1));
+    check(result.get());
+    if (onRow) {
+        int rows = PQntuples(result.get());
+        for (int row = 0; row < rows; ++row)
+            onRow(PostgresRow(result.get(), row));
+    }
+    const char* changed = PQcmdTuples(result.get());
+    std::int64_t count = 0;
+    if (changed && *changed) std::from_chars(changed, changed + std::strlen(changed), count);
+    return count;
+}
+
+std::string PostgresConnection::memberAddress(const std::string& address, const std::string& role,
+                                              const std::string& password) const {
     char* error = nullptr;
     PQconninfoOption* options = PQconninfoParse(address.c_str(), &error);
     if (!options) {
@@ -169,117 +422,14 @@ std::string memberAddress(const std::string& address, const std::string& role,
         }
     }
     PQconninfoFree(options);
+    // What the address left to libpq's defaults, as the connection found it.
+    if (host.empty() && PQhost(connection_)) host = PQhost(connection_);
+    if (port.empty() && PQport(connection_)) port = PQport(connection_);
+    if (database.empty() && PQdb(connection_)) database = PQdb(connection_);
     std::string uri = "postgresql://" + percentEncoded(role) + ":" + percentEncoded(password) +
                       "@" + percentEncoded(host);
     if (!port.empty()) uri += ":" + port;
     return uri + "/" + percentEncoded(database) + rest;
-}
-
-std::unique_ptr<PostgresConnection> PostgresConnection::open(const std::string& address) {
-    // Defaults first: whatever the address says overrides them.
-    std::array<const char*, 4> keywords{"application_name", "connect_timeout", "dbname", nullptr};
-    std::array<const char*, 4> values{"corvane", "15", address.c_str(), nullptr};
-    PGconn* connection = PQconnectdbParams(keywords.data(), values.data(), 1);
-    if (!connection) throw CloudError(kInternalError, "Out of memory connecting to the cloud");
-    if (PQstatus(connection) != CONNECTION_OK) {
-        auto reason = firstLine(PQerrorMessage(connection));
-        PQfinish(connection);
-        auto message = "Cannot connect to the cloud database: " + reason;
-        int code = isLoginRefused(reason) ? kNotAuthenticated : kNetworkUnavailable;
-        if (reason.find("database \"") != std::string::npos) code = kBadContainer;
-        throw CloudError(code, message, message);
-    }
-    // Notices (a table that already exists, say) are the server talking to itself.
-    PQsetNoticeProcessor(
-        connection, [](void*, const char*) {}, nullptr);
-    auto result = std::make_unique<PostgresConnection>(Key{}, connection);
-    // Dates are Unix milliseconds computed here; the session's own settings only matter for text.
-    result->execute("SET client_encoding = 'UTF8'");
-    return result;
-}
-
-PostgresConnection::~PostgresConnection() {
-    PQfinish(connection_);
-}
-
-void PostgresConnection::begin(TransactionMode mode) {
-    if (mode == TransactionMode::read) {
-        // One snapshot for every statement of the transaction, as SQLite's reads see.
-        execute("BEGIN ISOLATION LEVEL REPEATABLE READ");
-        return;
-    }
-    execute("BEGIN");
-    execute(kWriterLock);
-}
-
-void PostgresConnection::commit() {
-    execute("COMMIT");
-}
-
-void PostgresConnection::rollback() noexcept {
-    if (PQstatus(connection_) != CONNECTION_OK) return;
-    if (PQtransactionStatus(connection_) == PQTRANS_IDLE) return;
-    PQclear(PQexec(connection_, "ROLLBACK"));
-}
-
-void PostgresConnection::presentShareToken(std::string_view token) {
-    execute("SELECT set_config('corvane.share_token', ?, true)", {token});
-}
-
-bool PostgresConnection::broken() const {
-    return PQstatus(connection_) != CONNECTION_OK;
-}
-
-std::int64_t PostgresConnection::run(std::string_view sql, std::span<const SqlParam> params,
-                                     const RowHandler& onRow) {
-    auto statement = numberedParameters(sql);
-    std::vector<std::string> numbers(params.size());
-    std::vector<const char*> values(params.size(), nullptr);
-    std::vector<int> lengths(params.size(), 0);
-    std::vector<int> formats(params.size(), 0);
-    std::vector<std::string> texts(params.size());
-    for (std::size_t i = 0; i < params.size(); ++i) {
-        const auto& param = params[i];
-        if (auto* integer = std::get_if<std::int64_t>(&param)) {
-            numbers[i] = std::to_string(*integer);
-            values[i] = numbers[i].c_str();
-        } else if (auto* text = std::get_if<std::string_view>(&param)) {
-            // Text parameters are read up to their terminating NUL.
-            texts[i] = std::string(*text);
-            values[i] = texts[i].c_str();
-        } else if (auto* bytes = std::get_if<ByteView>(&param)) {
-            values[i] = bytes->empty() ? "" : reinterpret_cast<const char*>(bytes->data());
-            lengths[i] = static_cast<int>(bytes->size());
-            formats[i] = 1;
-        }
-    }
-    Result result(PQexecParams(connection_, statement.c_str(), static_cast<int>(params.size()),
-                               nullptr, values.data(), lengths.data(), formats.data(), 1));
-    auto status = result ? PQresultStatus(result.get()) : PGRES_FATAL_ERROR;
-    if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK) {
-        const char* state = result ? PQresultErrorField(result.get(), PG_DIAG_SQLSTATE) : nullptr;
-        auto reason =
-            firstLine(result ? PQresultErrorMessage(result.get()) : PQerrorMessage(connection_));
-        if (broken() || !state) {
-            auto message = "The connection to the cloud database was lost: " + reason;
-            throw CloudError(kNetworkFailure, message, message);
-        }
-        auto message = "Cloud database: " + reason;
-        int code = cloudCode(state);
-        // Texts of the server that a person can act on are shown as they are.
-        std::optional<std::string> shown;
-        if (code == kInternalError) shown = message;
-        throw CloudError(code, message, shown);
-    }
-    if (onRow) {
-        int rows = PQntuples(result.get());
-        for (int row = 0; row < rows; ++row)
-            onRow(PostgresRow(result.get(), row));
-    }
-    const char* changed = PQcmdTuples(result.get());
-    std::int64_t count = 0;
-    if (changed && *changed) std::from_chars(changed, changed + std::strlen(changed), count);
-    return count;
 }
 
 }  // namespace corvane::cloud

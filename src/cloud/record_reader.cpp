@@ -11,18 +11,53 @@
 namespace corvane::cloud {
 namespace {
 
-struct Row {
-    Record record;
-    std::vector<StoredAsset> assets;
-    std::optional<CloudError> error;
-};
+using Row = StoredRecordRow;
 
-CloudError damaged(const std::string& recordName, const std::string& reason) {
+}  // namespace
+
+CloudError damagedRecord(const std::string& recordName, const std::string& reason) {
     std::string message = "The stored record " + recordName + " is damaged: " + reason;
     return CloudError(kInternalError, message, message);
 }
 
-}  // namespace
+StoredRecordRow recordFromRow(const SqlRow& sqlRow, const ZoneId& zoneId, const AssetCache& cache) {
+    std::string name(sqlRow.text(0));
+    Row row;
+    auto& record = row.record;
+    record.recordType = sqlRow.text(1);
+    record.recordId = RecordId{name, zoneId};
+    if (!sqlRow.isNull(2)) record.setParent(RecordId{std::string(sqlRow.text(2)), zoneId});
+    try {
+        record.fields = decodeFields(sqlRow.blob(3), zoneId, [&](const StoredAsset& asset) {
+            row.assets.push_back(asset);
+            return Asset{cache.pathFor(asset.hash)};
+        });
+    } catch (const Error& error) {
+        row.error = damagedRecord(name, error.what());
+    }
+    record.recordChangeTag = std::string(sqlRow.text(4));
+    record.creationDate = dateFromMilliseconds(sqlRow.integer(5));
+    record.modificationDate = dateFromMilliseconds(sqlRow.integer(6));
+    return row;
+}
+
+std::vector<FetchResult> resultsByName(std::map<std::string, StoredRecordRow, std::less<>>& rows,
+                                       const ZoneId& zoneId, std::span<const std::string> names) {
+    std::vector<FetchResult> results;
+    for (const auto& name : names) {
+        FetchResult result{RecordId{name, zoneId}, std::nullopt, std::nullopt};
+        auto it = rows.find(name);
+        if (it == rows.end()) {
+            result.error = CloudError(kUnknownItem, "Record " + name + " does not exist");
+        } else if (it->second.error) {
+            result.error = it->second.error;
+        } else {
+            result.record = it->second.record;
+        }
+        results.push_back(std::move(result));
+    }
+    return results;
+}
 
 Date dateFromMilliseconds(std::int64_t milliseconds) {
     return Date(
@@ -51,24 +86,7 @@ std::vector<FetchResult> readRecords(Connection& connection, const AssetCache& c
 
     std::map<std::string, Row, std::less<>> rows;
     connection.execute(sql, params, [&](const SqlRow& sqlRow) {
-        std::string name(sqlRow.text(0));
-        Row row;
-        auto& record = row.record;
-        record.recordType = sqlRow.text(1);
-        record.recordId = RecordId{name, zoneId};
-        if (!sqlRow.isNull(2)) record.setParent(RecordId{std::string(sqlRow.text(2)), zoneId});
-        try {
-            record.fields = decodeFields(sqlRow.blob(3), zoneId, [&](const StoredAsset& asset) {
-                row.assets.push_back(asset);
-                return Asset{cache.pathFor(asset.hash)};
-            });
-        } catch (const Error& error) {
-            row.error = damaged(name, error.what());
-        }
-        record.recordChangeTag = std::string(sqlRow.text(4));
-        record.creationDate = dateFromMilliseconds(sqlRow.integer(5));
-        record.modificationDate = dateFromMilliseconds(sqlRow.integer(6));
-        rows.insert_or_assign(std::move(name), std::move(row));
+        rows.insert_or_assign(std::string(sqlRow.text(0)), recordFromRow(sqlRow, zoneId, cache));
     });
 
     // Contents are written out after the query, once each, however many records use them.
@@ -89,23 +107,10 @@ std::vector<FetchResult> readRecords(Connection& connection, const AssetCache& c
         }
         if (!row.error && row.record.recordType == kShareRecordType) {
             row.record.share = readShare(connection, zoneRowId);
-            if (!row.record.share) row.error = damaged(name, "its share is missing");
+            if (!row.record.share) row.error = damagedRecord(name, "its share is missing");
         }
     }
-
-    for (const auto& name : names) {
-        FetchResult result{RecordId{name, zoneId}, std::nullopt, std::nullopt};
-        auto it = rows.find(name);
-        if (it == rows.end()) {
-            result.error = CloudError(kUnknownItem, "Record " + name + " does not exist");
-        } else if (it->second.error) {
-            result.error = it->second.error;
-        } else {
-            result.record = it->second.record;
-        }
-        results.push_back(std::move(result));
-    }
-    return results;
+    return resultsByName(rows, zoneId, names);
 }
 
 }  // namespace corvane::cloud

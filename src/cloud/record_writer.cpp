@@ -17,28 +17,13 @@
 #include "cloud/field_codec.h"
 #include "cloud/record_reader.h"
 #include "cloud/share_store.h"
+#include "cloud/team_records.h"
 #include "cloud/zone_access.h"
 
 namespace corvane::cloud {
 namespace {
 
-// A record on its way in: its contents hashed before the transaction starts, so the write lock
-// is held for database work only.
-struct Pending {
-    const Record* record = nullptr;
-    std::map<std::string, std::pair<Asset, FileDigest>> digests;  // by assetKey
-    std::optional<CloudError> error;
-};
-
-// Names an asset's bytes: its file, and its range of the file when it has one.
-std::string assetKey(const Asset& asset) {
-    std::string key = asset.fileURL->string();
-    if (asset.range) {
-        key += '\0';
-        key += std::to_string(asset.range->offset) + ':' + std::to_string(asset.range->length);
-    }
-    return key;
-}
+using Pending = PreparedRecord;
 
 CloudError invalid(const std::string& message) {
     return CloudError(kInvalidArguments, message);
@@ -295,7 +280,18 @@ std::variant<Record, CloudError> Writer::write(const Pending& pending,
     return saved;
 }
 
-std::vector<SaveOutcome> failAll(const std::vector<Pending>& pending) {
+}  // namespace
+
+std::string assetKey(const Asset& asset) {
+    std::string key = asset.fileURL->string();
+    if (asset.range) {
+        key += '\0';
+        key += std::to_string(asset.range->offset) + ':' + std::to_string(asset.range->length);
+    }
+    return key;
+}
+
+std::vector<SaveOutcome> failAll(const std::vector<PreparedRecord>& pending) {
     std::vector<SaveOutcome> outcomes;
     for (const auto& item : pending) {
         auto error = item.error.value_or(
@@ -305,8 +301,6 @@ std::vector<SaveOutcome> failAll(const std::vector<Pending>& pending) {
     }
     return outcomes;
 }
-
-}  // namespace
 
 std::vector<SaveOutcome> saveRecords(Session& session, DatabaseScope scope,
                                      const std::vector<Record>& records, SavePolicy policy,
@@ -334,7 +328,10 @@ std::vector<SaveOutcome> saveRecords(Session& session, DatabaseScope scope,
         anyToWrite = anyToWrite || !item.error;
     if (!anyToWrite) return failAll(pending);
 
+    session.account();  // signs in first
     auto connection = session.pool.acquire();
+    if (connection->dialect() == SqlDialect::postgresql)
+        return saveTeamRecords(*connection, scope, pending, policy, atomic);
     Transaction transaction(*connection, TransactionMode::write);
     Writer writer(session, *connection, scope, policy);
     std::vector<SaveOutcome> outcomes;

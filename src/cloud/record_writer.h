@@ -8,6 +8,7 @@
 
 #include "base/error.h"
 #include "cloud/modify_records_operation.h"
+#include "cloud/prepared_record.h"
 #include "cloud/session.h"
 
 namespace corvane::cloud {
@@ -23,5 +24,8 @@ struct SaveOutcome {
 std::vector<SaveOutcome> saveRecords(Session& session, DatabaseScope scope,
                                      const std::vector<Record>& records, SavePolicy policy,
                                      bool atomic);
+
+// Every record refused: with its own error, or code 22 for those refused for another's.
+std::vector<SaveOutcome> failAll(const std::vector<PreparedRecord>& prepared);
 
 }  // namespace corvane::cloud

@@ -86,20 +86,6 @@ void checkNotNewer(std::int64_t version) {
 
 }  // namespace
 
-void checkSchema(Connection& connection) {
-    std::int64_t version = 0;
-    try {
-        version = storedVersion(connection);
-    } catch (const CloudError&) {
-        // No settings table: nobody set this database up.
-    }
-    checkNotNewer(version);
-    if (version < kSchemaVersion)
-        throw CloudError(kBadContainer,
-                         "The cloud database is not set up for this version of Corvane; its "
-                         "administrator runs \"corvane store init\" on it");
-}
-
 void prepareSchema(Connection& connection) {
     // A no-op, without a write lock, once the table exists.
     connection.execute(

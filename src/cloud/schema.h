@@ -15,8 +15,4 @@ inline constexpr std::int64_t kSchemaVersion = 2;
 // newer version of the program fails with code 18 and is left untouched.
 void prepareSchema(Connection& connection);
 
-// For people who may not change the layout (a team store's members): fails with code 5 unless
-// the database is at this program's version, with code 18 when it is newer.
-void checkSchema(Connection& connection);
-
 }  // namespace corvane::cloud

@@ -7,6 +7,7 @@
 #include "cloud/record_reader.h"
 #include "cloud/share_store.h"
 #include "cloud/share_url.h"
+#include "cloud/team_operations.h"
 
 namespace corvane::cloud {
 namespace {
@@ -75,7 +76,10 @@ std::optional<ShareParticipant> lookUpParticipant(Session& session, std::string_
     auto at = email.find('@');
     if (email.empty() || at == 0 || at == std::string_view::npos || at + 1 == email.size())
         return std::nullopt;
+    session.account();  // signs in first
     auto connection = session.pool.acquire();
+    if (connection->dialect() == SqlDialect::postgresql)
+        return teamLookUpParticipant(*connection, email);
     ShareParticipant participant;
     if (auto account = findAccountByEmail(*connection, email)) {
         participant.userIdentity = account->identity();
@@ -88,9 +92,15 @@ std::optional<ShareParticipant> lookUpParticipant(Session& session, std::string_
 ShareMetadata fetchShareMetadata(Session& session, std::string_view url,
                                  bool shouldFetchRootRecord) {
     auto token = tokenOf(url);
+    session.account();
     auto connection = session.pool.acquire();
     Transaction transaction(*connection, TransactionMode::read);
-    connection->presentShareToken(token);
+    if (connection->dialect() == SqlDialect::postgresql) {
+        auto metadata =
+            teamShareMetadata(*connection, session.assetCache, token, shouldFetchRootRecord);
+        transaction.commit();
+        return metadata;
+    }
     auto zone = locate(*connection, token);
     auto place = placeOf(*connection, session.account(), zone);
     auto owner = findAccountById(*connection, zone.ownerId);
@@ -124,9 +134,13 @@ ShareMetadata fetchShareMetadata(Session& session, std::string_view url,
 void acceptShare(Session& session, const ShareMetadata& metadata) {
     if (!metadata.share.share || !metadata.share.share->url) throw noShare();
     auto token = tokenOf(*metadata.share.share->url);
+    session.account();
     auto connection = session.pool.acquire();
+    if (connection->dialect() == SqlDialect::postgresql) {
+        teamAcceptShare(*connection, token);
+        return;
+    }
     Transaction transaction(*connection, TransactionMode::write);
-    connection->presentShareToken(token);
     auto zone = locate(*connection, token);
     auto place = placeOf(*connection, session.account(), zone);
     if (place.position) {

@@ -20,23 +20,27 @@ int hexValue(char c) {
 
 }  // namespace
 
-std::string makeShareUrl(std::string_view token, const std::optional<std::string>& title) {
+std::string shareUrlFragment(const std::optional<std::string>& title) {
     static constexpr char kDigits[] = "0123456789ABCDEF";
-    std::string url(kPrefix);
-    url += token;
-    if (title && !title->empty()) {
-        url += '#';
-        for (char c : *title) {
-            if (isUnreserved(c)) {
-                url += c;
-            } else {
-                auto byte = static_cast<unsigned char>(c);
-                url += '%';
-                url += kDigits[byte >> 4];
-                url += kDigits[byte & 0x0f];
-            }
+    std::string fragment;
+    for (char c : title.value_or("")) {
+        if (isUnreserved(c)) {
+            fragment += c;
+        } else {
+            auto byte = static_cast<unsigned char>(c);
+            fragment += '%';
+            fragment += kDigits[byte >> 4];
+            fragment += kDigits[byte & 0x0f];
         }
     }
+    return fragment;
+}
+
+std::string makeShareUrl(std::string_view token, const std::optional<std::string>& title) {
+    std::string url(kPrefix);
+    url += token;
+    auto fragment = shareUrlFragment(title);
+    if (!fragment.empty()) url += '#' + fragment;
     return url;
 }
 

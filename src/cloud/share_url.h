@@ -9,6 +9,8 @@
 namespace corvane::cloud {
 
 std::string makeShareUrl(std::string_view token, const std::optional<std::string>& title);
+// The title as a URL's fragment: percent-encoded, empty for none.
+std::string shareUrlFragment(const std::optional<std::string>& title);
 
 // The title a share URL's fragment names, percent-decoded ("Ärger tracker"); none without one.
 std::optional<std::string> shareTitle(std::string_view url);

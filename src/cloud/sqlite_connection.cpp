@@ -222,10 +222,12 @@ std::int64_t SqliteConnection::run(std::string_view sql, std::span<const SqlPara
         } else if (auto* text = std::get_if<std::string_view>(&param)) {
             rc = sqlite3_bind_text64(statement, index, text->empty() ? kEmpty : text->data(),
                                      text->size(), SQLITE_STATIC, SQLITE_UTF8);
-        } else {
-            auto bytes = std::get<ByteView>(param);
+        } else if (auto* blob = std::get_if<ByteView>(&param)) {
+            auto bytes = *blob;
             const void* data = bytes.empty() ? static_cast<const void*>(kEmpty) : bytes.data();
             rc = sqlite3_bind_blob64(statement, index, data, bytes.size(), SQLITE_STATIC);
+        } else {
+            throw CloudError(kInternalError, "The embedded cloud database takes no lists");
         }
         if (rc != SQLITE_OK) fail(rc, sql);
         ++index;

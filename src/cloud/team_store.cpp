@@ -1,173 +1,42 @@
 #include "cloud/team_store.h"
 
 #include <functional>
+#include <string_view>
 #include <vector>
 
 #include "base/error.h"
 #include "cloud/account.h"
 #include "cloud/crypto.h"
 #include "cloud/error_codes.h"
-#include "cloud/schema.h"
+#include "cloud/team_operations.h"
+#include "cloud/team_store_sql.h"
 
 namespace corvane::cloud {
 namespace {
 
-// Who reaches what. The functions run with the administrator's rights (SECURITY DEFINER) so
-// that the policies can look at rows the person may not read, and name the person by their
-// login (session_user: inside such a function current_user is the administrator).
-//   corvane_me()              the person's account id
-//   corvane_owns(zone)        the person owns the zone
-//   corvane_member_zones()    zones the person owns, or accepted a share of (reads and writes)
-//   corvane_reached_zones()   those, and zones where the person is a participant not removed
-//                             who shows the share's token (corvane.share_token, set for one
-//                             transaction): a share link is the only way into a zone before its
-//                             share is accepted
-// Policies test rows against these sets as "IN (SELECT …)", which the server computes once per
-// statement: a function called for every row cost a push or a clone more than half its time.
-const std::vector<std::string> kAccessRules = {
-    // PL/pgSQL, not SQL: the server keeps a PL/pgSQL function's plans for the session, and
-    // plans an SQL function's query at every call (a millisecond for each content read).
-    R"(CREATE OR REPLACE FUNCTION corvane_me() RETURNS BIGINT LANGUAGE plpgsql STABLE
-       SECURITY DEFINER SET search_path = public AS
-       $$ BEGIN RETURN (SELECT id FROM accounts WHERE role_name = session_user); END $$)",
-    R"(CREATE OR REPLACE FUNCTION corvane_owns(zone BIGINT) RETURNS BOOLEAN LANGUAGE plpgsql
-       STABLE SECURITY DEFINER SET search_path = public AS
-       $$ BEGIN RETURN EXISTS (SELECT 1 FROM zones WHERE id = zone AND owner_id = corvane_me());
-          END $$)",
-    R"(CREATE OR REPLACE FUNCTION corvane_member_zones() RETURNS SETOF BIGINT LANGUAGE plpgsql
-       STABLE SECURITY DEFINER SET search_path = public AS
-       $$ DECLARE me BIGINT := corvane_me();
-          BEGIN
-            RETURN QUERY SELECT id FROM zones WHERE owner_id = me
-              UNION SELECT zone_id FROM participants
-                WHERE account_id = me AND status = 2 AND permission = 3;
-          END $$)",
-    R"(CREATE OR REPLACE FUNCTION corvane_reached_zones() RETURNS SETOF BIGINT LANGUAGE plpgsql
-       STABLE SECURITY DEFINER SET search_path = public AS
-       $$ DECLARE me BIGINT := corvane_me();
-          BEGIN
-            RETURN QUERY SELECT id FROM zones WHERE owner_id = me
-              UNION SELECT zone_id FROM participants WHERE account_id = me AND status = 2
-              UNION SELECT s.zone_id FROM shares s JOIN participants p ON p.zone_id = s.zone_id
-                WHERE s.token = current_setting('corvane.share_token', true)
-                AND p.status <> 3 AND (p.account_id = me OR (p.account_id IS NULL
-                  AND p.email_key = (SELECT email_key FROM accounts WHERE id = me)));
-          END $$)",
-    R"(CREATE OR REPLACE FUNCTION corvane_asset_unused(content TEXT) RETURNS BOOLEAN
-       LANGUAGE plpgsql STABLE SECURITY DEFINER SET search_path = public AS
-       $$ BEGIN RETURN NOT EXISTS (SELECT 1 FROM asset_refs WHERE hash = content); END $$)",
-    // Looked up by key for each row: a join in the policy itself is planned with the row
-    // counts the server last measured, which a push outgrows, and scanned every record per row.
-    R"(CREATE OR REPLACE FUNCTION corvane_asset_readable(content TEXT) RETURNS BOOLEAN
-       LANGUAGE plpgsql STABLE SECURITY DEFINER SET search_path = public AS
-       $$ BEGIN
-            RETURN EXISTS (SELECT 1 FROM asset_refs r JOIN records c ON c.id = r.record_id
-              WHERE r.hash = content AND c.zone_id IN (SELECT corvane_reached_zones()));
-          END $$)",
-    R"(CREATE OR REPLACE FUNCTION corvane_record_writable(record BIGINT) RETURNS BOOLEAN
-       LANGUAGE plpgsql STABLE SECURITY DEFINER SET search_path = public AS
-       $$ BEGIN
-            RETURN EXISTS (SELECT 1 FROM records
-              WHERE id = record AND zone_id IN (SELECT corvane_member_zones()));
-          END $$)",
-    // Those of earlier versions.
-    "DROP FUNCTION IF EXISTS corvane_member(BIGINT), corvane_reaches(BIGINT)",
-    // Checked when the transaction commits, after all of a content's pieces are in.
-    R"(CREATE OR REPLACE FUNCTION corvane_check_asset() RETURNS TRIGGER LANGUAGE plpgsql
-       SECURITY DEFINER SET search_path = public AS $$
-       DECLARE content BYTEA;
-       BEGIN
-         IF NOT EXISTS (SELECT 1 FROM assets WHERE hash = NEW.hash) THEN
-           RETURN NULL;
-         END IF;
-         SELECT string_agg(data, ''::BYTEA ORDER BY seq) INTO content
-           FROM asset_chunks WHERE hash = NEW.hash;
-         content := coalesce(content, ''::BYTEA);
-         IF length(content) <> (SELECT size FROM assets WHERE hash = NEW.hash)
-            OR encode(sha256(content), 'hex') <> NEW.hash THEN
-           RAISE EXCEPTION 'The stored content % does not match its name', NEW.hash
-             USING ERRCODE = 'integrity_constraint_violation';
-         END IF;
-         RETURN NULL;
-       END $$)",
-    R"(CREATE OR REPLACE FUNCTION corvane_check_chunk() RETURNS TRIGGER LANGUAGE plpgsql
-       SECURITY DEFINER SET search_path = public AS $$
-       BEGIN
-         IF NOT EXISTS (SELECT 1 FROM assets WHERE hash = NEW.hash) THEN
-           RAISE EXCEPTION 'A piece of content % was stored without its content', NEW.hash
-             USING ERRCODE = 'integrity_constraint_violation';
-         END IF;
-         RETURN NULL;
-       END $$)",
-    "DROP TRIGGER IF EXISTS assets_match ON assets",
-    "CREATE CONSTRAINT TRIGGER assets_match AFTER INSERT ON assets DEFERRABLE INITIALLY "
-    "DEFERRED FOR EACH ROW EXECUTE FUNCTION corvane_check_asset()",
-    "DROP TRIGGER IF EXISTS asset_chunks_belong ON asset_chunks",
-    "CREATE CONSTRAINT TRIGGER asset_chunks_belong AFTER INSERT ON asset_chunks DEFERRABLE "
-    "INITIALLY DEFERRED FOR EACH ROW EXECUTE FUNCTION corvane_check_chunk()",
+// The functions people may call, with their argument types.
+const std::vector<std::string_view> kPeopleFunctions = {
+    "sign_in()",
+    "list_zones(INT)",
+    "create_zone(TEXT)",
+    "delete_zone(INT, TEXT, TEXT)",
+    "fetch_records(INT, TEXT, TEXT, TEXT, TEXT[])",
+    "read_contents(INT, TEXT, TEXT, TEXT, TEXT[])",
+    "missing_contents(INT, TEXT, TEXT, TEXT[])",
+    "store_contents(INT, TEXT, TEXT, TEXT[], BIGINT[], BIGINT[], BYTEA[])",
+    "save_records(INT, TEXT, TEXT, INT, BOOLEAN, TEXT[], TEXT[], TEXT[], BYTEA[], TEXT[], "
+    "BIGINT[], TEXT[], JSON)",
+    "look_up_person(TEXT)",
+    "open_share(TEXT)",
+    "accept_share(TEXT)",
+    "storage_usage()",
 };
 
-struct Policy {
-    std::string table;
-    std::string name;
-    std::string command;
-    std::string rule;        // USING, and WITH CHECK unless `check` is given
-    std::string check = {};  // empty: the rule
-};
+// Any number, the same in every process: two administrators setting up one store take turns.
+constexpr std::string_view kSetUpLock = "SELECT pg_advisory_xact_lock(4937315566214730)";
 
-const std::string kMe = "(SELECT corvane_me())";
-const std::string kMember = "zone_id IN (SELECT corvane_member_zones())";
-const std::string kReached = "zone_id IN (SELECT corvane_reached_zones())";
-
-const std::vector<Policy> kPolicies = {
-    {"settings", "read", "SELECT", "true"},
-    // The people of a team see each other, to invite them by address and show who shares.
-    {"accounts", "read", "SELECT", "true"},
-    // The owner's test comes first: a row being inserted is not yet in the sets.
-    {"zones", "read", "SELECT", "owner_id = " + kMe + " OR id IN (SELECT corvane_reached_zones())"},
-    {"zones", "create", "INSERT", "owner_id = " + kMe},
-    {"zones", "delete", "DELETE", "owner_id = " + kMe},
-    {"records", "read", "SELECT", kReached},
-    {"records", "create", "INSERT", kMember},
-    {"records", "change", "UPDATE", kMember},
-    {"records", "delete", "DELETE", kMember},
-    {"shares", "read", "SELECT", kReached},
-    {"shares", "manage", "ALL", "corvane_owns(zone_id)"},
-    {"participants", "read", "SELECT", kReached},
-    {"participants", "manage", "ALL", "corvane_owns(zone_id)"},
-    // Accepting binds one's own row to one's account; leaving marks it removed.
-    {"participants", "answer", "UPDATE",
-     kReached + " AND (account_id = " + kMe +
-         " OR (account_id IS NULL AND email_key = (SELECT email_key FROM accounts WHERE id = " +
-         kMe + ")))",
-     "account_id = " + kMe},
-    {"assets", "read", "SELECT", "true"},
-    {"assets", "add", "INSERT", "true"},
-    {"assets", "delete", "DELETE", "corvane_asset_unused(hash)"},
-    // Pieces without their content exist only inside the transaction that adds or deletes them.
-    {"asset_chunks", "read", "SELECT",
-     "corvane_asset_readable(hash) OR NOT EXISTS (SELECT 1 FROM assets a WHERE a.hash = "
-     "asset_chunks.hash)"},
-    {"asset_chunks", "add", "INSERT",
-     "NOT EXISTS (SELECT 1 FROM assets a WHERE a.hash = asset_chunks.hash)"},
-    {"asset_chunks", "delete", "DELETE",
-     "NOT EXISTS (SELECT 1 FROM assets a WHERE a.hash = asset_chunks.hash)"},
-    {"asset_refs", "read", "SELECT", "EXISTS (SELECT 1 FROM records c WHERE c.id = record_id)"},
-    {"asset_refs", "add", "INSERT", "corvane_record_writable(record_id)"},
-    {"asset_refs", "delete", "DELETE", "corvane_record_writable(record_id)"},
-};
-
-const std::vector<std::string> kTables = {"settings",   "accounts", "zones",
-                                          "records",    "assets",   "asset_chunks",
-                                          "asset_refs", "shares",   "participants"};
-
-std::string policySql(const Policy& policy) {
-    std::string sql = "CREATE POLICY corvane_" + policy.name + " ON " + policy.table + " FOR " +
-                      policy.command + " TO " + std::string(kPeopleRole);
-    if (policy.command != "INSERT") sql += " USING (" + policy.rule + ")";
-    if (policy.command != "SELECT" && policy.command != "DELETE")
-        sql += " WITH CHECK (" + (policy.check.empty() ? policy.rule : policy.check) + ")";
-    return sql;
+CloudError invalid(const std::string& message) {
+    return CloudError(kInvalidArguments, message);
 }
 
 bool isRoleName(std::string_view role) {
@@ -175,24 +44,19 @@ bool isRoleName(std::string_view role) {
     for (char c : role) {
         if (!((c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '_')) return false;
     }
-    // The server's own roles, and ours.
-    return !role.starts_with("pg_") && role != kPeopleRole;
-}
-
-void requirePostgres(Connection& admin) {
-    if (admin.dialect() != SqlDialect::postgresql)
-        throw CloudError(kInvalidArguments, "A team store is a PostgreSQL database");
+    // The server's own roles, and the stores' groups.
+    return !role.starts_with("pg_") && !role.starts_with("corvane_people");
 }
 
 bool roleExists(Connection& admin, std::string_view role) {
     return queryInteger(admin, "SELECT 1 FROM pg_roles WHERE rolname = ?", {role}).has_value();
 }
 
-bool isPerson(Connection& admin, const std::string& role) {
+bool isMember(Connection& admin, std::string_view group, std::string_view role) {
     return queryInteger(admin,
                         "SELECT 1 FROM pg_auth_members WHERE roleid = ?::regrole AND "
                         "member = ?::regrole",
-                        {kPeopleRole, role})
+                        {group, role})
         .has_value();
 }
 
@@ -213,107 +77,151 @@ bool runUnlessDoneMeanwhile(Connection& admin, const std::string& statement,
     return true;
 }
 
-bool createRole(Connection& admin, const std::string& statement, std::string_view role) {
-    return runUnlessDoneMeanwhile(admin, statement, [&] { return roleExists(admin, role); });
+void grantGroup(Connection& admin, const std::string& group, const std::string& role) {
+    if (isMember(admin, group, role)) return;
+    runUnlessDoneMeanwhile(admin, "GRANT " + group + " TO " + role,
+                           [&] { return isMember(admin, group, role); });
 }
 
-void grantPeopleRole(Connection& admin, const std::string& role) {
-    if (isPerson(admin, role)) return;
-    runUnlessDoneMeanwhile(admin, "GRANT " + std::string(kPeopleRole) + " TO " + role,
-                           [&] { return isPerson(admin, role); });
+std::optional<std::int64_t> storedLayout(Connection& admin) {
+    if (!queryInteger(admin, "SELECT 1 WHERE to_regclass('corvane.settings') IS NOT NULL", {}))
+        return std::nullopt;
+    auto text = queryText(admin, "SELECT value FROM corvane.settings WHERE name = 'layout'", {});
+    if (!text) return std::nullopt;
+    return std::stoll(*text);
+}
+
+void checkAdministrator(Connection& admin) {
+    if (admin.dialect() != SqlDialect::postgresql)
+        throw invalid("A team store is a PostgreSQL database");
+    if (queryInteger(admin, "SELECT 1 FROM pg_roles WHERE rolname = current_user AND rolsuper", {}))
+        throw invalid(
+            "The administrator of a team store must not be a superuser: the store's functions run "
+            "with its rights. Use a role that owns the database and may create roles");
+    if (!queryInteger(admin,
+                      "SELECT 1 FROM pg_database WHERE datname = current_database() AND "
+                      "pg_has_role(current_user, datdba, 'USAGE')",
+                      {}))
+        throw invalid("The administrator of a team store must own its database");
 }
 
 }  // namespace
 
-void checkTeamPerson(Connection& connection) {
-    std::optional<std::int64_t> member;
-    try {
-        member = queryInteger(connection,
-                              "SELECT CAST(pg_has_role(session_user, ?, 'MEMBER') AS INTEGER)",
-                              {kPeopleRole});
-    } catch (const CloudError&) {
-        // No such group: nobody made this database a team store.
-    }
-    if (!member)
-        throw CloudError(kBadContainer,
-                         "The cloud database is not a team store; its administrator runs "
-                         "\"corvane store init\" on it");
-    if (*member == 0) throw notAPerson(connection);
-}
-
-void initTeamStore(Connection& admin) {
-    requirePostgres(admin);
-    prepareSchema(admin);
+void initTeamStore(PostgresConnection& admin) {
+    checkAdministrator(admin);
     Transaction transaction(admin, TransactionMode::write);
-    if (!roleExists(admin, kPeopleRole))
-        createRole(admin, "CREATE ROLE " + std::string(kPeopleRole) + " NOLOGIN", kPeopleRole);
-    // Policies are made afresh, so a new version's rules replace the old ones (and the
-    // functions they used may go).
-    for (const auto& table : kTables) {
-        admin.execute(
-            "DO $$ DECLARE p RECORD; BEGIN FOR p IN SELECT policyname FROM pg_policies "
-            "WHERE schemaname = current_schema() AND tablename = '" +
-            table + "' LOOP EXECUTE format('DROP POLICY %I ON " + table +
-            "', p.policyname); END LOOP; END $$");
+    admin.execute(kSetUpLock);
+    if (auto layout = storedLayout(admin); layout && *layout > kTeamLayout)
+        throw CloudError(kIncompatibleVersion,
+                         "The cloud database was written by a newer version of Corvane (layout " +
+                             std::to_string(*layout) + "). Try updating Corvane.");
+    admin.executeScript(kTeamStoreSql);
+
+    auto group = queryText(admin, "SELECT value FROM corvane.settings WHERE name = 'people'", {})
+                     .value_or("");
+    if (group.empty()) {
+        group = "corvane_people_" +
+                std::to_string(*queryInteger(
+                    admin, "SELECT oid::BIGINT FROM pg_database WHERE datname = current_database()",
+                    {}));
     }
-    for (const auto& statement : kAccessRules)
-        admin.execute(statement);
-    for (const auto& table : kTables) {
-        admin.execute("ALTER TABLE " + table + " ENABLE ROW LEVEL SECURITY");
-        admin.execute("REVOKE ALL ON " + table + " FROM PUBLIC");
-    }
-    for (const auto& policy : kPolicies)
-        admin.execute(policySql(policy));
-    std::string people(kPeopleRole);
-    admin.execute("GRANT SELECT ON settings, accounts TO " + people);
+    if (!roleExists(admin, group))
+        runUnlessDoneMeanwhile(admin, "CREATE ROLE " + group + " NOLOGIN",
+                               [&] { return roleExists(admin, group); });
     admin.execute(
-        "GRANT SELECT, INSERT, UPDATE, DELETE ON zones, records, assets, asset_chunks, "
-        "asset_refs, shares, participants TO " +
-        people);
-    admin.execute("GRANT USAGE ON ALL SEQUENCES IN SCHEMA public TO " + people);
+        "INSERT INTO corvane.settings (name, value) VALUES ('layout', ?), ('people', ?) "
+        "ON CONFLICT (name) DO UPDATE SET value = excluded.value",
+        {std::to_string(kTeamLayout), group});
+
+    // The door: people may connect, and call the functions; nothing else, for anyone.
+    admin.execute(
+        "DO $$ BEGIN EXECUTE format('REVOKE ALL ON DATABASE %I FROM PUBLIC', "
+        "current_database()); EXECUTE format('GRANT CONNECT ON DATABASE %I TO " +
+        group + "', current_database()); END $$");
+    admin.execute("REVOKE ALL ON SCHEMA public FROM PUBLIC");
+    admin.execute("REVOKE ALL ON ALL TABLES IN SCHEMA corvane FROM PUBLIC");
+    admin.execute("REVOKE ALL ON ALL SEQUENCES IN SCHEMA corvane FROM PUBLIC");
+    admin.execute("REVOKE ALL ON ALL FUNCTIONS IN SCHEMA corvane FROM PUBLIC");
+    admin.execute("REVOKE ALL ON SCHEMA corvane FROM PUBLIC");
+    admin.execute("GRANT USAGE ON SCHEMA corvane TO " + group);
+    for (auto function : kPeopleFunctions)
+        admin.execute("GRANT EXECUTE ON FUNCTION corvane." + std::string(function) + " TO " +
+                      group);
+    // People of an earlier layout were members of a group every store on the server shared.
+    std::vector<std::string> people;
+    admin.execute(
+        "SELECT role_name FROM corvane.accounts a JOIN pg_roles r ON r.rolname = a.role_name", {},
+        [&](const SqlRow& row) { people.emplace_back(row.text(0)); });
+    for (const auto& role : people)
+        grantGroup(admin, group, role);
     transaction.commit();
 }
 
-std::optional<std::string> addPerson(Connection& admin, const NewPerson& person) {
-    requirePostgres(admin);
-    checkSchema(admin);
+std::string peopleGroup(Connection& admin) {
+    auto layout = storedLayout(admin);
+    if (!layout || *layout != kTeamLayout)
+        throw CloudError(kBadContainer,
+                         "The cloud database is not set up for this version of Corvane; run "
+                         "\"corvane store init\" on it first");
+    return *queryText(admin, "SELECT value FROM corvane.settings WHERE name = 'people'", {});
+}
+
+std::optional<std::string> addPerson(PostgresConnection& admin, const NewPerson& person,
+                                     bool existingRole) {
+    checkAdministrator(admin);
+    auto group = peopleGroup(admin);
     if (!isRoleName(person.role))
-        throw CloudError(kInvalidArguments,
-                         "\"" + person.role +
-                             "\" cannot be a person's role: use lowercase letters, digits and _");
+        throw invalid("\"" + person.role +
+                      "\" cannot be a person's role: use lowercase letters, digits and _");
     auto at = person.email.find('@');
     if (at == 0 || at == std::string::npos || at + 1 == person.email.size())
-        throw CloudError(kInvalidArguments, "\"" + person.email + "\" is not an e-mail address");
+        throw invalid("\"" + person.email + "\" is not an e-mail address");
     Transaction transaction(admin, TransactionMode::write);
-    if (auto other = findAccountByEmail(admin, person.email)) {
-        auto role = queryText(admin, "SELECT role_name FROM accounts WHERE id = ?", {other->id});
-        if (role != person.role)
-            throw CloudError(kInvalidArguments,
-                             person.email + " already belongs to the role " + role.value_or("?"));
-    }
+    auto key = emailKey(person.email);
+    auto owner =
+        queryText(admin, "SELECT role_name FROM corvane.accounts WHERE email_key = ?", {key});
+    if (owner && *owner != person.role)
+        throw invalid(person.email + " already belongs to the role " + *owner);
+
     std::optional<std::string> password;
-    if (!roleExists(admin, person.role)) {
+    if (roleExists(admin, person.role)) {
+        if (queryInteger(admin, "SELECT 1 FROM pg_roles WHERE rolname = ? AND rolsuper",
+                         {person.role}))
+            throw invalid("The role " + person.role + " is a superuser and cannot be a person");
+        if (queryInteger(admin, "SELECT CAST(pg_has_role(?, current_user, 'MEMBER') AS INTEGER)",
+                         {person.role}) == 1)
+            throw invalid("The role " + person.role +
+                          " has the administrator's rights and cannot be a person");
+        bool alreadyPerson =
+            queryInteger(admin, "SELECT 1 FROM corvane.accounts WHERE role_name = ?", {person.role})
+                .has_value();
+        if (!alreadyPerson && !existingRole)
+            throw invalid("The role " + person.role +
+                          " exists already; to make it a person of this store, add "
+                          "--existing-role");
+    } else {
         password = randomHex(16);
-        // Neither can be a parameter; both were checked to hold only safe characters.
-        if (!createRole(admin, "CREATE ROLE " + person.role + " LOGIN PASSWORD '" + *password + "'",
-                        person.role))
+        // The server sees a verifier only; the role name was checked to hold safe characters.
+        auto verifier = admin.passwordVerifier(person.role, *password);
+        if (!runUnlessDoneMeanwhile(
+                admin, "CREATE ROLE " + person.role + " LOGIN PASSWORD '" + verifier + "'",
+                [&] { return roleExists(admin, person.role); }))
             password.reset();
     }
-    grantPeopleRole(admin, person.role);
+    grantGroup(admin, group, person.role);
 
     auto space = person.name.find(' ');
     std::string given = person.name.substr(0, space);
     std::string family = space == std::string::npos ? "" : person.name.substr(space + 1);
     SqlParam familyParam = family.empty() ? SqlParam{} : SqlParam{std::string_view(family)};
-    auto key = emailKey(person.email);
     auto changed = admin.execute(
-        "UPDATE accounts SET email = ?, email_key = ?, given_name = ?, family_name = ? "
+        "UPDATE corvane.accounts SET email = ?, email_key = ?, given_name = ?, family_name = ? "
         "WHERE role_name = ?",
         {person.email, key, given, familyParam, person.role});
     if (changed == 0) {
         admin.execute(
-            "INSERT INTO accounts (record_name, email, email_key, given_name, family_name, "
-            "role_name) VALUES (?, ?, ?, ?, ?, ?)",
+            "INSERT INTO corvane.accounts (record_name, email, email_key, given_name, "
+            "family_name, role_name) VALUES (?, ?, ?, ?, ?, ?)",
             {"_" + randomHex(16), person.email, key, given, familyParam, person.role});
     }
     transaction.commit();

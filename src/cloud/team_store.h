@@ -1,27 +1,26 @@
 // The team store: a PostgreSQL database that several people share, each as a database role of
-// their own. Setting it up creates the tables and the row-level security that keeps each person
-// to their own zones and the zones shared with them; adding a person creates their role and
-// their account. Both run on an administrator's connection (the owner of the tables, who is
-// exempt from the policies) and may be run again without harm.
+// their own. Its tables, and the functions that are people's only way to them, are set up by
+// team_store.sql; this unit runs it and manages the people, on the connection of the store's
+// administrator: a role that owns the database and may create roles, and is no superuser (the
+// functions run with its rights). Both operations may be run again without harm.
 #pragma once
 
 #include <optional>
 #include <string>
-#include <string_view>
 
-#include "cloud/connection.h"
+#include "cloud/postgres_connection.h"
 
 namespace corvane::cloud {
 
-// The group role every person of the store belongs to; it holds the table privileges.
-inline constexpr std::string_view kPeopleRole = "corvane_people";
+// Creates the store, or brings one of an earlier layout up to this one with its data. Each
+// store has a group role of its own ("corvane_people_" and the database's number): only its
+// members may connect to the database, and they may do nothing there but call the store's
+// functions. Code 12 for an administrator that is a superuser or does not own the database;
+// 18 for a store of a newer layout.
+void initTeamStore(PostgresConnection& admin);
 
-// Before anything else on a person's connection: code 9 unless the login is one of the store's
-// people, code 5 when the database is no team store.
-void checkTeamPerson(Connection& connection);
-
-// Creates or upgrades the tables, the access functions, the policies and the people's group.
-void initTeamStore(Connection& admin);
+// The store's group role; code 5 when the database is no team store of this layout.
+std::string peopleGroup(Connection& admin);
 
 struct NewPerson {
     std::string role;  // a PostgreSQL role name: lowercase letters, digits and "_"
@@ -29,9 +28,13 @@ struct NewPerson {
     std::string name;  // given name, a space, family name
 };
 
-// Makes the role (when it does not exist yet, with a new random password, which is returned) and
-// its account; an existing person's e-mail and name are updated. Code 12 for a role name or
-// address that cannot be used, or an address that belongs to another role.
-std::optional<std::string> addPerson(Connection& admin, const NewPerson& person);
+// Makes `role` a person of the store: creates the role with a new random password, which is
+// returned (the server gets only its SCRAM verifier), and its account. A person of the store
+// already keeps their password and has their e-mail and name updated. A role that exists but
+// is not a person here is taken only when `existingRole` says so, keeping its password. Code 12
+// for a name or address that cannot be used, an address of another person, a role that exists
+// (unless asked), a superuser, the administrator, or a role with the administrator's rights.
+std::optional<std::string> addPerson(PostgresConnection& admin, const NewPerson& person,
+                                     bool existingRole = false);
 
 }  // namespace corvane::cloud

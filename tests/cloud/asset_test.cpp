@@ -117,7 +117,9 @@ TEST_F(AssetTest, DeletingAZoneFreesItsContentsButNotSharedOnes) {
     shared.set("x", Asset{file("obj3", "object 3")});
     saveOne(database(), shared);
     saveOne(database(), pack("abc", 0, 10));
-    EXPECT_EQ(container->storageUsage().assetCount, 10);
+    // A team store keeps each zone's contents apart, so that what one zone holds tells nothing
+    // of another; the embedded file stores equal bytes once.
+    EXPECT_EQ(container->storageUsage().assetCount, testing::onPostgres() ? 11 : 10);
 
     database().deleteRecordZone(kZone);
     EXPECT_EQ(container->storageUsage().assetCount, 1);
@@ -139,7 +141,9 @@ TEST_F(AssetTest, LargeContentsTravelInPiecesAndComeBackWhole) {
     record.set("framed", Asset{file("framed", "<" + big + "!>"), ByteRange{1, big.size() + 1}});
     saveOne(database(), record);
     auto connection = adminConnection();
-    EXPECT_EQ(queryInteger(*connection, "SELECT COUNT(*) FROM asset_chunks", {}), 8);
+    // An empty content is one empty piece on a team store, none in the embedded file.
+    EXPECT_EQ(queryInteger(*connection, "SELECT COUNT(*) FROM asset_chunks", {}),
+              testing::onPostgres() ? 9 : 8);
 
     auto fetched = fetchOne(database(), record.recordId);
     EXPECT_EQ(testing::readFile(*fetched.record->get<Asset>("x")->fileURL), big);

@@ -2,8 +2,8 @@
 // it, containers opened as named accounts, small files to attach as assets, and a connection
 // that fails (or kills its process) at a chosen statement. The suite runs on either engine: the
 // embedded SQLite file, or, with CORVANE_TEST_ENGINE=postgresql, a team store of its own on the
-// server that CORVANE_TEST_POSTGRES names (scripts/test.sh starts one), with one database role
-// per account.
+// server that CORVANE_TEST_POSTGRES names as its administrator (scripts/test.sh starts one), with
+// one database role per account, logging in over TCP (CORVANE_TEST_POSTGRES_TCP) by password.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -15,6 +15,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <map>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -47,15 +48,6 @@ inline bool onPostgres() {
     return engine && std::string_view(engine) == "postgresql";
 }
 
-// A database role name for the address: its letters and digits, the rest as "_".
-inline std::string roleFor(const std::string& email) {
-    std::string role = "t_";
-    for (char c : email)
-        role +=
-            std::isalnum(static_cast<unsigned char>(c)) ? static_cast<char>(std::tolower(c)) : '_';
-    return role;
-}
-
 // Every test runs against its own folder (and its own database on a server); nothing of the
 // machine's own store is touched.
 class CloudTest : public ::testing::Test {
@@ -70,11 +62,13 @@ class CloudTest : public ::testing::Test {
         const char* server = std::getenv("CORVANE_TEST_POSTGRES");
         if (!server) GTEST_SKIP() << "no PostgreSQL server: scripts/test.sh starts one";
         server_ = server;
+        const char* tcp = std::getenv("CORVANE_TEST_POSTGRES_TCP");
+        peopleServer_ = tcp ? tcp : server;
         static int counter = 0;
-        databaseName_ =
-            "corvane_test_" + std::to_string(::getpid()) + "_" + std::to_string(++counter);
+        suffix_ = std::to_string(::getpid()) + "_" + std::to_string(++counter);
+        databaseName_ = "corvane_test_" + suffix_;
         PostgresConnection::open(server_)->execute("CREATE DATABASE " + databaseName_);
-        initTeamStore(*adminConnection());
+        initTeamStore(*storeAdministrator());
     }
 
     void TearDown() override {
@@ -83,10 +77,26 @@ class CloudTest : public ::testing::Test {
                                                    " WITH (FORCE)");
     }
 
-    // A connection that sees every row: the file itself, or the server's administrator.
+    // A connection that sees every row: the file itself, or the store's administrator (who
+    // finds the store's tables by their plain names).
     std::unique_ptr<Connection> adminConnection() const {
         if (!onPostgres()) return SqliteConnection::open(databaseFile());
+        auto admin = storeAdministrator();
+        admin->execute("SET search_path = corvane");
+        return admin;
+    }
+    std::unique_ptr<PostgresConnection> storeAdministrator() const {
         return PostgresConnection::open(server_ + " dbname=" + databaseName_);
+    }
+
+    // The database role of the address in this test: its letters and digits, the rest as "_",
+    // and the test's own mark (roles belong to the whole server).
+    std::string roleFor(const std::string& email) const {
+        std::string role = "t_";
+        for (char c : email)
+            role += std::isalnum(static_cast<unsigned char>(c)) ? static_cast<char>(std::tolower(c))
+                                                                : '_';
+        return role.substr(0, 40) + "_" + suffix_;
     }
 
     // How the account with this address connects: to the file, or as its own role (made a
@@ -97,16 +107,23 @@ class CloudTest : public ::testing::Test {
             return [file] { return SqliteConnection::open(file); };
         }
         auto role = roleFor(email);
-        addPerson(*adminConnection(),
-                  NewPerson{role, email, email.substr(0, email.find('@')) + " Tester"});
+        if (auto password =
+                addPerson(*storeAdministrator(),
+                          NewPerson{role, email, email.substr(0, email.find('@')) + " Tester"}))
+            passwords_[role] = *password;
         auto address = roleAddress(role);
         return [address] { return PostgresConnection::open(address); };
     }
 
-    // The store's server as the role logs in to it (team stores only).
+    // The store's server as the role logs in to it, over TCP with its password (team stores
+    // only).
     std::string roleAddress(const std::string& role) const {
-        return server_ + " dbname=" + databaseName_ + " user=" + role;
+        auto password = passwords_.find(role);
+        return peopleServer_ + " dbname=" + databaseName_ + " user=" + role +
+               (password == passwords_.end() ? "" : " password=" + password->second);
     }
+    const std::string& databaseName() const { return databaseName_; }
+    const std::string& server() const { return server_; }
 
     std::filesystem::path databaseFile() const { return root_ / "data" / "cloud.sqlite"; }
     std::filesystem::path cacheDirectory() const { return root_ / "cache" / "Assets"; }
@@ -136,7 +153,10 @@ class CloudTest : public ::testing::Test {
     corvane::testing::TempDir tempDir_;
     const std::filesystem::path root_{tempDir_.path()};
     std::string server_;
+    std::string peopleServer_;
+    std::string suffix_;
     std::string databaseName_;
+    mutable std::map<std::string, std::string> passwords_;
 };
 
 // For the cases that are about the embedded file itself.
@@ -225,6 +245,16 @@ inline ConnectionFactory faultyFactory(ConnectionFactory inner, int& countdown, 
     return [inner, &countdown, fault]() -> std::unique_ptr<Connection> {
         return std::make_unique<FaultyConnection>(inner(), countdown, fault);
     };
+}
+
+// The code of the CloudError that `attempt` throws; 0 when it throws none.
+inline int codeOf(const std::function<void()>& attempt) {
+    try {
+        attempt();
+    } catch (const CloudError& error) {
+        return error.code();
+    }
+    return 0;
 }
 
 }  // namespace corvane::cloud::testing
