@@ -15,7 +15,8 @@ RequestLine parseRequestLine(std::string_view line) {
     result.command = request.substr(0, space);
     result.path = request.substr(space + 1);
     std::string_view path = result.path;
-    if (!path.empty()) path.remove_prefix(1);
+    if (!path.starts_with('/')) throw Error("Invalid request: the path does not start with /");
+    path.remove_prefix(1);
     auto slash = path.find('/');
     if (slash == std::string_view::npos) {
         result.owner = kCurrentUserDefaultName;
@@ -23,7 +24,9 @@ RequestLine parseRequestLine(std::string_view line) {
     } else {
         result.owner = path.substr(0, slash);
         result.name = path.substr(slash + 1);
+        if (result.owner.empty()) throw Error("Invalid request: the path names no owner");
     }
+    if (result.name.empty()) throw Error("Invalid request: the path names no repository");
     return result;
 }
 

@@ -18,7 +18,8 @@ struct RequestLine {
     bool operator==(const RequestLine&) const = default;
 };
 
-// Fails with "Invalid request" when the line has no NUL or no space before it.
+// Fails with "Invalid request" when the line has no NUL or no space before it, and says what is
+// wrong when the path does not start with "/" or leaves the owner or the name empty.
 RequestLine parseRequestLine(std::string_view line);
 
 }  // namespace corvane

@@ -32,7 +32,16 @@ TEST(RequestLine, SplitsCommandOwnerAndName) {
               (RequestLine{"git-upload-pack", "/tools", "__defaultOwner__", "tools"}));
     EXPECT_EQ(parseRequestLine("git-receive-pack /alice/tools/x\0"s),
               (RequestLine{"git-receive-pack", "/alice/tools/x", "alice", "tools/x"}));
-    EXPECT_EQ(parseRequestLine("git-upload-pack \0"s).name, "");
+    // Only an exact path names a repository: no letter is taken for a "/" that is not there.
+    auto error = [](std::string_view line) {
+        return testing::errorMessage([&] { parseRequestLine(line); });
+    };
+    EXPECT_EQ(error("git-upload-pack xtools\0"s),
+              "Invalid request: the path does not start with /");
+    EXPECT_EQ(error("git-upload-pack \0"s), "Invalid request: the path does not start with /");
+    EXPECT_EQ(error("git-upload-pack /\0"s), "Invalid request: the path names no repository");
+    EXPECT_EQ(error("git-upload-pack /alice/\0"s), "Invalid request: the path names no repository");
+    EXPECT_EQ(error("git-upload-pack //tools\0"s), "Invalid request: the path names no owner");
     EXPECT_EQ(testing::errorMessage([] { parseRequestLine("git-upload-pack\0"s); }),
               "Invalid request");
     EXPECT_EQ(testing::errorMessage([] { parseRequestLine("git-upload-pack /tools"); }),
@@ -96,6 +105,8 @@ TEST_F(ServerFixture, DispatchesToTheNamedRepositoryAndServingGoesOnAfterBadRequ
     EXPECT_TRUE(log.waitFor("Invalid command: git-archive"));
     EXPECT_EQ(request("git-upload-pack /tools"), "");
     EXPECT_TRUE(log.waitFor("Invalid request"));
+    EXPECT_EQ(request("git-upload-pack xtools\0"s), "");
+    EXPECT_TRUE(log.waitFor("Invalid request: the path does not start with /"));
     {
         TcpClient garbage(server->port());
         garbage.send("\x01\x02garbage bytes");
