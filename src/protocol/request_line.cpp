@@ -1,6 +1,7 @@
 #include "protocol/request_line.h"
 
 #include "base/error.h"
+#include "storage/repository_name.h"
 
 namespace corvane {
 
@@ -27,6 +28,13 @@ RequestLine parseRequestLine(std::string_view line) {
         if (result.owner.empty()) throw Error("Invalid request: the path names no owner");
     }
     if (result.name.empty()) throw Error("Invalid request: the path names no repository");
+    // A name no repository can have is refused before it reaches a lookup or a log line.
+    if (slash != std::string_view::npos) {
+        if (auto problem = repositoryNameProblem(result.owner))
+            throw Error("Invalid request: the owner: " + *problem);
+    }
+    if (auto problem = repositoryNameProblem(result.name))
+        throw Error("Invalid request: " + *problem);
     return result;
 }
 

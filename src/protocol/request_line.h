@@ -19,7 +19,8 @@ struct RequestLine {
 };
 
 // Fails with "Invalid request" when the line has no NUL or no space before it, and says what is
-// wrong when the path does not start with "/" or leaves the owner or the name empty.
+// wrong when the path does not start with "/", leaves the owner or the name empty, or names a
+// repository or owner no repository can have (repositoryNameProblem).
 RequestLine parseRequestLine(std::string_view line);
 
 }  // namespace corvane

@@ -30,8 +30,8 @@ using namespace std::string_literals;
 TEST(RequestLine, SplitsCommandOwnerAndName) {
     EXPECT_EQ(parseRequestLine("git-upload-pack /tools\0host=localhost\0"s),
               (RequestLine{"git-upload-pack", "/tools", "__defaultOwner__", "tools"}));
-    EXPECT_EQ(parseRequestLine("git-receive-pack /alice/tools/x\0"s),
-              (RequestLine{"git-receive-pack", "/alice/tools/x", "alice", "tools/x"}));
+    EXPECT_EQ(parseRequestLine("git-receive-pack /alice/my tools\0"s),
+              (RequestLine{"git-receive-pack", "/alice/my tools", "alice", "my tools"}));
     // Only an exact path names a repository: no letter is taken for a "/" that is not there.
     auto error = [](std::string_view line) {
         return testing::errorMessage([&] { parseRequestLine(line); });
@@ -42,6 +42,18 @@ TEST(RequestLine, SplitsCommandOwnerAndName) {
     EXPECT_EQ(error("git-upload-pack /\0"s), "Invalid request: the path names no repository");
     EXPECT_EQ(error("git-upload-pack /alice/\0"s), "Invalid request: the path names no repository");
     EXPECT_EQ(error("git-upload-pack //tools\0"s), "Invalid request: the path names no owner");
+    // Nor is a name no repository can have: the names `corvane create` refuses.
+    EXPECT_EQ(error("git-receive-pack /alice/tools/x\0"s),
+              "Invalid request: Name can not contain /");
+    EXPECT_EQ(error("git-upload-pack /..\0"s), "Invalid request: Name can not be . or ..");
+    EXPECT_EQ(error("git-upload-pack /a\nb\0"s),
+              "Invalid request: Name can not contain control characters such as newlines or tabs");
+    EXPECT_EQ(error("git-upload-pack /a\tb/tools\0"s),
+              "Invalid request: the owner: Name can not contain control characters such as "
+              "newlines or tabs");
+    EXPECT_EQ(error("git-upload-pack /\xff\0"s), "Invalid request: Name is not valid UTF-8");
+    EXPECT_EQ(error("git-upload-pack /" + std::string(5000, 'x') + "\0"s),
+              "Invalid request: Name can not be longer than 255 bytes");
     EXPECT_EQ(testing::errorMessage([] { parseRequestLine("git-upload-pack\0"s); }),
               "Invalid request");
     EXPECT_EQ(testing::errorMessage([] { parseRequestLine("git-upload-pack /tools"); }),
