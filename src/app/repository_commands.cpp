@@ -10,6 +10,7 @@
 #include "cloud/account.h"
 #include "cloud/record_id.h"
 #include "cloud/share_url.h"
+#include "storage/repository_name.h"
 
 namespace corvane {
 
@@ -63,8 +64,7 @@ int createRepository(const std::string& typed) {
     auto first = typed.find_first_not_of(" \t\r\n\v\f");
     auto last = typed.find_last_not_of(" \t\r\n\v\f");
     std::string name = first == std::string::npos ? "" : typed.substr(first, last - first + 1);
-    if (name.empty()) throw UsageError("Name can not be empty");
-    if (name.find('/') != std::string::npos) throw UsageError("Name can not contain /");
+    if (auto problem = repositoryNameProblem(name)) throw UsageError(*problem);
     CommandSession session;
     Backend& backend = session.backend();
     try {

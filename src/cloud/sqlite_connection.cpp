@@ -83,9 +83,17 @@ std::unique_ptr<SqliteConnection> SqliteConnection::open(
             "Cannot open the cloud database " + file.string() + ": " + std::strerror(errno);
         throw CloudError(kInternalError, message, message);
     }
-    // Whoever may write the file may change anybody's repositories in it.
+    // Whoever may write the file may change anybody's repositories in it: its owner, who can
+    // always give themselves the right, and anyone its mode lets in.
     struct stat status {};
-    if (::stat(file.c_str(), &status) == 0 && (status.st_mode & (S_IWGRP | S_IWOTH))) {
+    bool known = ::stat(file.c_str(), &status) == 0;
+    if (known && status.st_uid != ::geteuid()) {
+        std::string message = "The cloud database " + file.string() +
+                              " belongs to another user (uid " + std::to_string(status.st_uid) +
+                              "); Corvane uses only a file of its own";
+        throw CloudError(kPermissionFailure, message, message);
+    }
+    if (known && (status.st_mode & (S_IWGRP | S_IWOTH))) {
         std::string message = "The cloud database " + file.string() +
                               " can be changed by other users; make it private with chmod "
                               "600 " +

@@ -5,6 +5,7 @@
 #include <linux/netlink.h>
 #include <linux/sock_diag.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -63,6 +64,11 @@ Ends endsOf(int descriptor) {
     return ends;
 }
 
+// Only a connected socket vouches for its owner. One its owner has closed lingers in the tables
+// (FIN-WAIT, TIME-WAIT) without a process, and the kernel reports it as user 0's: a daemon run
+// as root would take a client that sent its request and closed at once for itself.
+constexpr std::uint8_t kEstablished = TCP_ESTABLISHED;
+
 // The client's socket seen from its own side: source = the peer, destination = us.
 std::optional<uid_t> askSockDiag(int netlink, const Ends& ends, int family) {
     if (netlink < 0) return std::nullopt;
@@ -75,7 +81,7 @@ std::optional<uid_t> askSockDiag(int netlink, const Ends& ends, int family) {
     message.header.nlmsg_flags = NLM_F_REQUEST;
     message.request.sdiag_family = static_cast<std::uint8_t>(family);
     message.request.sdiag_protocol = IPPROTO_TCP;
-    message.request.idiag_states = ~0u;
+    message.request.idiag_states = 1u << kEstablished;
     auto& id = message.request.id;
     id.idiag_sport = htons(ends.peerPort);
     id.idiag_dport = htons(ends.localPort);
@@ -109,7 +115,7 @@ std::optional<uid_t> askSockDiag(int netlink, const Ends& ends, int family) {
             if (header.nlmsg_type == SOCK_DIAG_BY_FAMILY) {
                 inet_diag_msg answer{};
                 std::memcpy(&answer, buffer + kBody, sizeof answer);
-                owner = answer.idiag_uid;
+                if (answer.idiag_state == kEstablished) owner = answer.idiag_uid;
             }
         }
     }
@@ -153,7 +159,7 @@ std::optional<uid_t> readProcTable(const Ends& ends, const char* path, bool asIp
         std::string slot, local, remote, state, queues, timer, retransmits;
         uid_t uid = 0;
         if (fields >> slot >> local >> remote >> state >> queues >> timer >> retransmits >> uid &&
-            local == wantedLocal && remote == wantedRemote)
+            local == wantedLocal && remote == wantedRemote && state == "01")  // ESTABLISHED
             return uid;
     }
     return std::nullopt;
@@ -179,8 +185,7 @@ uid_t PeerUsers::ownerOfPeer(int descriptor) {
     }
     if (auto owner = readProcTable(ends, "/proc/net/tcp", false)) return *owner;
     if (auto owner = readProcTable(ends, "/proc/net/tcp6", true)) return *owner;
-    throw Error(
-        "neither the kernel's socket diagnostics nor /proc/net/tcp know the client's socket");
+    throw Error("the client's socket is no longer connected, or unknown to the kernel");
 }
 
 }  // namespace corvane

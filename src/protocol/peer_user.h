@@ -19,8 +19,9 @@ class PeerUsers {
     PeerUsers(const PeerUsers&) = delete;
     PeerUsers& operator=(const PeerUsers&) = delete;
 
-    // The user owning the peer's socket of the connected `descriptor`. Fails with an Error
-    // that says why when neither source knows the socket.
+    // The user owning the peer's socket of the connected `descriptor`, while that socket is
+    // connected (ESTABLISHED). Fails with an Error that says why otherwise, or when neither
+    // source knows the socket.
     uid_t ownerOfPeer(int descriptor);
 
   private:

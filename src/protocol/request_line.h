@@ -18,7 +18,9 @@ struct RequestLine {
     bool operator==(const RequestLine&) const = default;
 };
 
-// Fails with "Invalid request" when the line has no NUL or no space before it.
+// Fails with "Invalid request" when the line has no NUL or no space before it, and says what is
+// wrong when the path does not start with "/", leaves the owner or the name empty, or names a
+// repository or owner no repository can have (repositoryNameProblem).
 RequestLine parseRequestLine(std::string_view line);
 
 }  // namespace corvane

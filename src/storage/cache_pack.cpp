@@ -86,7 +86,7 @@ CachePackWriter::CachePackWriter(const fs::path& folder) {
     fs::create_directories(folder);
     for (;;) {
         path_ = folder / (randomName() + ".pack");
-        fd_ = ::open(path_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+        fd_ = ::open(path_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, kPrivateFileMode);
         if (fd_ >= 0) break;
         if (errno != EEXIST) throw Error(systemError(path_));
     }

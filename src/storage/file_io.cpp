@@ -58,6 +58,29 @@ void writeAll(int fd, ByteView data) {
     }
 }
 
+// A copy of source under a new name, with the cache's mode whatever the source's.
+void copyPrivately(const fs::path& source, const fs::path& target) {
+    Descriptor in(::open(source.c_str(), O_RDONLY | O_CLOEXEC));
+    if (in.get() < 0) throw Error(systemError());
+    Descriptor out(
+        ::open(target.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kPrivateFileMode));
+    if (out.get() < 0) throw Error(systemError());
+    try {
+        std::uint8_t buffer[65536];
+        for (;;) {
+            ssize_t got = ::read(in.get(), buffer, sizeof buffer);
+            if (got < 0 && errno == EINTR) continue;
+            if (got < 0) throw Error(systemError());
+            if (got == 0) break;
+            writeAll(out.get(), ByteView(buffer, static_cast<std::size_t>(got)));
+        }
+        if (::close(out.release()) != 0) throw Error(systemError());
+    } catch (...) {
+        ::unlink(target.c_str());
+        throw;
+    }
+}
+
 }  // namespace
 
 Bytes readFile(const fs::path& path) {
@@ -84,7 +107,8 @@ Bytes readFile(const fs::path& path) {
 void writeFileAtomically(const fs::path& path, ByteView data) {
     fs::path temporary = temporaryBeside(path);
     {
-        Descriptor file(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+        Descriptor file(
+            ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kPrivateFileMode));
         if (file.get() < 0) throw Error(systemError());
         try {
             writeAll(file.get(), data);
@@ -107,13 +131,16 @@ void writeFileAtomically(const fs::path& path, ByteView data) {
 bool copyFileIfAbsent(const fs::path& source, const fs::path& target) {
     if (fs::exists(target)) return false;
     // A second name for the same file costs no copy. Nobody writes into a placed file (every
-    // writer renames a new file over the name), so the two names can share it.
-    if (::link(source.c_str(), target.c_str()) == 0) return true;
-    if (errno == EEXIST) return false;
+    // writer renames a new file over the name), so the two names can share it, and its mode:
+    // a file others may read is copied instead.
+    struct stat status {};
+    if (::stat(source.c_str(), &status) != 0) throw Error(systemError());
+    if ((status.st_mode & 077) == 0) {
+        if (::link(source.c_str(), target.c_str()) == 0) return true;
+        if (errno == EEXIST) return false;
+    }
     fs::path temporary = temporaryBeside(target);
-    std::error_code error;
-    fs::copy_file(source, temporary, error);
-    if (error) throw Error(error.message());
+    copyPrivately(source, temporary);
     // link() refuses an existing target, so a file placed meanwhile by another thread stays.
     bool placed = ::link(temporary.c_str(), target.c_str()) == 0;
     if (!placed && errno != EEXIST) {

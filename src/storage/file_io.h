@@ -1,11 +1,16 @@
 // Whole-file reads and atomic writes for the object cache and the working files.
 #pragma once
 
+#include <sys/types.h>
+
 #include <filesystem>
 
 #include "base/bytes.h"
 
 namespace corvane {
+
+// Every file Corvane writes into its cache: readable by its owner only, whatever the folder.
+inline constexpr mode_t kPrivateFileMode = 0600;
 
 // Fails with the system's error text.
 Bytes readFile(const std::filesystem::path& path);
@@ -15,8 +20,9 @@ Bytes readFile(const std::filesystem::path& path);
 void writeFileAtomically(const std::filesystem::path& path, ByteView data);
 
 // Gives target the contents of source unless target already exists (then the existing file
-// stays): a hard link where the file system allows one, else a copy that lands under a temporary
-// name first, so a target is never seen half-written. True when it placed the file.
+// stays): a hard link where the file system allows one and the source is private, else a private
+// copy that lands under a temporary name first, so a target is never seen half-written. True
+// when it placed the file.
 bool copyFileIfAbsent(const std::filesystem::path& source, const std::filesystem::path& target);
 
 }  // namespace corvane

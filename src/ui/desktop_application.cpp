@@ -75,7 +75,18 @@ int runDesktopApplication(int argc, char** argv) {
 
     QString request = argc > 1 ? QString::fromLocal8Bit(argv[1])
                                : QString::fromLatin1(SingleInstance::kShowRequest);
-    QString socket = SingleInstance::socketPath();
+    QString socket;
+    try {
+        socket = SingleInstance::socketPath();
+    } catch (const std::exception& error) {
+        // Without a private place to meet, a later start could not tell this window from
+        // another user's program.
+        trace(TraceModule::error, error.what());
+        QMessageBox::critical(
+            nullptr, QStringLiteral("Corvane"),
+            QStringLiteral("Corvane cannot start: ") + QString::fromUtf8(error.what()));
+        return 1;
+    }
     if (SingleInstance::handOver(socket, request)) return 0;
 
     QtMainQueue mainQueue;

@@ -5,6 +5,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <tuple>
+#include <vector>
+
 #include "app/command_line.h"
 #include "app_fixture.h"
 #include "objects/sha1.h"
@@ -67,13 +70,37 @@ TEST_F(Lifecycle, TheDaemonStartsOnLaunchAndATakenPortIsOnlyLogged) {
     EXPECT_TRUE(log.contains("Failed to start server on port " + std::to_string(port)));
 }
 
-TEST_F(Lifecycle, CreateRefusesANameWhoseRepositoryCannotBeRead) {
-    auto create = [] {
-        const char* argv[] = {"corvane", "create", "tools"};
+TEST_F(Lifecycle, CreateRefusesBadNamesAndANameWhoseRepositoryCannotBeRead) {
+    auto run = [](std::vector<std::string> args) {
+        std::vector<char*> argv{const_cast<char*>("corvane")};
+        for (auto& arg : args)
+            argv.push_back(arg.data());
+        ::testing::internal::CaptureStdout();
         ::testing::internal::CaptureStderr();
-        int status = runCommandLine(3, const_cast<char**>(argv));
-        return std::pair{status, ::testing::internal::GetCapturedStderr()};
+        int status = runCommandLine(static_cast<int>(argv.size()), argv.data());
+        auto out = ::testing::internal::GetCapturedStdout();
+        return std::tuple{status, out, ::testing::internal::GetCapturedStderr()};
     };
+    auto create = [&] {
+        auto [status, out, error] = run({"create", "tools"});
+        return std::pair{status, error};
+    };
+    // A name that would break `corvane list`'s lines, or is no name at all, is never stored.
+    std::pair<std::string, std::string> refused[] = {
+        {" \t ", "Name can not be empty"},
+        {"team/tools", "Name can not contain /"},
+        {"..", "Name can not be . or .."},
+        {"one\ntwo\tforged line", "Name can not contain control characters"},
+        {"tools\xff", "Name is not valid UTF-8"},
+        {std::string(5000, 'x'), "Name can not be longer than 255 bytes"},
+    };
+    for (const auto& [name, problem] : refused) {
+        auto [status, out, error] = run({"create", name});
+        EXPECT_EQ(status, 2) << name;
+        EXPECT_EQ(error.rfind(problem, 0), 0u) << error;
+    }
+    EXPECT_EQ(std::get<1>(run({"list"})), "");
+
     ASSERT_EQ(create().first, 0);
     // The record now carries a metadata document nobody can decode.
     auto container = cloud::openContainer();

@@ -11,6 +11,7 @@
 #include "cloud/schema.h"
 #include "cloud/sqlite_checkpointer.h"
 #include "cloud_test_support.h"
+#include "support/error_message.h"
 
 namespace corvane::cloud {
 namespace {
@@ -19,7 +20,7 @@ using testing::CloudTest;
 
 class EngineTest : public CloudTest {};
 
-TEST_F(EngineTest, CreatesAPrivateFileInPrivateFoldersWithWriteAheadLogging) {
+TEST_F(EngineTest, CreatesAPrivateFileInPrivateFoldersAndRefusesOneOthersControl) {
     auto file = folder() / "a" / "b" / "cloud.sqlite";
     auto connection = SqliteConnection::open(file);
     struct stat status {};
@@ -28,6 +29,22 @@ TEST_F(EngineTest, CreatesAPrivateFileInPrivateFoldersWithWriteAheadLogging) {
     ASSERT_EQ(::stat((folder() / "a").c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777, 0700u);
     EXPECT_EQ(queryText(*connection, "PRAGMA journal_mode", {}), "wal");
+    connection.reset();
+
+    // Whoever can write the file can rewrite every repository in it.
+    auto opening = [&] { SqliteConnection::open(file); };
+    ASSERT_EQ(::chmod(file.c_str(), 0620), 0);
+    EXPECT_EQ(corvane::testing::errorMessage(opening),
+              "The cloud database " + file.string() +
+                  " can be changed by other users; make it private with chmod 600 " +
+                  file.string());
+    ASSERT_EQ(::chmod(file.c_str(), 0600), 0);
+    EXPECT_EQ(corvane::testing::errorMessage(opening), "no error");
+    if (::geteuid() != 0) return;  // only root can give the file to another user
+    ASSERT_EQ(::chown(file.c_str(), 65534, 65534), 0);
+    EXPECT_EQ(corvane::testing::errorMessage(opening),
+              "The cloud database " + file.string() +
+                  " belongs to another user (uid 65534); Corvane uses only a file of its own");
 }
 
 TEST_F(EngineTest, TheCheckpointThreadCopiesALargeCommitBackIntoTheFile) {

@@ -5,7 +5,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <future>
+#include <memory>
 #include <regex>
 
 #include "e2e/corvane_server.h"
@@ -105,6 +107,71 @@ TEST(SharedMachine, APortHeldByAnotherUsersCorvaneIsNamedAsSuch) {
     auto line = runCommand({CORVANE_BINARY, "git-config", "--port", "9419"});
     EXPECT_EQ(line.out,
               "git config --global url.git://localhost:9419/.insteadOf git://localhost/\n");
+}
+
+// A program of another user's listening on a local socket, printing what it is handed.
+std::unique_ptr<BackgroundProcess> listenAsNobody(const std::string& socket) {
+    auto listener = std::make_unique<BackgroundProcess>(
+        asNobody({"python3", "-c",
+                  "import socket, sys\n"
+                  "s = socket.socket(socket.AF_UNIX)\n"
+                  "s.bind(sys.argv[1])\n"
+                  "s.listen(5)\n"
+                  "print('listening', flush=True)\n"
+                  "while True:\n"
+                  "    c, _ = s.accept()\n"
+                  "    c.settimeout(3)\n"
+                  "    try:\n"
+                  "        print('handed:', c.recv(1000), flush=True)\n"
+                  "        c.sendall(b'ok\\n')\n"
+                  "    except OSError:\n"
+                  "        pass\n",
+                  socket}));
+    EXPECT_TRUE(listener->waitForOutput("listening")) << listener->output();
+    return listener;
+}
+
+TEST(SharedMachine, AShareLinkIsNeverHandedToAnotherUsersProgram) {
+    if (!canRunAsNobody()) GTEST_SKIP() << "needs root and runuser to act as another account";
+    TempDir home;
+    TempDir shared;  // a temporary folder all users share, as /tmp
+    ::chmod(shared.path().c_str(), 01777);
+    // No runtime folder: the window's socket goes to the temporary folder.
+    auto corvane = [&](const std::string& link) {
+        return std::vector<std::string>{"env", "-u", "XDG_RUNTIME_DIR", CORVANE_BINARY, link};
+    };
+    std::map<std::string, std::string> env = {
+        {"HOME", home.path()},
+        {"XDG_DATA_HOME", home.path() + "/data"},
+        {"XDG_CACHE_HOME", home.path() + "/cache"},
+        {"TMPDIR", shared.path()},
+        {"QT_QPA_PLATFORM", "offscreen"},
+    };
+    std::string uid = std::to_string(::geteuid());
+
+    // The other user listens first where a window of ours would. Ours opens a window of its
+    // own instead of handing the link over and leaving.
+    auto squatter = listenAsNobody(shared.path() + "/corvane-" + uid + ".socket");
+    {
+        BackgroundProcess window(corvane("corvane://share/secret#tools"), env);
+        EXPECT_TRUE(window.waitForOutput("Fetched 0 shared repositories")) << window.output();
+        EXPECT_EQ(window.stop(SIGTERM), 0) << window.output();
+    }
+    EXPECT_EQ(squatter->output().find("secret"), std::string::npos) << squatter->output();
+
+    // The other user made the folder ours would be first, and listens in it: refused clearly.
+    TempDir again;
+    ::chmod(again.path().c_str(), 01777);
+    env["TMPDIR"] = again.path();
+    std::string folder = again.path() + "/corvane-" + uid;
+    ASSERT_EQ(runCommand(asNobody({"mkdir", "-m", "777", folder})).status, 0);
+    auto inside = listenAsNobody(folder + "/corvane.socket");
+    {
+        BackgroundProcess window(corvane("corvane://share/secret#tools"), env);
+        EXPECT_TRUE(window.waitForOutput("The folder " + folder + " belongs to another user"))
+            << window.output();
+    }
+    EXPECT_EQ(inside->output().find("secret"), std::string::npos) << inside->output();
 }
 
 }  // namespace

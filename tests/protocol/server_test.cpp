@@ -3,6 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <condition_variable>
@@ -12,6 +16,7 @@
 #include "base/error.h"
 #include "objects/sha1.h"
 #include "protocol/git_socket.h"
+#include "protocol/peer_user.h"
 #include "protocol/request_line.h"
 #include "storage/repository.h"
 #include "support/error_message.h"
@@ -30,13 +35,65 @@ using namespace std::string_literals;
 TEST(RequestLine, SplitsCommandOwnerAndName) {
     EXPECT_EQ(parseRequestLine("git-upload-pack /tools\0host=localhost\0"s),
               (RequestLine{"git-upload-pack", "/tools", "__defaultOwner__", "tools"}));
-    EXPECT_EQ(parseRequestLine("git-receive-pack /alice/tools/x\0"s),
-              (RequestLine{"git-receive-pack", "/alice/tools/x", "alice", "tools/x"}));
-    EXPECT_EQ(parseRequestLine("git-upload-pack \0"s).name, "");
+    EXPECT_EQ(parseRequestLine("git-receive-pack /alice/my tools\0"s),
+              (RequestLine{"git-receive-pack", "/alice/my tools", "alice", "my tools"}));
+    // Only an exact path names a repository: no letter is taken for a "/" that is not there.
+    auto error = [](std::string_view line) {
+        return testing::errorMessage([&] { parseRequestLine(line); });
+    };
+    EXPECT_EQ(error("git-upload-pack xtools\0"s),
+              "Invalid request: the path does not start with /");
+    EXPECT_EQ(error("git-upload-pack \0"s), "Invalid request: the path does not start with /");
+    EXPECT_EQ(error("git-upload-pack /\0"s), "Invalid request: the path names no repository");
+    EXPECT_EQ(error("git-upload-pack /alice/\0"s), "Invalid request: the path names no repository");
+    EXPECT_EQ(error("git-upload-pack //tools\0"s), "Invalid request: the path names no owner");
+    // Nor is a name no repository can have: the names `corvane create` refuses.
+    EXPECT_EQ(error("git-receive-pack /alice/tools/x\0"s),
+              "Invalid request: Name can not contain /");
+    EXPECT_EQ(error("git-upload-pack /..\0"s), "Invalid request: Name can not be . or ..");
+    EXPECT_EQ(error("git-upload-pack /a\nb\0"s),
+              "Invalid request: Name can not contain control characters such as newlines or tabs");
+    EXPECT_EQ(error("git-upload-pack /a\tb/tools\0"s),
+              "Invalid request: the owner: Name can not contain control characters such as "
+              "newlines or tabs");
+    EXPECT_EQ(error("git-upload-pack /\xff\0"s), "Invalid request: Name is not valid UTF-8");
+    EXPECT_EQ(error("git-upload-pack /" + std::string(5000, 'x') + "\0"s),
+              "Invalid request: Name can not be longer than 255 bytes");
     EXPECT_EQ(testing::errorMessage([] { parseRequestLine("git-upload-pack\0"s); }),
               "Invalid request");
     EXPECT_EQ(testing::errorMessage([] { parseRequestLine("git-upload-pack /tools"); }),
               "Invalid request");
+}
+
+TEST(PeerUsers, OnlyAConnectedClientSocketVouchesForItsOwner) {
+    int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(::listen(listener, 1), 0);
+    ASSERT_EQ(::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length), 0);
+    TcpClient client(ntohs(address.sin_port));
+    int accepted = ::accept(listener, nullptr, nullptr);
+    ASSERT_GE(accepted, 0);
+    PeerUsers peerUsers;
+    EXPECT_EQ(peerUsers.ownerOfPeer(accepted), ::geteuid());
+
+    // The attack: a client sends its whole request and closes before the daemon asks. Its
+    // socket lingers in the kernel's tables as user 0's (TIME-WAIT), which a daemon run as
+    // root took for itself.
+    client.send("request");
+    client.close();
+    char buffer[16];
+    EXPECT_EQ(::recv(accepted, buffer, sizeof buffer, 0), 7);
+    EXPECT_EQ(::recv(accepted, buffer, sizeof buffer, 0), 0);  // the client's FIN is here
+    int one = 1;  // acknowledged at once, which ends the client's side in TIME-WAIT
+    ::setsockopt(accepted, IPPROTO_TCP, TCP_QUICKACK, &one, sizeof one);
+    EXPECT_EQ(testing::errorMessage([&] { peerUsers.ownerOfPeer(accepted); }),
+              "the client's socket is no longer connected, or unknown to the kernel");
+    ::close(accepted);
+    ::close(listener);
 }
 
 // A command that answers one line and can be told to fail or to wait for a partner.
@@ -96,6 +153,8 @@ TEST_F(ServerFixture, DispatchesToTheNamedRepositoryAndServingGoesOnAfterBadRequ
     EXPECT_TRUE(log.waitFor("Invalid command: git-archive"));
     EXPECT_EQ(request("git-upload-pack /tools"), "");
     EXPECT_TRUE(log.waitFor("Invalid request"));
+    EXPECT_EQ(request("git-upload-pack xtools\0"s), "");
+    EXPECT_TRUE(log.waitFor("Invalid request: the path does not start with /"));
     {
         TcpClient garbage(server->port());
         garbage.send("\x01\x02garbage bytes");
@@ -103,10 +162,16 @@ TEST_F(ServerFixture, DispatchesToTheNamedRepositoryAndServingGoesOnAfterBadRequ
     }
     EXPECT_TRUE(log.waitFor("Invalid pkt-len: \x01\x02ga"));
     {
+        // A client whose user was asked, cut short later: its stream ends and nothing breaks.
+        body = [](GitSocket& socket) { socket.readPktLine(); };
         TcpClient cut(server->port());
-        cut.send("0040git-upload-pack /to");
+        cut.send(pktLine("git-upload-pack /tools\0"s));
+        std::string repo = pktLine("repo __defaultOwner__ tools\n");
+        EXPECT_EQ(cut.read(repo.size()), repo);
+        cut.send("0040have 0123");
         cut.shutdownWrite();
         EXPECT_EQ(cut.readAll(), "");
+        body = nullptr;
     }
     EXPECT_TRUE(log.waitFor("EOF"));
     EXPECT_TRUE(log.contains("* git-upload-pack /missing"));

@@ -2,9 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include "storage/repository_name.h"
+
 #include <algorithm>
 #include <atomic>
 #include <thread>
+#include <vector>
 
 namespace corvane {
 namespace {
@@ -16,6 +19,36 @@ std::string id(char c) {
 Repository loaded(RepositoryContent content) {
     return Repository(id('9'), "__defaultOwner__", "tools", std::nullopt, std::nullopt,
                       std::move(content), 0);
+}
+
+TEST(RepositoryName, OnlyANameThatIsOneLineOfTextAndNoPathIsAccepted) {
+    for (const std::string& name :
+         std::vector<std::string>{"tools", "my tools", "caf\xc3\xa9", ".tools", "a..b",
+                                  "\xe2\x80\xaf", std::string(255, 'x')})
+        EXPECT_EQ(repositoryNameProblem(name), std::nullopt) << name;
+    std::pair<std::string, std::string> refused[] = {
+        {"", "Name can not be empty"},
+        {"team/tools", "Name can not contain /"},
+        {"/", "Name can not contain /"},
+        {".", "Name can not be . or .."},
+        {"..", "Name can not be . or .."},
+        {std::string(256, 'x'), "Name can not be longer than 255 bytes"},
+        {std::string(5000, 'x'), "Name can not be longer than 255 bytes"},
+        {"tools\xff", "Name is not valid UTF-8"},
+        {"\xc3", "Name is not valid UTF-8"},
+        {"\xed\xa0\x80", "Name is not valid UTF-8"},  // a surrogate
+        {"to\nols", "Name can not contain control characters such as newlines or tabs"},
+        {"to\tols", "Name can not contain control characters such as newlines or tabs"},
+        {std::string("to\0ols", 6),
+         "Name can not contain control characters such as newlines or tabs"},
+        {"tools\x7f", "Name can not contain control characters such as newlines or tabs"},
+        {"to\xc2\x85ols", "Name can not contain control characters such as newlines or tabs"},
+        // Line and paragraph separators end a line as a newline does.
+        {"to\xe2\x80\xa8ols", "Name can not contain control characters such as newlines or tabs"},
+        {"to\xe2\x80\xa9ols", "Name can not contain control characters such as newlines or tabs"},
+    };
+    for (const auto& [name, problem] : refused)
+        EXPECT_EQ(repositoryNameProblem(name), problem) << name;
 }
 
 TEST(Repository, HeadAndTheHistoryItLeadsTo) {

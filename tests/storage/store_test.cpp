@@ -26,6 +26,19 @@ void ageFile(const std::filesystem::path& path, std::chrono::hours age) {
     ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
 }
 
+// Every file under `root` is its owner's alone: the cache's folder mode is not its only guard.
+void expectPrivateFiles(const std::filesystem::path& root) {
+    int files = 0;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(root)) {
+        if (!entry.is_regular_file()) continue;
+        struct stat status {};
+        ASSERT_EQ(::stat(entry.path().c_str(), &status), 0);
+        EXPECT_EQ(status.st_mode & 0777, 0600u) << entry.path();
+        ++files;
+    }
+    EXPECT_GT(files, 0);
+}
+
 const char* kCommit =
     "tree 4b825dc642cb6eb9a060e54bf8d69288fbee4904\n"
     "author A <a@b> 1500000000 +0000\ncommitter A <a@b> 1500000000 +0000\n\nfirst\n";
@@ -114,6 +127,14 @@ TEST_F(StoreTest, PlacesDownloadedFilesKeepingSoundOnesAlreadyThere) {
     EXPECT_EQ(testing::errorMessage([&] { store.getObject(std::string(40, 'a')); }),
               "Corrupted cache file for object " + std::string(40, 'a'));
     EXPECT_FALSE(store.hasObject(std::string(40, 'a')));
+
+    // A download that others may read is copied, not linked: the cache's copy stays private.
+    Object shared(ObjectType::blob, toBytes("readable by all"));
+    source.putObject(shared);
+    ASSERT_EQ(::chmod(source.objectPath(shared.id()).c_str(), 0644), 0);
+    store.placeObjectFile(shared.id(), source.objectPath(shared.id()));
+    EXPECT_EQ(store.getObject(shared.id()), shared);
+    expectPrivateFiles(dir.path() + "/Objects");
 }
 
 TEST_F(StoreTest, PacksHoldManyObjectsInOneFileThatEveryStoreFinds) {
@@ -146,6 +167,8 @@ TEST_F(StoreTest, PacksHoldManyObjectsInOneFileThatEveryStoreFinds) {
     EXPECT_EQ(other.getObject(objects[1].id()), objects[1]);
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path() + "/Objects/packs"), {}),
               2);
+    expectPrivateFiles(dir.path() + "/Objects");
+    expectPrivateFiles(dir.path() + "/loose");
 
     // A damaged entry counts as absent, and the download placed for it is read instead.
     auto damaged = other.locate(objects[0].id());

@@ -60,6 +60,21 @@ class TcpClient {
         }
     }
 
+    // Exactly `size` bytes, or what came before the server closed.
+    std::string read(std::size_t size) {
+        std::string result(size, '\0');
+        std::size_t done = 0;
+        while (done < size) {
+            ssize_t received = ::recv(fd_, result.data() + done, size - done, 0);
+            if (received < 0)
+                throw std::runtime_error(std::string("recv: ") + std::strerror(errno));
+            if (received == 0) break;
+            done += static_cast<std::size_t>(received);
+        }
+        result.resize(done);
+        return result;
+    }
+
     void shutdownWrite() { ::shutdown(fd_, SHUT_WR); }
     void close() {
         if (fd_ >= 0) ::close(fd_);

@@ -24,6 +24,18 @@ TEST(AddRepositoryChecks, NamesAndLinksAreCheckedAsTheyAreTyped) {
     auto slash = checkCreateName("team/project");
     EXPECT_EQ(slash.preview, "Name can not contain /");
     EXPECT_FALSE(slash.acceptable);
+    for (auto [text, problem] :
+         {std::pair{".", "Name can not be . or .."},
+          std::pair{"one\ttwo", "Name can not contain control characters such as newlines or tabs"},
+          std::pair{"one\u0085two",
+                    "Name can not contain control characters such as newlines or tabs"},
+          std::pair{"one\u2028two",
+                    "Name can not contain control characters such as newlines or tabs"}}) {
+        EXPECT_EQ(checkCreateName(QString::fromUtf8(text)).preview, problem) << text;
+        EXPECT_FALSE(checkCreateName(QString::fromUtf8(text)).acceptable) << text;
+    }
+    EXPECT_EQ(checkCreateName(QString(300, QChar(0xe9))).preview,
+              "Name can not be longer than 255 bytes");  // 600 bytes of UTF-8
 
     auto link = checkJoinLink(" corvane://share/4f9c#project ");
     EXPECT_TRUE(link.acceptable);
@@ -61,6 +73,11 @@ TEST_F(AddRepositoryTest, TheSheetCreatesWhatItAcceptsAndPicksUpACopiedLink) {
     EXPECT_EQ(create.createGitURLField()->text(), "Name can not contain /");
     EXPECT_FALSE(create.defaultButton()->isEnabled());
     create.createAction();  // refused: nothing happens
+    EXPECT_TRUE(create.isVisible());
+    create.createNameField()->setText("..");
+    EXPECT_EQ(create.createGitURLField()->text(), "Name can not be . or ..");
+    EXPECT_FALSE(create.defaultButton()->isEnabled());
+    create.createAction();
     EXPECT_TRUE(create.isVisible());
     create.createNameField()->setText(" tools ");
     EXPECT_EQ(create.createGitURLField()->text(), "git://localhost/tools");

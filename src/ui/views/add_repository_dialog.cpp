@@ -12,6 +12,7 @@
 #include <QUrl>
 #include <QVBoxLayout>
 
+#include "storage/repository_name.h"
 #include "ui/core/text.h"
 
 namespace corvane::ui {
@@ -20,8 +21,8 @@ CreateNameCheck checkCreateName(const QString& text) {
     CreateNameCheck check;
     check.name = text.trimmed();
     if (check.name.isEmpty()) return check;
-    if (check.name.contains(QLatin1Char('/'))) {
-        check.preview = QStringLiteral("Name can not contain /");
+    if (auto problem = repositoryNameProblem(toStdString(check.name))) {
+        check.preview = toQString(*problem);
         return check;
     }
     check.preview = QStringLiteral("git://localhost/") + check.name;
