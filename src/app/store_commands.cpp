@@ -50,10 +50,18 @@ std::unique_ptr<cloud::PostgresConnection> openAdmin(const std::string& address)
 
 int initStore(const std::string& address) {
     auto admin = openAdmin(address);
-    cloud::initTeamStore(*admin);
+    for (const auto& left : cloud::initTeamStore(*admin))
+        std::printf("Not made a person of the store: %s.\n", left.c_str());
     std::printf(
         "The team store is ready. Add each person with:\n"
         "  corvane store add-person ADDRESS ROLE EMAIL NAME\n");
+    if (cloud::largeObjectsOpen(*admin)) {
+        std::printf(
+            "People can still make large objects in this database, which nobody but a "
+            "superuser can remove. A superuser closes that, in this database, with:\n"
+            "  %s;\n",
+            cloud::kCloseLargeObjects);
+    }
     return 0;
 }
 

@@ -230,9 +230,15 @@ std::string addressValue(const std::string& address, std::string_view wanted) {
 }  // namespace
 
 bool tlsRequired(const std::string& address) {
-    if (!addressValue(address, "sslmode").empty() || std::getenv("PGSSLMODE")) return false;
-    std::string hosts = addressValue(address, "host");
-    if (hosts.empty()) hosts = addressValue(address, "hostaddr");
+    // A service's own settings are its own; a mode set here would override them.
+    if (!addressValue(address, "sslmode").empty() || std::getenv("PGSSLMODE") ||
+        !addressValue(address, "service").empty() || std::getenv("PGSERVICE"))
+        return false;
+    // The address connected to is hostaddr's when there is one; host then only names it.
+    std::string hosts = addressValue(address, "hostaddr");
+    if (hosts.empty())
+        if (const char* hostaddr = std::getenv("PGHOSTADDR")) hosts = hostaddr;
+    if (hosts.empty()) hosts = addressValue(address, "host");
     if (hosts.empty())
         if (const char* host = std::getenv("PGHOST")) hosts = host;
     std::string_view rest = hosts;
@@ -253,7 +259,11 @@ std::unique_ptr<PostgresConnection> PostgresConnection::open(
         std::vector<const char*> keywords{"application_name", "connect_timeout"};
         std::vector<const char*> values{"corvane", "15"};
         if (tls) {
+            // Encrypted, and a password goes only where the server proves it holds the TLS
+            // session's key: someone in the middle can neither read nor ask for it.
             keywords.push_back("sslmode");
+            values.push_back("require");
+            keywords.push_back("channel_binding");
             values.push_back("require");
         }
         keywords.push_back("dbname");
@@ -369,7 +379,10 @@ std::int64_t PostgresConnection::run(std::string_view sql, std::span<const SqlPa
             buffers[i] = std::to_string(*integer);
             values[i] = buffers[i].c_str();
         } else if (auto* text = std::get_if<std::string_view>(&param)) {
-            // Text parameters are read up to their terminating NUL.
+            // Text parameters are read up to their terminating NUL: one inside would cut the
+            // text short, and "z\0x" would name the zone "z".
+            if (text->find('\0') != std::string_view::npos)
+                throw CloudError(kInvalidArguments, "A name or text holds a NUL character");
             buffers[i] = std::string(*text);
             values[i] = buffers[i].c_str();
         } else if (auto* bytes = std::get_if<ByteView>(&param)) {

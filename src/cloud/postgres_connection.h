@@ -19,7 +19,8 @@ namespace corvane::cloud {
 class PostgresConnection final : public Connection {
   public:
     // Connects with any libpq connection string or URI; to a server on another machine with TLS
-    // (sslmode=require) unless the address or PGSSLMODE chooses. When the server wants a
+    // and channel binding (sslmode=require channel_binding=require) unless the address,
+    // PGSSLMODE or a service chooses. When the server wants a
     // password the address does not give, `askPassword` (if any) is asked for one. A refused
     // login fails with code 9, a server that cannot be reached with code 3.
     static std::unique_ptr<PostgresConnection> open(

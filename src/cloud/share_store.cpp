@@ -150,10 +150,12 @@ Share writeShare(Connection& connection, std::int64_t zoneRowId, std::int64_t re
         for (const auto& known : stored) {
             if (!samePerson(known, entry)) continue;
             status = known.status;
-            // An entry the share still shows as removed stays removed; a fresh one (from a
-            // look-up) invites the person again.
+            // Someone who left or was removed is invited again only by a fresh entry (from a
+            // look-up) or a pending one; a stale copy that still shows them accepted does not
+            // bring them back.
             bool invitedAgain = known.status == AcceptanceStatus::removed &&
-                                entry.requestedStatus != AcceptanceStatus::removed;
+                                (entry.requestedStatus == AcceptanceStatus::unknown ||
+                                 entry.requestedStatus == AcceptanceStatus::pending);
             if (invitedAgain || status == AcceptanceStatus::unknown)
                 status = AcceptanceStatus::pending;
             break;

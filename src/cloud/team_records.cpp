@@ -380,6 +380,10 @@ std::vector<SaveOutcome> saveTeamRecords(Connection& connection, DatabaseScope s
         if (it == zones.end()) it = zones.insert(zones.end(), {zoneId, {}});
         it->second.push_back(i);
     }
+    // Zones are locked in one order by every writer, so two saves of the same zones never wait
+    // for each other's.
+    std::sort(zones.begin(), zones.end(),
+              [](const auto& a, const auto& b) { return a.first < b.first; });
     Transaction transaction(connection, TransactionMode::write);
     for (const auto& [zoneId, members] : zones) {
         ZoneSave zone(connection, scope, zoneId, prepared, policy, atomic);

@@ -91,6 +91,35 @@ std::optional<std::int64_t> storedLayout(Connection& admin) {
     return std::stoll(*text);
 }
 
+// Why the role must not become a person, if it must not: a role with more rights than a
+// person's would bring them into the store (one that may create roles can grant itself the
+// administrator's), and a role whose members log in would let them all in.
+std::optional<std::string> unfitForPerson(Connection& admin, const std::string& role) {
+    std::optional<std::string> reason;
+    admin.execute(
+        "SELECT r.rolsuper, r.rolcreaterole, r.rolreplication, r.rolbypassrls, r.rolcanlogin, "
+        "pg_has_role(r.oid, current_user, 'MEMBER'), EXISTS (SELECT 1 FROM pg_auth_members m "
+        "JOIN pg_roles g ON g.oid = m.roleid WHERE m.member = r.oid AND g.rolname NOT LIKE "
+        "'corvane\\_people\\_%'), EXISTS (SELECT 1 FROM pg_auth_members m WHERE m.roleid = "
+        "r.oid) FROM pg_roles r WHERE r.rolname = ?",
+        {role}, [&](const SqlRow& row) {
+            if (row.integer(0)) {
+                reason = "is a superuser";
+            } else if (row.integer(1)) {
+                reason = "may create roles";
+            } else if (row.integer(2) || row.integer(3)) {
+                reason = "may replicate or bypass row security";
+            } else if (row.integer(5)) {
+                reason = "has the administrator's rights";
+            } else if (!row.integer(4) || row.integer(7)) {
+                reason = "is a group of other roles";
+            } else if (row.integer(6)) {
+                reason = "is a member of other roles, whose rights it has";
+            }
+        });
+    return reason;
+}
+
 void checkAdministrator(Connection& admin) {
     if (admin.dialect() != SqlDialect::postgresql)
         throw invalid("A team store is a PostgreSQL database");
@@ -107,7 +136,7 @@ void checkAdministrator(Connection& admin) {
 
 }  // namespace
 
-void initTeamStore(PostgresConnection& admin) {
+std::vector<std::string> initTeamStore(PostgresConnection& admin) {
     checkAdministrator(admin);
     Transaction transaction(admin, TransactionMode::write);
     admin.execute(kSetUpLock);
@@ -138,6 +167,10 @@ void initTeamStore(PostgresConnection& admin) {
         "DO $$ BEGIN EXECUTE format('REVOKE ALL ON DATABASE %I FROM PUBLIC', "
         "current_database()); EXECUTE format('GRANT CONNECT ON DATABASE %I TO " +
         group + "', current_database()); END $$");
+    // A writer holds its zone's lock until it commits; one that stops talking mid-way lets go.
+    admin.execute(
+        "DO $$ BEGIN EXECUTE format('ALTER DATABASE %I SET "
+        "idle_in_transaction_session_timeout = ''5min''', current_database()); END $$");
     admin.execute("REVOKE ALL ON SCHEMA public FROM PUBLIC");
     admin.execute("REVOKE ALL ON ALL TABLES IN SCHEMA corvane FROM PUBLIC");
     admin.execute("REVOKE ALL ON ALL SEQUENCES IN SCHEMA corvane FROM PUBLIC");
@@ -147,14 +180,33 @@ void initTeamStore(PostgresConnection& admin) {
     for (auto function : kPeopleFunctions)
         admin.execute("GRANT EXECUTE ON FUNCTION corvane." + std::string(function) + " TO " +
                       group);
-    // People of an earlier layout were members of a group every store on the server shared.
+    // People of an earlier layout were members of a group every store on the server shared;
+    // each joins this store's group, unless its rights make it unfit to be a person.
     std::vector<std::string> people;
     admin.execute(
         "SELECT role_name FROM corvane.accounts a JOIN pg_roles r ON r.rolname = a.role_name", {},
         [&](const SqlRow& row) { people.emplace_back(row.text(0)); });
-    for (const auto& role : people)
+    std::vector<std::string> refused;
+    for (const auto& role : people) {
+        if (auto reason = unfitForPerson(admin, role)) {
+            refused.push_back(role + " " + *reason);
+            continue;
+        }
         grantGroup(admin, group, role);
+    }
     transaction.commit();
+    return refused;
+}
+
+bool largeObjectsOpen(Connection& admin) {
+    auto group = peopleGroup(admin);
+    return queryInteger(admin,
+                        "SELECT 1 WHERE has_function_privilege(?, 'pg_catalog.lo_from_bytea(oid, "
+                        "bytea)', 'EXECUTE') OR has_function_privilege(?, "
+                        "'pg_catalog.lo_creat(integer)', 'EXECUTE') OR has_function_privilege(?, "
+                        "'pg_catalog.lo_create(oid)', 'EXECUTE')",
+                        {group, group, group})
+        .has_value();
 }
 
 std::string peopleGroup(Connection& admin) {
@@ -185,13 +237,8 @@ std::optional<std::string> addPerson(PostgresConnection& admin, const NewPerson&
 
     std::optional<std::string> password;
     if (roleExists(admin, person.role)) {
-        if (queryInteger(admin, "SELECT 1 FROM pg_roles WHERE rolname = ? AND rolsuper",
-                         {person.role}))
-            throw invalid("The role " + person.role + " is a superuser and cannot be a person");
-        if (queryInteger(admin, "SELECT CAST(pg_has_role(?, current_user, 'MEMBER') AS INTEGER)",
-                         {person.role}) == 1)
-            throw invalid("The role " + person.role +
-                          " has the administrator's rights and cannot be a person");
+        if (auto reason = unfitForPerson(admin, person.role))
+            throw invalid("The role " + person.role + " " + *reason + " and cannot be a person");
         bool alreadyPerson =
             queryInteger(admin, "SELECT 1 FROM corvane.accounts WHERE role_name = ?", {person.role})
                 .has_value();
@@ -208,6 +255,9 @@ std::optional<std::string> addPerson(PostgresConnection& admin, const NewPerson&
                 [&] { return roleExists(admin, person.role); }))
             password.reset();
     }
+    // Another administrator may have made the role meanwhile, with rights of its own.
+    if (auto reason = unfitForPerson(admin, person.role))
+        throw invalid("The role " + person.role + " " + *reason + " and cannot be a person");
     grantGroup(admin, group, person.role);
 
     auto space = person.name.find(' ');

@@ -201,6 +201,10 @@ BEGIN
     zone_id := found_zone;
     IF zone_id IS NOT NULL AND _writing AND writable THEN
         PERFORM 1 FROM zones z WHERE z.id = found_zone FOR UPDATE;
+        -- Deleted while this writer waited for it.
+        IF NOT FOUND THEN
+            zone_id := NULL;
+        END IF;
     END IF;
 END $$;
 
@@ -347,9 +351,10 @@ BEGIN
                 LIMIT 1;
             IF FOUND THEN
                 v_status := known;
-                -- A removed entry the owner's copy still shows stays removed; a fresh one (from
-                -- a look-up) invites the person again.
-                IF (v_status = 3 AND COALESCE(entry->>'status', '') <> '3')
+                -- Someone who left or was removed is invited again only by a fresh entry (from a
+                -- look-up, status unknown) or one that says pending; an owner's stale copy that
+                -- still shows them accepted does not bring them back.
+                IF (v_status = 3 AND COALESCE(entry->>'status', '0') IN ('0', '1'))
                    OR v_status NOT IN (1, 2, 3) THEN
                     v_status := 1;
                 END IF;
@@ -495,7 +500,7 @@ RETURNS VOID
 LANGUAGE plpgsql VOLATILE SECURITY DEFINER SET search_path = pg_catalog, corvane, pg_temp AS $$
 DECLARE
     target RECORD;
-    content TEXT;
+    piece RECORD;
     total BIGINT;
     pieces BIGINT;
     whole BYTEA;
@@ -505,33 +510,51 @@ BEGIN
        OR cardinality(_hashes) <> cardinality(_pieces) THEN
         RAISE EXCEPTION 'The pieces of contents do not match their names' USING ERRCODE = 'CV012';
     END IF;
-    FOR i IN 1 .. COALESCE(cardinality(_hashes), 0) LOOP
-        content := _hashes[i];
-        IF content IS NULL OR content !~ '^[0-9a-f]{64}$' OR _sizes[i] IS NULL
-           OR _sizes[i] < 0 OR _seqs[i] IS NULL OR _seqs[i] < 0 OR _pieces[i] IS NULL THEN
-            RAISE EXCEPTION 'Invalid piece of content %', content USING ERRCODE = 'CV012';
+    -- One pass over the arguments: reading an element of a large one by its number would copy
+    -- all of it.
+    FOR piece IN SELECT * FROM unnest(_hashes, _sizes, _seqs, _pieces) AS p(hash, size, seq, data)
+    LOOP
+        IF piece.hash IS NULL OR piece.hash !~ '^[0-9a-f]{64}$' OR piece.size IS NULL
+           OR piece.size < 0 OR piece.seq IS NULL OR piece.seq < 0 OR piece.data IS NULL THEN
+            RAISE EXCEPTION 'Invalid piece of content %', piece.hash USING ERRCODE = 'CV012';
+        END IF;
+        -- The server checks a content whole, in memory.
+        IF piece.size > 512 * 1024 * 1024 THEN
+            RAISE EXCEPTION 'A content of more than 512 MiB cannot be stored in a team store'
+                USING ERRCODE = 'CV025';
         END IF;
         CONTINUE WHEN EXISTS (SELECT 1 FROM assets a
-                              WHERE a.zone_id = target.zone_id AND a.hash = content);
+                              WHERE a.zone_id = target.zone_id AND a.hash = piece.hash);
         INSERT INTO asset_chunks (zone_id, hash, seq, data)
-            VALUES (target.zone_id, content, _seqs[i], _pieces[i]);
-        SELECT sum(octet_length(k.data)), count(*) INTO total, pieces FROM asset_chunks k
-            WHERE k.zone_id = target.zone_id AND k.hash = content;
-        IF total > _sizes[i] THEN
-            RAISE EXCEPTION 'The content % is longer than its size', content
-                USING ERRCODE = 'CV017';
-        END IF;
-        IF total = _sizes[i] THEN
-            SELECT string_agg(k.data, ''::BYTEA ORDER BY k.seq) INTO whole FROM asset_chunks k
-                WHERE k.zone_id = target.zone_id AND k.hash = content;
-            IF (SELECT max(k.seq) FROM asset_chunks k
-                WHERE k.zone_id = target.zone_id AND k.hash = content) <> pieces - 1
-               OR encode(sha256(COALESCE(whole, ''::BYTEA)), 'hex') <> content THEN
-                RAISE EXCEPTION 'The stored content % does not match its name', content
+            VALUES (target.zone_id, piece.hash, piece.seq, piece.data);
+        IF piece.seq = 0 AND octet_length(piece.data) = piece.size
+           AND NOT EXISTS (SELECT 1 FROM asset_chunks k WHERE k.zone_id = target.zone_id
+                           AND k.hash = piece.hash AND k.seq <> 0) THEN
+            -- A content in one piece, as most are.
+            total := piece.size;
+            pieces := 1;
+            whole := piece.data;
+        ELSE
+            SELECT sum(octet_length(k.data)), count(*) INTO total, pieces FROM asset_chunks k
+                WHERE k.zone_id = target.zone_id AND k.hash = piece.hash;
+            IF total > piece.size THEN
+                RAISE EXCEPTION 'The content % is longer than its size', piece.hash
                     USING ERRCODE = 'CV017';
             END IF;
-            INSERT INTO assets (zone_id, hash, size) VALUES (target.zone_id, content, total);
+            CONTINUE WHEN total < piece.size;
+            SELECT string_agg(k.data, ''::BYTEA ORDER BY k.seq) INTO whole FROM asset_chunks k
+                WHERE k.zone_id = target.zone_id AND k.hash = piece.hash;
+            IF (SELECT max(k.seq) FROM asset_chunks k
+                WHERE k.zone_id = target.zone_id AND k.hash = piece.hash) <> pieces - 1 THEN
+                RAISE EXCEPTION 'The pieces of content % are not numbered in turn', piece.hash
+                    USING ERRCODE = 'CV017';
+            END IF;
         END IF;
+        IF encode(sha256(COALESCE(whole, ''::BYTEA)), 'hex') <> piece.hash THEN
+            RAISE EXCEPTION 'The stored content % does not match its name', piece.hash
+                USING ERRCODE = 'CV017';
+        END IF;
+        INSERT INTO assets (zone_id, hash, size) VALUES (target.zone_id, piece.hash, total);
     END LOOP;
 END $$;
 
@@ -553,11 +576,12 @@ LANGUAGE plpgsql VOLATILE SECURITY DEFINER SET search_path = pg_catalog, corvane
 DECLARE
     me accounts := person();
     target RECORD;
+    item RECORD;
     stored RECORD;
     saved_id BIGINT;
-    uses TEXT[];
-    missing TEXT;
-    released TEXT[] := '{}';
+    saved BIGINT[] := '{}';
+    lacking BIGINT[];
+    released TEXT[];
     stamp BIGINT;
     tag TEXT;
 BEGIN
@@ -569,88 +593,95 @@ BEGIN
     BEGIN
         SELECT * INTO target FROM writable_zone(me, _scope, _owner, _zone);
     EXCEPTION WHEN SQLSTATE 'CV010' OR SQLSTATE 'CV011' THEN
-        FOR i IN 1 .. COALESCE(cardinality(_names), 0) LOOP
-            RETURN QUERY SELECT _names[i], substr(SQLSTATE, 3)::INT, SQLERRM, NULL::TEXT,
-                NULL::BIGINT, NULL::BIGINT, NULL::TEXT;
-        END LOOP;
+        RETURN QUERY SELECT n, substr(SQLSTATE, 3)::INT, SQLERRM, NULL::TEXT, NULL::BIGINT,
+            NULL::BIGINT, NULL::TEXT FROM unnest(_names) n;
         RETURN;
     END;
-    FOR i IN 1 .. COALESCE(cardinality(_names), 0) LOOP
-        SELECT COALESCE(array_agg(DISTINCT h), '{}') INTO uses FROM unnest(_use_hashes)
-            WITH ORDINALITY AS u(h, k) WHERE _use_records[k] = i;
+    -- The records that use a content the zone does not hold. Arrays are read in one pass each:
+    -- reading an element of a large argument by its number copies the whole argument.
+    SELECT COALESCE(array_agg(DISTINCT u.k), '{}') INTO lacking
+        FROM unnest(_use_records, _use_hashes) AS u(k, h)
+        WHERE NOT EXISTS (SELECT 1 FROM assets a WHERE a.zone_id = target.zone_id AND a.hash = u.h);
+
+    <<records>>
+    FOR item IN SELECT * FROM unnest(_names, _types, _parents, _fields, _tags)
+            WITH ORDINALITY AS r(name, type, parent, fields, tag, i) LOOP
+        saved_id := NULL;
         BEGIN
-            IF COALESCE(_names[i], '') = '' OR COALESCE(_types[i], '') = '' OR _fields[i] IS NULL
+            IF COALESCE(item.name, '') = '' OR COALESCE(item.type, '') = '' OR item.fields IS NULL
             THEN
                 RAISE EXCEPTION 'A record needs a name, a type and fields' USING ERRCODE = 'CV012';
             END IF;
-            IF _types[i] = 'cloud.share' AND NOT target.owned THEN
+            IF item.type = 'cloud.share' AND NOT target.owned THEN
                 RAISE EXCEPTION 'Only the owner of a zone can change its share'
                     USING ERRCODE = 'CV010';
             END IF;
-            SELECT c.id, c.change_tag, c.type, c.created INTO stored FROM records c
-                WHERE c.zone_id = target.zone_id AND c.name = _names[i];
-            IF _policy = 0 AND stored.id IS NOT NULL
-               AND stored.change_tag IS DISTINCT FROM NULLIF(_tags[i], '') THEN
-                RAISE EXCEPTION 'Record % was changed by another save', _names[i]
-                    USING ERRCODE = 'CV014';
-            END IF;
-            IF _policy = 0 AND stored.id IS NULL AND COALESCE(_tags[i], '') <> '' THEN
-                RAISE EXCEPTION 'Record % does not exist any more', _names[i]
-                    USING ERRCODE = 'CV011';
-            END IF;
-            IF stored.id IS NOT NULL AND (stored.type = 'cloud.share') <> (_types[i] = 'cloud.share')
-            THEN
-                RAISE EXCEPTION 'Record % cannot change between share and plain record', _names[i]
+            IF item.i = ANY (lacking) THEN
+                RAISE EXCEPTION 'Record % uses a content that is not stored', item.name
                     USING ERRCODE = 'CV012';
             END IF;
-            SELECT h INTO missing FROM unnest(uses) h WHERE NOT EXISTS
-                (SELECT 1 FROM assets a WHERE a.zone_id = target.zone_id AND a.hash = h) LIMIT 1;
-            IF missing IS NOT NULL THEN
-                RAISE EXCEPTION 'Record % uses the content %, which is not stored', _names[i],
-                    missing USING ERRCODE = 'CV012';
+            SELECT c.id, c.change_tag, c.type, c.created INTO stored FROM records c
+                WHERE c.zone_id = target.zone_id AND c.name = item.name;
+            IF _policy = 0 AND stored.id IS NOT NULL
+               AND stored.change_tag IS DISTINCT FROM NULLIF(item.tag, '') THEN
+                RAISE EXCEPTION 'Record % was changed by another save', item.name
+                    USING ERRCODE = 'CV014';
+            END IF;
+            IF _policy = 0 AND stored.id IS NULL AND COALESCE(item.tag, '') <> '' THEN
+                RAISE EXCEPTION 'Record % does not exist any more', item.name
+                    USING ERRCODE = 'CV011';
+            END IF;
+            IF stored.id IS NOT NULL AND (stored.type = 'cloud.share') <> (item.type = 'cloud.share')
+            THEN
+                RAISE EXCEPTION 'Record % cannot change between share and plain record', item.name
+                    USING ERRCODE = 'CV012';
             END IF;
 
             stamp := now_ms();
             tag := left(random_hex(), 16);
             IF stored.id IS NOT NULL THEN
                 saved_id := stored.id;
-                UPDATE records c SET type = _types[i], parent = NULLIF(_parents[i], ''),
-                    fields = _fields[i], change_tag = tag, modified = stamp WHERE c.id = saved_id;
-                released := released || ARRAY(SELECT r.hash FROM asset_refs r
-                    WHERE r.record_id = saved_id AND NOT r.hash = ANY (uses));
-                DELETE FROM asset_refs r WHERE r.record_id = saved_id;
+                UPDATE records c SET type = item.type, parent = NULLIF(item.parent, ''),
+                    fields = item.fields, change_tag = tag, modified = stamp
+                    WHERE c.id = saved_id;
             ELSE
                 INSERT INTO records (zone_id, name, type, parent, fields, change_tag, created,
                                      modified)
-                    VALUES (target.zone_id, _names[i], _types[i], NULLIF(_parents[i], ''),
-                            _fields[i], tag, stamp, stamp)
+                    VALUES (target.zone_id, item.name, item.type, NULLIF(item.parent, ''),
+                            item.fields, tag, stamp, stamp)
                     RETURNING records.id INTO saved_id;
             END IF;
-            INSERT INTO asset_refs (record_id, zone_id, hash)
-                SELECT saved_id, target.zone_id, h FROM unnest(uses) h;
-            IF _types[i] = 'cloud.share' THEN
-                PERFORM write_share(me, target.zone_id, _zone, saved_id, _shares->_names[i]);
+            IF item.type = 'cloud.share' THEN
+                PERFORM write_share(me, target.zone_id, _zone, saved_id, _shares->item.name);
             END IF;
-            RETURN QUERY SELECT _names[i], 0, NULL::TEXT, tag,
-                COALESCE(stored.created, stamp), stamp,
-                CASE WHEN _types[i] = 'cloud.share' THEN share_json(target.zone_id) END;
+            RETURN QUERY SELECT item.name, 0, NULL::TEXT, tag, COALESCE(stored.created, stamp),
+                stamp,
+                CASE WHEN item.type = 'cloud.share' THEN share_json(target.zone_id) END;
         EXCEPTION WHEN OTHERS THEN
             IF SQLSTATE NOT LIKE 'CV%' THEN
                 RAISE;
             END IF;
-            -- Contents stored for this record alone go with it.
-            released := released || uses;
-            RETURN QUERY SELECT _names[i], substr(SQLSTATE, 3)::INT, SQLERRM, NULL::TEXT,
+            saved_id := NULL;
+            RETURN QUERY SELECT item.name, substr(SQLSTATE, 3)::INT, SQLERRM, NULL::TEXT,
                 NULL::BIGINT, NULL::BIGINT, NULL::TEXT;
-            IF _atomic THEN
-                RETURN;
-            END IF;
+            EXIT records WHEN _atomic;
         END;
+        saved := saved || saved_id;
     END LOOP;
-    -- Contents no record of the zone uses any more go with their pieces.
-    DELETE FROM assets a WHERE a.zone_id = target.zone_id AND a.hash = ANY (released)
-        AND NOT EXISTS (SELECT 1 FROM asset_refs r
-                        WHERE r.zone_id = a.zone_id AND r.hash = a.hash);
+
+    -- The saved records use exactly their contents now; contents no record of the zone uses any
+    -- more (given up by a record, or stored for one that was refused) go with their pieces.
+    WITH dropped AS (
+        DELETE FROM asset_refs r WHERE r.record_id = ANY (saved) RETURNING r.hash)
+    SELECT COALESCE(array_agg(DISTINCT d.hash), '{}') INTO released FROM dropped d;
+    INSERT INTO asset_refs (record_id, zone_id, hash)
+        SELECT DISTINCT s.id, target.zone_id, u.h
+        FROM unnest(saved) WITH ORDINALITY AS s(id, k)
+        JOIN unnest(_use_records, _use_hashes) AS u(k, h) ON u.k = s.k
+        WHERE s.id IS NOT NULL;
+    DELETE FROM assets a WHERE a.zone_id = target.zone_id
+        AND a.hash IN (SELECT unnest(released) UNION SELECT unnest(_use_hashes))
+        AND NOT EXISTS (SELECT 1 FROM asset_refs r WHERE r.zone_id = a.zone_id AND r.hash = a.hash);
 END $$;
 
 -- A person of the store by e-mail address, to invite; no row when there is none.
@@ -711,11 +742,16 @@ DECLARE
     me accounts := person();
     place RECORD;
 BEGIN
+    -- The owner's changes of people take the same lock, so the place found is still the
+    -- caller's when it is answered.
+    PERFORM 1 FROM zones z JOIN shares s ON s.zone_id = z.id WHERE s.token = _token
+        FOR UPDATE OF z;
     SELECT * INTO place FROM open_share(_token);
     IF NOT place.is_owner THEN
         UPDATE participants p SET status = 2, account_id = me.id
             FROM shares s WHERE s.token = _token AND p.zone_id = s.zone_id
-            AND p.position = place.place;
+            AND p.position = place.place AND p.status <> 3
+            AND (p.account_id = me.id OR (p.account_id IS NULL AND p.email_key = me.email_key));
     END IF;
 END $$;
 

@@ -176,7 +176,12 @@ TEST_F(PostgresTest, OnlyNewRolesOrChosenOnesBecomePeopleAndPasswordsStayOffTheS
     }
 
     auto existing = roleFor("eve@example.com");
+    auto maker = roleFor("mal@example.com"), member = roleFor("mem@example.com");
     admin->execute("CREATE ROLE " + existing + " LOGIN");
+    // A role that may create roles could grant itself the administrator's rights; a member of
+    // another role has that role's rights.
+    admin->execute("CREATE ROLE " + maker + " LOGIN CREATEROLE");
+    admin->execute("CREATE ROLE " + member + " LOGIN IN ROLE pg_read_all_data");
     for (const auto& [bad, why] :
          {std::pair{NewPerson{roleFor("x"), "dora@example.com", "Eve"}, "another's address"},
           {NewPerson{"Robert'); DROP TABLE accounts; --", "r@example.com", "R"}, "no role name"},
@@ -184,7 +189,9 @@ TEST_F(PostgresTest, OnlyNewRolesOrChosenOnesBecomePeopleAndPasswordsStayOffTheS
           {NewPerson{roleFor("y"), "no address", "Eve"}, "no address"},
           {NewPerson{existing, "eve@example.com", "Eve"}, "a role that exists"},
           {NewPerson{"postgres", "root@example.com", "Root"}, "a superuser"},
-          {NewPerson{"corvane_admin", "admin@example.com", "Admin"}, "the administrator"}})
+          {NewPerson{"corvane_admin", "admin@example.com", "Admin"}, "the administrator"},
+          {NewPerson{maker, "mal@example.com", "Mal"}, "a maker of roles"},
+          {NewPerson{member, "mem@example.com", "Mem"}, "a member of another role"}})
         EXPECT_EQ(codeOf([&] { addPerson(*admin, bad, bad.role != existing); }), kInvalidArguments)
             << why;
     EXPECT_FALSE(addPerson(*admin, NewPerson{existing, "eve@example.com", "Eve"}, true));
@@ -195,6 +202,7 @@ TEST_F(PostgresTest, OnlyNewRolesOrChosenOnesBecomePeopleAndPasswordsStayOffTheS
                              {role});
     };
     EXPECT_EQ(members("postgres"), 0);
+    EXPECT_EQ(members(maker), 0);
     EXPECT_EQ(members(existing), 1);
 
     // Roles belong to the whole server: two stores on it adding the same person at the same

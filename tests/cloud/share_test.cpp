@@ -230,7 +230,10 @@ TEST_F(ShareTest, AParticipantLeavesByDeletingTheZoneAndCanBeInvitedAgain) {
     EXPECT_EQ(invite("gus@example.com").share->participants[1].acceptanceStatus,
               AcceptanceStatus::accepted);
     EXPECT_EQ(guest->sharedCloudDatabase().fetchAllRecordZones().size(), 1u);
+    auto stale = *fetchOne(owner->privateCloudDatabase(), kShareId).record;
     guest->sharedCloudDatabase().deleteRecordZone(sharedZone());
+    // The owner's copy from before he left, saved over the share, does not bring him back.
+    saveOne(owner->privateCloudDatabase(), stale, SavePolicy::allKeys);
 
     EXPECT_TRUE(guest->sharedCloudDatabase().fetchAllRecordZones().empty());
     EXPECT_TRUE(fetchOne(owner->privateCloudDatabase(), kRoot).record);  // the zone lives on

@@ -134,6 +134,15 @@ TEST_F(TeamDoorTest, PeopleTouchNoTableAndReachNoZoneOfAnother) {
     EXPECT_EQ(testing::readFile(*root.record->get<Asset>("meta")->fileURL), "the owner's secret");
     EXPECT_TRUE(stranger->sharedCloudDatabase().fetchAllRecordZones().empty());
 
+    // Large objects live outside any table, and only a superuser can take them away: the set-up
+    // says so until one has.
+    EXPECT_EQ(refused("SELECT lo_from_bytea(0, 'filler')"), 0);
+    EXPECT_TRUE(largeObjectsOpen(*storeAdministrator()));
+    PostgresConnection::open(server() + " dbname=" + databaseName() + " user=postgres")
+        ->execute(kCloseLargeObjects);
+    EXPECT_EQ(refused("SELECT lo_from_bytea(0, 'filler')"), kPermissionFailure);
+    EXPECT_FALSE(largeObjectsOpen(*storeAdministrator()));
+
     // A person of this store is nobody on another store of the same server.
     std::string other = databaseName() + "_other";
     PostgresConnection::open(server())->execute("CREATE DATABASE " + other);

@@ -79,10 +79,9 @@ TEST(TeamAttacks, AMemberReachesNothingThatWasNotSharedWithThem) {
     EXPECT_NE(
         shTry(work.path(), "git clone -q " + mallory.daemon.url(theirs) + " stolen 2>&1").status,
         0);
-    EXPECT_EQ(TeamStore::psql(admin,
-                              "SELECT count(*) FROM pg_auth_members WHERE roleid = "
-                              "'corvane_admin'::regrole"),
-              "0");
+    EXPECT_EQ(TeamStore::psql(admin, "SELECT pg_has_role('" + store.role("mallory") +
+                                         "', current_user, 'MEMBER')"),
+              "f");
     ada.corvaneOk({"create", "next"});
     sh(adaWork, "echo more >> secret.txt && git commit -qam more && git push -q " +
                     ada.daemon.url("secret-plans") + " main");
