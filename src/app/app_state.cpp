@@ -51,12 +51,36 @@ void AppState::reloadRepositories() {
             reportError("Failed to load repositories", result.error());
             return;
         }
-        std::map<std::string, std::shared_ptr<Repository>> table;
-        for (const auto& repository : result.value())
-            table.insert_or_assign(repository->url(), repository);
-        repositories_ = std::move(table);
-        send(event::RepositoriesModified{});
+        showRepositories(result.value());
     });
+}
+
+void AppState::refreshRepositories() {
+    if (refreshing_ || listChanges_ > 0) return;
+    refreshing_ = true;
+    backend_->fetchRepositories([this](Result<std::vector<std::shared_ptr<Repository>>> result) {
+        refreshing_ = false;
+        if (result.ok() && listChanges_ == 0) showRepositories(result.value());
+    });
+}
+
+void AppState::showRepositories(const std::vector<std::shared_ptr<Repository>>& repositories) {
+    std::map<std::string, std::shared_ptr<Repository>> table;
+    for (const auto& repository : repositories)
+        table.insert_or_assign(repository->url(), repository);
+    repositories_ = std::move(table);
+    send(event::RepositoriesModified{});
+    // The selection follows the table: a repository gone from the store is no longer shown.
+    if (!selectedRepository_->id().empty()) {
+        auto selected = repositories_.find(selectedRepository_->url());
+        if (selected == repositories_.end()) {
+            selectRepository(std::nullopt);
+        } else if (selected->second != selectedRepository_) {
+            // Changed in the store (a push from elsewhere): its pane shows it.
+            selectedRepository_ = selected->second;
+            send(event::RepositoryModified{selected->first});
+        }
+    }
 }
 
 void AppState::reloadRepository(const std::shared_ptr<Repository>& repository) {
@@ -134,7 +158,9 @@ void AppState::createRepository(const std::string& name) {
     const std::string url = placeholder->url();
     repositories_.insert_or_assign(url, placeholder);
     send(event::RepositoryAdded{placeholder});
+    ++listChanges_;
     backend_->createRepository(name, [this, name, url](Result<std::shared_ptr<Repository>> result) {
+        --listChanges_;
         if (!result.ok()) {
             reportError("Failed to create " + quotedName(name), result.error());
         } else if (const auto& created = result.value(); created->url() == url) {
@@ -150,13 +176,30 @@ void AppState::createRepository(const std::string& name) {
 }
 
 void AppState::joinRepository(const std::string& shareURL) {
-    if (auto title = cloud::shareTitle(shareURL)) {
-        auto placeholder = std::make_shared<Repository>(*title);
+    std::shared_ptr<Repository> placeholder;
+    std::optional<std::string> before;
+    if (!selectedRepository_->id().empty()) before = selectedRepository_->url();
+    if (auto title = cloud::shareTitle(shareURL);
+        title && !repositories_.contains(Repository(*title).url())) {
+        placeholder = std::make_shared<Repository>(*title);
         repositories_.insert_or_assign(placeholder->url(), placeholder);
         send(event::RepositoryAdded{placeholder});
     }
-    backend_->joinRepository(shareURL, [this](Result<Done> result) {
-        if (!result.ok()) reportError("Failed to join repository", result.error());
+    ++listChanges_;
+    backend_->joinRepository(shareURL, [this, placeholder, before](Result<Done> result) {
+        --listChanges_;
+        if (!result.ok()) {
+            // Nothing was joined: the row shown meanwhile goes, and the selection is what it was.
+            if (placeholder) {
+                auto shown = repositories_.find(placeholder->url());
+                if (shown != repositories_.end() && shown->second == placeholder) {
+                    repositories_.erase(shown);
+                    send(event::RepositoryDeleted{placeholder->url()});
+                }
+                if (selectedRepository_ == placeholder) selectRepository(before);
+            }
+            reportError("Failed to join repository", result.error());
+        }
         reloadRepositories();
     });
 }
@@ -168,7 +211,9 @@ void AppState::deleteRepository(const std::string& url) {
     repositories_.erase(found);
     send(event::RepositoryDeleted{url});
     if (selectedRepository_->url() == url) selectRepository(std::nullopt);
+    ++listChanges_;
     backend_->deleteRepository(repository, [this, name = repository->name()](Result<Done> result) {
+        --listChanges_;
         if (!result.ok()) reportError("Failed to delete " + quotedName(name), result.error());
         reloadRepositories();
     });

@@ -56,6 +56,10 @@ class AppState {
     void send(Event event);
 
     void reloadRepositories();
+    // The list brought up to date with the store, quietly: what others created, deleted or
+    // pushed shows; a failure is left for the next try (or a reload) to say. Skipped while the
+    // window's own creation, join or deletion is under way, whose rows it would take away.
+    void refreshRepositories();
     void reloadRepository(const std::shared_ptr<Repository>& repository);
     // Puts a loaded (or just pushed) repository in the table, keeping the user's place in it.
     void updateRepository(const std::shared_ptr<Repository>& repository);
@@ -72,6 +76,7 @@ class AppState {
 
   private:
     void deliver(const Event& event);
+    void showRepositories(const std::vector<std::shared_ptr<Repository>>& repositories);
     // Saves changes of a repository's people one after another, in the order made, so the list
     // keeps that order; each failure is reported under `failure`.
     void changePeople(const std::shared_ptr<Repository>& repository,
@@ -93,6 +98,9 @@ class AppState {
         std::deque<std::function<void()>> peopleChanges;
     };
     std::map<std::string, Reloads> reloads_;
+    // Creations, joins and deletions under way, and whether a refresh is. Main queue only.
+    int listChanges_ = 0;
+    bool refreshing_ = false;
     // Selections so far; a prefetch for an earlier one is dropped.
     std::atomic<std::uint64_t> selections_{0};
     // Per repository URL, the content whose objects were last found all cached: choosing it

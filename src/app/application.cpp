@@ -1,13 +1,8 @@
 #include "app/application.h"
 
-#include <spawn.h>
-#include <sys/wait.h>
-
 #include "base/trace.h"
 #include "protocol/receive_pack.h"
 #include "protocol/upload_pack.h"
-
-extern char** environ;
 
 namespace corvane {
 
@@ -84,19 +79,6 @@ void Application::reloadRepositoryMenuAction() {
 
 void Application::reloadAllRepositoriesMenuAction() {
     state().reloadRepositories();
-}
-
-void Application::visitWebsiteMenuAction() {
-    // The desktop's own opener picks the browser; it returns once the browser is on its way.
-    const char* argv[] = {"xdg-open", kWebsite, nullptr};
-    pid_t child = 0;
-    if (posix_spawnp(&child, "xdg-open", nullptr, nullptr, const_cast<char**>(argv), environ) !=
-        0) {
-        trace(TraceModule::error, std::string("Failed to open ") + kWebsite);
-        return;
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
 }
 
 }  // namespace corvane

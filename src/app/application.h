@@ -50,7 +50,6 @@ class Application {
     void deleteRepositoryMenuAction();
     void reloadRepositoryMenuAction();
     void reloadAllRepositoriesMenuAction();
-    void visitWebsiteMenuAction();
 
   private:
     MainQueue& mainQueue_;

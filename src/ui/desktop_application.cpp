@@ -25,6 +25,7 @@
 #include "ui/core/text.h"
 #include "ui/qt_main_queue.h"
 #include "ui/single_instance.h"
+#include "ui/test_probe.h"
 #include "ui/views/add_repository_dialog.h"
 #include "ui/views/main_window.h"
 
@@ -114,6 +115,7 @@ int runDesktopApplication(int argc, char** argv) {
         },
         &app);
     quitOnSignals(&app);
+    TestProbe::startIfAsked(&app);
 
     std::unique_ptr<QSystemTrayIcon> tray;
     if (QSystemTrayIcon::isSystemTrayAvailable()) {

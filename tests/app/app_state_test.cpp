@@ -175,15 +175,29 @@ TEST_F(AppFixture, JoinShowsAPlaceholderOnlyForALinkThatNamesTheRepository) {
     EXPECT_EQ(recorder->all<event::ShowError>()[0].message, "Failed to join repository");
 
     recorder->events.clear();
+    state->createRepository("tools");
+    ASSERT_TRUE(pumpFor<event::RepositoriesModified>());
+    state->selectRepository("git://localhost/tools");
+    ASSERT_TRUE(pumpFor<event::RepositorySelected>());
+    recorder->events.clear();
     // The name as people wrote it; a stray "%" stays as it is.
     state->joinRepository("corvane://share/nothing-here#%C3%84rger%20tracker%2");
+    state->selectRepository("git://localhost/Ärger tracker%2");  // as the list selects it
+    ASSERT_EQ(state->selectedRepository()->name(), "Ärger tracker%2");
     ASSERT_TRUE(pumpFor<event::RepositoriesModified>());
     auto added = recorder->all<event::RepositoryAdded>();
     ASSERT_EQ(added.size(), 1u);
     EXPECT_EQ(added[0].repository->name(), "Ärger tracker%2");
     EXPECT_EQ(recorder->all<event::ShowError>().size(), 1u);
-    // The reload put the table back to what the cloud holds: no placeholder.
-    EXPECT_TRUE(state->repositories().empty());
+    // Nothing joined: the placeholder is gone and the selection is what it was.
+    EXPECT_EQ(state->repositories().size(), 1u);
+    EXPECT_EQ(state->selectedRepository()->url(), "git://localhost/tools");
+
+    // A repository that vanished from the store is deselected by the next reload.
+    recorder->events.clear();
+    state->deleteRepository("git://localhost/tools");
+    ASSERT_TRUE(pumpFor<event::RepositoriesModified>());
+    EXPECT_TRUE(state->selectedRepository()->id().empty());
 }
 
 TEST_F(AppFixture, ContributorsChangeAtOnceAndFailuresAreReported) {

@@ -33,7 +33,7 @@ TEST(DesktopApplication, OpensWithoutItsPortHandsRequestsOverAndQuitsCleanly) {
     if (::bind(holder, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0)
         ::listen(holder, 1);
 
-    BackgroundProcess app({CORVANE_BINARY}, env);
+    BackgroundProcess app({CORVANE_BINARY, "--verbose"}, env);
     // The window opens anyway, loads the list, and says why git clients cannot reach it.
     ASSERT_TRUE(app.waitForOutput("Failed to start server on port 9418")) << app.output();
     ASSERT_TRUE(app.waitForOutput("Fetched 0 shared repositories")) << app.output();

@@ -138,7 +138,8 @@ TEST(SharedMachine, AShareLinkIsNeverHandedToAnotherUsersProgram) {
     ::chmod(shared.path().c_str(), 01777);
     // No runtime folder: the window's socket goes to the temporary folder.
     auto corvane = [&](const std::string& link) {
-        return std::vector<std::string>{"env", "-u", "XDG_RUNTIME_DIR", CORVANE_BINARY, link};
+        return std::vector<std::string>{"env",          "-u",        "XDG_RUNTIME_DIR",
+                                        CORVANE_BINARY, "--verbose", link};
     };
     std::map<std::string, std::string> env = {
         {"HOME", home.path()},

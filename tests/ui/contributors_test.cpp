@@ -1,10 +1,12 @@
 #include "ui/views/contributors_info.h"
 
+#include <QAbstractButton>
 #include <QApplication>
 #include <QClipboard>
 #include <QKeyEvent>
 #include <QLineEdit>
 #include <QMenu>
+#include <QMessageBox>
 #include <QPushButton>
 #include <QToolButton>
 #include <QTreeWidget>
@@ -114,10 +116,34 @@ TEST_F(ContributorsTest, TheOwnerInvitesResendsAndRemovesAndEachChangeReachesThe
     view.tableView()->setFocus();
     QKeyEvent press(QEvent::KeyPress, Qt::Key_Delete, Qt::NoModifier);
     QKeyEvent release(QEvent::KeyRelease, Qt::Key_Delete, Qt::NoModifier);
+    // Each removal is asked first: Remove removes the person, Cancel keeps them.
+    auto answer = [&](bool remove) {
+        QMessageBox* confirm = nullptr;
+        EXPECT_TRUE(waitFor([&] {
+            for (auto* widget : QApplication::topLevelWidgets()) {
+                auto* box = qobject_cast<QMessageBox*>(widget);
+                if (box && box->isVisible() &&
+                    box->objectName() == QStringLiteral("removeContributor"))
+                    confirm = box;
+            }
+            return confirm != nullptr;
+        }));
+        if (!confirm) return;
+        for (auto* button : confirm->buttons()) {
+            bool removes = confirm->buttonRole(button) == QMessageBox::DestructiveRole;
+            if (removes == remove) button->click();
+        }
+    };
     QApplication::sendEvent(view.tableView(), &press);
     QApplication::sendEvent(view.tableView(), &release);
+    answer(true);
     ASSERT_TRUE(waitFor([&] { return view.tableView()->topLevelItemCount() == 2; }));
     menuItem(view.actionButton(1), QStringLiteral("Delete"))->trigger();
+    answer(false);
+    QApplication::processEvents();
+    EXPECT_EQ(view.tableView()->topLevelItemCount(), 2);
+    menuItem(view.actionButton(1), QStringLiteral("Delete"))->trigger();
+    answer(true);
     ASSERT_TRUE(waitFor([&] { return view.tableView()->topLevelItemCount() == 1; }));
     // The store lets her in no more, and the list, read again after the saves, agrees.
     EXPECT_TRUE(waitFor([&] { return ada->sharedCloudDatabase().fetchAllRecordZones().empty(); }));

@@ -35,7 +35,7 @@ TEST_F(RepositoryInfoTest, TheHeaderShowsTheSelectedRepositoryAndSwitchesItsView
     EXPECT_EQ(info.tabText(View::branches), "2 Branches");
     EXPECT_EQ(info.tabText(View::tags), "1 Tag");
     EXPECT_EQ(info.tabText(View::contributors), "1 Contributor");
-    EXPECT_TRUE(info.repositoryButton()->toolTip().startsWith("Estimated size: "));
+    EXPECT_TRUE(info.repositoryButton()->toolTip().startsWith("tools\nEstimated size: "));
     info.copyButton()->click();
     EXPECT_EQ(QApplication::clipboard()->text(), "git://localhost/tools");
     // Cloning always has our own two ways, whatever is installed.
@@ -64,6 +64,16 @@ TEST_F(RepositoryInfoTest, TheHeaderShowsTheSelectedRepositoryAndSwitchesItsView
     ASSERT_TRUE(waitFor([&] { return info.repositoryButton()->text() == "empty"; }));
     EXPECT_EQ(info.tabText(View::commits), "0 Commits");
     EXPECT_EQ(info.tabText(View::tags), "0 Tags");
+    // A name wider than the header is cut in its middle, whole in the tool tip.
+    std::string longName = "start-" + std::string(200, 'x') + "-end";
+    auto wide = create(longName);
+    info.resize(640, 480);
+    state().selectRepository(wide->url());
+    ASSERT_TRUE(waitFor([&] { return info.repositoryButton()->toolTip().startsWith("start-"); }));
+    auto shownName = info.repositoryButton()->text();
+    EXPECT_TRUE(shownName.startsWith("start-") && shownName.endsWith("-end")) << shownName.size();
+    EXPECT_TRUE(shownName.contains(QChar(0x2026)));
+    EXPECT_LT(info.repositoryButton()->sizeHint().width(), info.width());
     state().selectRepository(std::nullopt);
     ASSERT_TRUE(waitFor([&] { return !info.topStack()->isVisible(); }));
 }

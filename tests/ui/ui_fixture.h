@@ -29,6 +29,7 @@ struct UiFixture : ::testing::Test {
         ::setenv("XDG_DATA_HOME", (dir.path() + "/data").c_str(), 1);
         ::setenv("XDG_CACHE_HOME", (dir.path() + "/cache").c_str(), 1);
         ::setenv("XDG_RUNTIME_DIR", dir.path().c_str(), 1);
+        ::setenv("XDG_CONFIG_HOME", (dir.path() + "/config").c_str(), 1);
         ::unsetenv("CORVANE_CLOUD");
         application = std::make_unique<Application>(mainQueue);
     }

@@ -1,6 +1,7 @@
 #include "ui/core/markdown_view.h"
 
 #include <QFontDatabase>
+#include <QScrollBar>
 #include <QTextDocument>
 #include <QTextFrame>
 #include <QTextTable>
@@ -31,11 +32,19 @@ void MarkdownView::showMarkdown(const QByteArray& utf8) {
         format.setCellSpacing(0);
         table->setFormat(format);
     }
+    showTop();
+}
+
+void MarkdownView::showTop() {
+    // A document opens at its title, wherever the last one was left.
+    moveCursor(QTextCursor::Start);
+    verticalScrollBar()->setValue(0);
 }
 
 void MarkdownView::showPlainText(const QByteArray& utf8) {
     document()->setDefaultFont(QFontDatabase::systemFont(QFontDatabase::FixedFont));
     setPlainText(QString::fromUtf8(utf8));
+    showTop();
 }
 
 }  // namespace corvane::ui

@@ -18,6 +18,9 @@ class MarkdownView : public QTextBrowser {
     void showMarkdown(const QByteArray& utf8);
     // Text that is not Markdown (a README without an extension) in the same frame.
     void showPlainText(const QByteArray& utf8);
+
+  private:
+    void showTop();
 };
 
 }  // namespace corvane::ui

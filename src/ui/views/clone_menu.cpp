@@ -13,6 +13,7 @@
 #include <QUrlQuery>
 
 #include "ui/core/icons.h"
+#include "ui/core/launcher.h"
 
 namespace corvane::ui {
 
@@ -99,7 +100,9 @@ CloneMenu::CloneMenu(QString url, QString name, std::vector<CloneApp> apps, QWid
     : QMenu(parent), url_(std::move(url)), name_(std::move(name)) {
     for (const auto& app : apps) {
         QString link = app.cloneLink(url_);
-        addAction(app.title, this, [link] { QDesktopServices::openUrl(QUrl(link)); });
+        addAction(app.title, this, [this, link, title = app.title] {
+            openOutside(QUrl(link), title, parentWidget());
+        });
     }
     if (!apps.empty()) addSeparator();
     addAction(copyIcon(), QStringLiteral("Copy git clone command"), this,
@@ -138,7 +141,7 @@ void CloneMenu::cloneIntoFolder() {
                         QStringLiteral(". Open the folder?"),
                     QMessageBox::Open | QMessageBox::Close, QMessageBox::Open);
                 if (answer == QMessageBox::Open)
-                    QDesktopServices::openUrl(QUrl::fromLocalFile(target));
+                    openOutside(QUrl::fromLocalFile(target), QStringLiteral("the folder"), window);
             });
     process->start(QStringLiteral("git"), {QStringLiteral("clone"), url_, target});
     progress->show();

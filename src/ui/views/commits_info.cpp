@@ -4,6 +4,7 @@
 #include <QClipboard>
 #include <QHBoxLayout>
 #include <QListView>
+#include <QTimer>
 #include <QVBoxLayout>
 
 #include "objects/commit.h"
@@ -78,6 +79,7 @@ CommitsInfo::CommitsInfo(AppState& state, ObjectLoader& loader, QWidget* parent)
       refPopUp_(new RefsPopUp(state, this)),
       tableView_(new QListView(this)),
       model_(new CommitsModel([this](const std::string& id) { load(id); }, this)) {
+    tableView_->setObjectName(QStringLiteral("commits"));
     auto* delegate = new ActionRowDelegate(QStringLiteral("Copy id to clipboard"), tableView_);
     tableView_->setModel(model_);
     tableView_->setItemDelegate(delegate);
@@ -98,6 +100,13 @@ CommitsInfo::CommitsInfo(AppState& state, ObjectLoader& loader, QWidget* parent)
     layout->addWidget(tableView_, 1);
 
     refresh({});
+    // Once a minute while shown, the rows are read again: their ages move on, and a commit that
+    // could not be read is tried again.
+    auto* ager = new QTimer(this);
+    connect(ager, &QTimer::timeout, this, [this] {
+        if (isVisible()) refresh(placeOf(*tableView_, ActionRowDelegate::idRole));
+    });
+    ager->start(60 * 1000);
     receiver_ = EventReceiver::registerWith(state_, [this](const Event& event) {
         if (!changesShownHead(state_, event)) return;
         // A push to the branch shown keeps the reader where they were; another head starts over.

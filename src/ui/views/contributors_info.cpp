@@ -2,11 +2,14 @@
 
 #include <QApplication>
 #include <QClipboard>
+#include <QColor>
 #include <QDesktopServices>
 #include <QHBoxLayout>
 #include <QHeaderView>
 #include <QLineEdit>
+#include <QLocale>
 #include <QMenu>
+#include <QMessageBox>
 #include <QPushButton>
 #include <QShortcut>
 #include <QStyle>
@@ -18,13 +21,17 @@
 #include "app/quoted_name.h"
 #include "cloud/record_id.h"
 #include "ui/core/icons.h"
+#include "ui/core/launcher.h"
 #include "ui/core/text.h"
 
 namespace corvane::ui {
 
 ContributorsInfo::ContributorsInfo(AppState& state, QWidget* parent)
     : QWidget(parent),
-      openUrl([](const QUrl& url) { return QDesktopServices::openUrl(url); }),
+      openUrl([this](const QUrl& url) {
+          openOutside(url, QStringLiteral("the invitation e-mail"), window());
+          return true;
+      }),
       state_(state),
       tableView_(new QTreeWidget(this)),
       showInviteFormButton_(new QPushButton(QStringLiteral("Invite Someone…"), this)),
@@ -135,8 +142,14 @@ void ContributorsInfo::refresh() {
         item->setText(nameColumn, toQString(participantName(participant)));
         item->setText(contactColumn, toQString(participantContact(participant)));
         item->setText(statusColumn, toQString(participantStatus(participant)));
-        item->setForeground(contactColumn, palette().brush(QPalette::PlaceholderText));
-        item->setForeground(statusColumn, palette().brush(QPalette::PlaceholderText));
+        // Secondary text, readable in light and dark palettes alike: the placeholder colour is
+        // meant for empty fields and nearly vanishes on a dark base.
+        QColor text = palette().color(QPalette::Text), base = palette().color(QPalette::Base);
+        QColor secondary = QColor::fromRgbF(text.redF() * 0.65f + base.redF() * 0.35f,
+                                            text.greenF() * 0.65f + base.greenF() * 0.35f,
+                                            text.blueF() * 0.65f + base.blueF() * 0.35f);
+        item->setForeground(contactColumn, secondary);
+        item->setForeground(statusColumn, secondary);
         if (participantLacksAccount(participant)) {
             item->setIcon(warningColumn, warning);
             item->setToolTip(warningColumn,
@@ -195,7 +208,27 @@ void ContributorsInfo::deleteRow(int row) {
     if (row < 0 || row >= static_cast<int>(shown_.size()) || !userOwnsSelected()) return;
     const Participant participant = shown_[static_cast<std::size_t>(row)];
     if (participant.isOwner) return;
-    state_.deleteContributor(shownRepository_, participant);
+    // Taking someone's access away is asked first: a stray Delete key would cost them their work.
+    QString who = participant.email ? toQString(*participant.email) : QStringLiteral("this person");
+    auto* confirm = new QMessageBox(
+        QMessageBox::Warning, QStringLiteral("Remove Contributor"),
+        QStringLiteral("Remove ") + QLocale().quoteString(who) + QStringLiteral(" from ") +
+            QLocale().quoteString(toQString(shownRepository_->name())) + QStringLiteral("?"),
+        QMessageBox::NoButton, window());
+    confirm->setInformativeText(
+        QStringLiteral("They will no longer be able to fetch or push. You can invite them again."));
+    auto* remove = confirm->addButton(QStringLiteral("Remove"), QMessageBox::DestructiveRole);
+    confirm->addButton(QMessageBox::Cancel);
+    confirm->setDefaultButton(QMessageBox::Cancel);
+    confirm->setObjectName(QStringLiteral("removeContributor"));
+    confirm->setAttribute(Qt::WA_DeleteOnClose);
+    confirm->setWindowModality(Qt::WindowModal);
+    connect(confirm, &QMessageBox::buttonClicked, this,
+            [this, remove, participant, repository = shownRepository_](QAbstractButton* button) {
+                if (button == static_cast<QAbstractButton*>(remove))
+                    state_.deleteContributor(repository, participant);
+            });
+    confirm->open();
 }
 
 }  // namespace corvane::ui

@@ -175,6 +175,8 @@ FileBrowser::FileBrowser(AppState& state, ObjectLoader& loader, QWidget* parent)
       tableView_(new QTreeView(listPage_)),
       model_(new FileListModel([this](const auto& files) { return dragOut(files); }, this)),
       readmeView_(new MarkdownView(listPage_)) {
+    tableView_->setObjectName(QStringLiteral("files"));
+    readmeView_->setObjectName(QStringLiteral("readme"));
     backButton_->setIcon(QIcon::fromTheme(QStringLiteral("go-previous"),
                                           style()->standardIcon(QStyle::SP_ArrowBack)));
     backButton_->setToolTip(QStringLiteral("Back (Alt+Left)"));
@@ -185,13 +187,23 @@ FileBrowser::FileBrowser(AppState& state, ObjectLoader& loader, QWidget* parent)
     forwardButton_->setAutoRaise(true);
     connect(backButton_, &QToolButton::clicked, this, &FileBrowser::back);
     connect(forwardButton_, &QToolButton::clicked, this, &FileBrowser::forward);
+    // The platform's own Back and Forward keys, and Alt+arrows where they are something else: a
+    // key listed twice would make the shortcut ambiguous, and it would do nothing.
+    auto keysFor = [](QKeySequence own, QKeySequence::StandardKey standard) {
+        QList<QKeySequence> keys{own};
+        for (const auto& key : QKeySequence::keyBindings(standard)) {
+            if (!keys.contains(key)) keys.append(key);
+        }
+        return keys;
+    };
     auto* backAction = new QAction(this);
-    backAction->setShortcuts({QKeySequence(Qt::ALT | Qt::Key_Left), QKeySequence::Back});
+    backAction->setShortcuts(keysFor(QKeySequence(Qt::ALT | Qt::Key_Left), QKeySequence::Back));
     backAction->setShortcutContext(Qt::WidgetWithChildrenShortcut);
     connect(backAction, &QAction::triggered, this, &FileBrowser::back);
     addAction(backAction);
     auto* forwardAction = new QAction(this);
-    forwardAction->setShortcuts({QKeySequence(Qt::ALT | Qt::Key_Right), QKeySequence::Forward});
+    forwardAction->setShortcuts(
+        keysFor(QKeySequence(Qt::ALT | Qt::Key_Right), QKeySequence::Forward));
     forwardAction->setShortcutContext(Qt::WidgetWithChildrenShortcut);
     connect(forwardAction, &QAction::triggered, this, &FileBrowser::forward);
     addAction(forwardAction);
@@ -381,6 +393,16 @@ void FileBrowser::showListing(ViewPlace place) {
     model_->reset(std::move(placeholders), content);
     tableView_->scrollToTop();
     readmeView_->hide();
+    if (tree.empty() && !repository->id().empty() && content->refs.empty()) {
+        // Nothing pushed yet: say how to, where a README would be.
+        std::string hint =
+            "This repository is empty. Push a branch to it from a repository of "
+            "yours:\n\n    git push " +
+            repository->url() + " main\n";
+        readmeView_->showMarkdown(QByteArray::fromStdString(hint));
+        readmeView_->show();
+        return;
+    }
     if (tree.empty()) return;
     listingUnderWay_ = true;
     // Decoded, classified and sorted on the loader's thread: ten thousand entries take tens of
@@ -497,7 +519,10 @@ void FileBrowser::rebuildPathBar() {
             pathBar_->addWidget(separator);
         }
         auto* button = new QToolButton(this);
-        button->setText(components[depth]);
+        // A long folder name is cut in its middle, whole in the tool tip.
+        button->setText(button->fontMetrics().elidedText(
+            components[depth], Qt::ElideMiddle, button->fontMetrics().averageCharWidth() * 32));
+        button->setToolTip(components[depth]);
         button->setAutoRaise(true);
         bool last = depth + 1 == components.size();
         if (last) {

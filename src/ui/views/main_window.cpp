@@ -8,10 +8,12 @@
 #include <QMessageBox>
 #include <QPointer>
 #include <QPushButton>
+#include <QSettings>
 #include <QSplitter>
 #include <QVBoxLayout>
 
 #include "ui/core/icons.h"
+#include "ui/core/launcher.h"
 #include "ui/core/text.h"
 #include "ui/views/about_dialog.h"
 #include "ui/views/add_repository_dialog.h"
@@ -73,9 +75,47 @@ MainWindowController::MainWindowController(Application& application,
     setCentralWidget(central);
     buildMenus();
     resize(unit * 130, fontMetrics().height() * 38);
+    restoreLayout();
 
     receiver_ = EventReceiver::registerWith(application_.state(),
                                             [this](const Event& event) { handleEvent(event); });
+}
+
+namespace {
+
+// The window as it was left: $XDG_CONFIG_HOME/corvane/window.ini.
+std::unique_ptr<QSettings> windowSettings() {
+    return std::make_unique<QSettings>(QSettings::IniFormat, QSettings::UserScope,
+                                       QStringLiteral("corvane"), QStringLiteral("window"));
+}
+
+}  // namespace
+
+MainWindowController::~MainWindowController() {
+    saveLayout();
+}
+
+void MainWindowController::restoreLayout() {
+    auto settings = windowSettings();
+    restoreGeometry(settings->value(QStringLiteral("geometry")).toByteArray());
+    splitView_->restoreState(settings->value(QStringLiteral("split")).toByteArray());
+    auto selected = settings->value(QStringLiteral("selected")).toString();
+    if (!selected.isEmpty()) selectionToRestore_ = toStdString(selected);
+}
+
+void MainWindowController::saveLayout() {
+    auto settings = windowSettings();
+    settings->setValue(QStringLiteral("geometry"), saveGeometry());
+    settings->setValue(QStringLiteral("split"), splitView_->saveState());
+    const auto& selected = application_.state().selectedRepository();
+    // Before the list came, the one to restore is still the choice.
+    std::string url = selected->id().empty() ? selectionToRestore_.value_or("") : selected->url();
+    settings->setValue(QStringLiteral("selected"), toQString(url));
+}
+
+void MainWindowController::closeEvent(QCloseEvent* event) {
+    saveLayout();
+    QMainWindow::closeEvent(event);
 }
 
 void MainWindowController::buildMenus() {
@@ -104,8 +144,10 @@ void MainWindowController::buildMenus() {
                     [this] { application_.reloadAllRepositoriesMenuAction(); });
 
     auto* help = menuBar()->addMenu(QStringLiteral("&Help"));
-    help->addAction(QStringLiteral("Corvane &Website"), this,
-                    [this] { application_.visitWebsiteMenuAction(); });
+    help->addAction(QStringLiteral("Corvane &Website"), this, [this] {
+        openOutside(QUrl(QString::fromLatin1(Application::kWebsite)), QStringLiteral("the website"),
+                    this);
+    });
     help->addSeparator();
     help->addAction(applicationIcon(), QStringLiteral("&About Corvane"), this,
                     [this] { showAbout(); });
@@ -144,15 +186,37 @@ void MainWindowController::joinWithLink(const QString& link) {
 }
 
 void MainWindowController::presentAlert(QMessageBox* alert) {
-    if (alert_) alert_->close();
-    alert_ = alert;
     alert->setAttribute(Qt::WA_DeleteOnClose);
     alert->setWindowModality(Qt::WindowModal);
-    bringToFront();
-    alert->open();
+    // One at a time, in the order they came: an alert closed by the next would go unread.
+    connect(alert, &QDialog::finished, this, &MainWindowController::showNextAlert);
+    waitingAlerts_.push_back(alert);
+    if (!alert_) showNextAlert();
+}
+
+void MainWindowController::showNextAlert() {
+    alert_ = nullptr;
+    while (!waitingAlerts_.empty()) {
+        QPointer<QMessageBox> next = waitingAlerts_.front();
+        waitingAlerts_.pop_front();
+        if (!next) continue;
+        alert_ = next;
+        bringToFront();
+        next->open();
+        return;
+    }
 }
 
 void MainWindowController::handleEvent(const Event& event) {
+    if (std::holds_alternative<event::RepositoriesModified>(event) && selectionToRestore_) {
+        // The repository open when the window was last closed, once the list has it.
+        auto url = *selectionToRestore_;
+        selectionToRestore_.reset();
+        if (application_.state().repositories().contains(url) &&
+            application_.state().selectedRepository()->id().empty())
+            application_.state().selectRepository(url);
+        return;
+    }
     if (const auto* confirm = std::get_if<event::ShowConfirmDeleteRepository>(&event)) {
         auto* alert = new QMessageBox(
             QMessageBox::Warning, QStringLiteral("Delete Repository"),

@@ -10,7 +10,10 @@
 #include <QMainWindow>
 #include <QMessageBox>
 #include <QPointer>
+#include <deque>
 #include <memory>
+#include <optional>
+#include <string>
 
 #include "app/application.h"
 #include "ui/core/event_receiver.h"
@@ -30,6 +33,7 @@ class MainWindowController : public QMainWindow {
     Q_OBJECT
   public:
     MainWindowController(Application& application, std::vector<CloneApp> cloneApps);
+    ~MainWindowController() override;
 
     RepositoryList* repositoryList() const { return repositoryList_; }
     RepositoryInfo* repositoryInfo() const { return repositoryInfo_; }
@@ -44,12 +48,19 @@ class MainWindowController : public QMainWindow {
     void joinWithLink(const QString& link);
     void showAbout();
 
+  protected:
+    void closeEvent(QCloseEvent* event) override;
+
   private:
+    // Size, split and selection as the window was last left, kept between runs.
+    void restoreLayout();
+    void saveLayout();
     void handleEvent(const Event& event);
     void buildMenus();
     void showAddSheet(int tab);
     // Shows the alert as a sheet over the window, replacing one already open.
     void presentAlert(QMessageBox* alert);
+    void showNextAlert();
     void bringToFront();
 
     Application& application_;
@@ -61,8 +72,10 @@ class MainWindowController : public QMainWindow {
     QLabel* serverNotice_;
     // Cleared by Qt when they close (they delete themselves).
     QPointer<AddRepositoryDialog> addSheet_;
-    QPointer<QMessageBox> alert_;
+    QPointer<QMessageBox> alert_;                      // the one shown
+    std::deque<QPointer<QMessageBox>> waitingAlerts_;  // shown in turn after it
     std::shared_ptr<EventReceiver> receiver_;
+    std::optional<std::string> selectionToRestore_;  // until the list has loaded
 };
 
 }  // namespace corvane::ui

@@ -1,5 +1,7 @@
 #include "ui/views/preview_controller.h"
 
+#include <QAbstractScrollArea>
+#include <QApplication>
 #include <QAudioOutput>
 #include <QDir>
 #include <QFile>
@@ -203,6 +205,7 @@ void PreviewController::show(const Object& blob) {
             return;
         case PreviewKind::markdown:
             markdownView_ = new MarkdownView(this);
+            markdownView_->setObjectName(QStringLiteral("markdownPreview"));
             markdownView_->showMarkdown(content_.shown);
             view = markdownView_;
             sourceButton_->show();
@@ -249,6 +252,17 @@ void PreviewController::addContent(QWidget* view) {
         child->installEventFilter(this);
     stack_->addWidget(view);
     stack_->setCurrentWidget(view);
+    // The keyboard goes with the preview to what scrolls in it, so Page Down and Ctrl+End move
+    // the document at once (Escape and space still close it: the filter sees their keys).
+    QWidget* focused = QApplication::focusWidget();
+    if (focused == this || isAncestorOf(focused)) {
+        QWidget* target = view;
+        if (!qobject_cast<QAbstractScrollArea*>(view)) {
+            auto scrolled = view->findChildren<QAbstractScrollArea*>();
+            if (!scrolled.isEmpty()) target = scrolled.first();
+        }
+        target->setFocus();
+    }
 }
 
 void PreviewController::showMedia(const QByteArray& bytes) {

@@ -1,10 +1,13 @@
 #include "ui/views/refs_list.h"
 
+#include <QAction>
 #include <QApplication>
 #include <QClipboard>
 #include <QListView>
 #include <QVBoxLayout>
+#include <algorithm>
 
+#include "app/version_order.h"
 #include "objects/commit.h"
 #include "objects/tag.h"
 #include "ui/core/action_row_delegate.h"
@@ -30,6 +33,8 @@ RefsList::RefsList(Kind kind, AppState& state, ObjectLoader& loader, QWidget* pa
       loader_(loader),
       tableView_(new QListView(this)),
       model_(new QStandardItemModel(this)) {
+    tableView_->setObjectName(kind == Kind::branches ? QStringLiteral("branches")
+                                                     : QStringLiteral("tags"));
     auto* delegate =
         new ActionRowDelegate(kind == Kind::branches ? QStringLiteral("Copy id to clipboard")
                                                      : QStringLiteral("Copy tag id to clipboard"),
@@ -41,6 +46,18 @@ RefsList::RefsList(Kind kind, AppState& state, ObjectLoader& loader, QWidget* pa
     tableView_->setFrameShape(QFrame::NoFrame);
     connect(delegate, &ActionRowDelegate::segmentClicked, this,
             [this](const QModelIndex& index, int segment) { segmentAction(index.row(), segment); });
+    // A row opens as rows do: Enter or a double-click (the view's activation), and the space bar.
+    connect(tableView_, &QAbstractItemView::activated, this, [this](const QModelIndex& index) {
+        segmentAction(index.row(), ActionRowDelegate::selectSegment);
+    });
+    auto* open = new QAction(tableView_);
+    open->setShortcut(QKeySequence(Qt::Key_Space));
+    open->setShortcutContext(Qt::WidgetShortcut);
+    connect(open, &QAction::triggered, this, [this] {
+        auto current = tableView_->currentIndex();
+        if (current.isValid()) segmentAction(current.row(), ActionRowDelegate::selectSegment);
+    });
+    tableView_->addAction(open);
     auto* layout = new QVBoxLayout(this);
     layout->setContentsMargins(0, 0, 0, 0);
     layout->addWidget(tableView_);
@@ -65,6 +82,12 @@ void RefsList::refresh(const ViewPlace& place) {
     for (auto it = content->refs.lower_bound(prefix);
          it != content->refs.end() && it->first.starts_with(prefix); ++it) {
         refs_.emplace_back(it->first.substr(prefix.size()), it->second);
+    }
+    if (kind_ == Kind::tags) {
+        // Newest release first, numbered as people number them.
+        std::stable_sort(refs_.begin(), refs_.end(), [](const auto& a, const auto& b) {
+            return versionLess(b.first, a.first);
+        });
     }
     model_->clear();
     for (std::size_t row = 0; row < refs_.size(); ++row) {

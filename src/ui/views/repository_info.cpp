@@ -52,6 +52,10 @@ RepositoryInfo::RepositoryInfo(AppState& state, std::vector<CloneApp> cloneApps,
       cloneButton_(new QToolButton(topStack_)),
       tabView_(new QTabWidget(this)),
       emptyLabel_(new QLabel(QStringLiteral("No Repository Selected"), this)) {
+    // Names that tests on a real display find the widgets by (see test_probe.h).
+    repositoryButton_->setObjectName(QStringLiteral("repositoryName"));
+    urlField_->setObjectName(QStringLiteral("cloneUrl"));
+    emptyLabel_->setObjectName(QStringLiteral("noRepository"));
     QFont nameFont = repositoryButton_->font();
     nameFont.setPointSizeF(nameFont.pointSizeF() * 1.5);
     nameFont.setWeight(QFont::DemiBold);
@@ -138,6 +142,19 @@ void RepositoryInfo::setViewWidget(Repository::View view, QWidget* widget) {
     old->deleteLater();
 }
 
+void RepositoryInfo::resizeEvent(QResizeEvent* event) {
+    QWidget::resizeEvent(event);
+    showName();
+}
+
+void RepositoryInfo::showName() {
+    // The button's frame and margins take about two characters' width.
+    int room = width() - 24 - 2 * repositoryButton_->fontMetrics().averageCharWidth();
+    repositoryButton_->setText(
+        room > 0 ? repositoryButton_->fontMetrics().elidedText(name_, Qt::ElideMiddle, room)
+                 : name_);
+}
+
 void RepositoryInfo::refresh() {
     const auto& repository = state_.selectedRepository();
     bool none = repository->id().empty();
@@ -146,11 +163,12 @@ void RepositoryInfo::refresh() {
     emptyLabel_->setVisible(none);
     if (none) return;
 
-    repositoryButton_->setText(toQString(repository->name()));
+    name_ = toQString(repository->name());
+    showName();
     auto size = repository->estimatedSize();
     repositoryButton_->setToolTip(
-        size < 1 ? QString()
-                 : QStringLiteral("Estimated size: ") +
+        size < 1 ? name_
+                 : name_ + QStringLiteral("\nEstimated size: ") +
                        QLocale().formattedDataSize(size, 1, QLocale::DataSizeSIFormat));
     QString url = toQString(repository->url());
     urlField_->setText(url);

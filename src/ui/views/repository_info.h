@@ -40,9 +40,14 @@ class RepositoryInfo : public QWidget {
     // Where a view's issue puts its widget; a placeholder until then.
     void setViewWidget(Repository::View view, QWidget* widget);
 
+  protected:
+    void resizeEvent(QResizeEvent* event) override;
+
   private:
     void handleEvent(const Event& event);
     void refresh();
+    // The name as wide as the header allows, cut in the middle with an ellipsis.
+    void showName();
     void showView(Repository::View view);
     void selectTab(Repository::View view);
 
@@ -50,6 +55,7 @@ class RepositoryInfo : public QWidget {
     std::vector<CloneApp> cloneApps_;
     QWidget* topStack_;
     QToolButton* repositoryButton_;
+    QString name_;  // the whole name, shown elided
     QLineEdit* urlField_;
     QToolButton* copyButton_;
     QToolButton* cloneButton_;

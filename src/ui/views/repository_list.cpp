@@ -184,7 +184,8 @@ RepositoryList::RepositoryList(AppState& state, QWidget* parent)
       tableView_(new QListView(this)),
       statusTextField_(new QLabel(this)),
       progressIndicator_(new QProgressBar(this)),
-      refresher_(new QTimer(this)) {
+      refresher_(new QTimer(this)),
+      follower_(new QTimer(this)) {
     tableView_->setModel(model_);
     tableView_->setItemDelegate(new RepositoryRowDelegate(tableView_));
     tableView_->setSelectionMode(QAbstractItemView::SingleSelection);
@@ -192,6 +193,7 @@ RepositoryList::RepositoryList(AppState& state, QWidget* parent)
     tableView_->setContextMenuPolicy(Qt::CustomContextMenu);
     tableView_->setFrameShape(QFrame::NoFrame);
 
+    tableView_->setObjectName(QStringLiteral("repositories"));
     progressIndicator_->setRange(0, 0);  // busy, without a fraction
     progressIndicator_->setTextVisible(false);
     progressIndicator_->setMaximumWidth(48);
@@ -208,14 +210,15 @@ RepositoryList::RepositoryList(AppState& state, QWidget* parent)
     layout->addWidget(tableView_, 1);
     layout->addLayout(statusRow);
 
-    connect(tableView_->selectionModel(), &QItemSelectionModel::currentRowChanged, this,
-            [this](const QModelIndex& current) {
-                if (!current.isValid() || !tableView_->selectionModel()->isSelected(current))
-                    return;
-                auto row = static_cast<std::size_t>(current.row());
-                if (row < model_->repositories().size())
-                    state_.selectRepository(model_->repositories()[row]->url());
-            });
+    // The selection, not the current row: a mouse press moves the current row before it selects
+    // it, and a click would open nothing.
+    connect(tableView_->selectionModel(), &QItemSelectionModel::selectionChanged, this, [this] {
+        auto selected = tableView_->selectionModel()->selectedRows();
+        if (selected.isEmpty()) return;
+        auto row = static_cast<std::size_t>(selected.first().row());
+        if (row < model_->repositories().size())
+            state_.selectRepository(model_->repositories()[row]->url());
+    });
     connect(tableView_, &QWidget::customContextMenuRequested, this, [this](const QPoint& point) {
         auto index = tableView_->indexAt(point);
         if (!index.isValid() || index.data(RepositoryListModel::addRowRole).toBool()) return;
@@ -235,6 +238,7 @@ RepositoryList::RepositoryList(AppState& state, QWidget* parent)
     });
     tableView_->addAction(deleteAction);
     connect(refresher_, &QTimer::timeout, this, [this] { model_->redrawAll(); });
+    connect(follower_, &QTimer::timeout, this, [this] { state_.refreshRepositories(); });
     connect(model_, &QAbstractItemModel::modelReset, this, &RepositoryList::placeAddButton);
     connect(model_, &QAbstractItemModel::rowsInserted, this, &RepositoryList::placeAddButton);
     connect(model_, &QAbstractItemModel::rowsRemoved, this, &RepositoryList::placeAddButton);
@@ -266,11 +270,13 @@ void RepositoryList::showEvent(QShowEvent* event) {
     QWidget::showEvent(event);
     model_->redrawAll();
     refresher_->start(kRefreshMilliseconds);
+    follower_->start(kFollowMilliseconds);
     state_.reloadRepositories();
 }
 
 void RepositoryList::hideEvent(QHideEvent* event) {
     refresher_->stop();
+    follower_->stop();
     QWidget::hideEvent(event);
 }
 

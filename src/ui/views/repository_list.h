@@ -2,7 +2,9 @@
 // sorted by name in the user's locale, then a row with the button that adds one; under the list
 // a status line ("Loading repositories…", "3 Repositories", "Signed Out") with a busy indicator.
 // Selecting a row selects the repository in the state; Delete or the row's menu asks to delete
-// it. While shown, the rows are redrawn every minute so that their relative dates advance.
+// it. While shown, the rows are redrawn every minute so that their relative dates advance, and
+// the list follows the store every few seconds: repositories created, deleted or pushed by other
+// programs or people appear, vanish or change date.
 //
 // Threads: the GUI thread only; the state's events arrive there.
 #pragma once
@@ -56,6 +58,8 @@ class RepositoryList : public QWidget {
     Q_OBJECT
   public:
     static constexpr int kRefreshMilliseconds = 60 * 1000;
+    // How often, while shown, the list asks the store what changed elsewhere.
+    static constexpr int kFollowMilliseconds = 3 * 1000;
 
     RepositoryList(AppState& state, QWidget* parent);
 
@@ -82,6 +86,7 @@ class RepositoryList : public QWidget {
     QLabel* statusTextField_;
     QProgressBar* progressIndicator_;
     QTimer* refresher_;
+    QTimer* follower_;
     bool loading_ = true;
     std::shared_ptr<EventReceiver> receiver_;
 };

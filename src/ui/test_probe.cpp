@@ -1,0 +1,137 @@
+#include "ui/test_probe.h"
+
+#include <QAbstractButton>
+#include <QAbstractItemView>
+#include <QAbstractScrollArea>
+#include <QApplication>
+#include <QDialog>
+#include <QLabel>
+#include <QLineEdit>
+#include <QLocalServer>
+#include <QLocalSocket>
+#include <QMessageBox>
+#include <QScrollBar>
+#include <QTextEdit>
+
+namespace corvane::ui {
+namespace {
+
+QWidget* visibleWidget(const QString& name) {
+    for (QWidget* top : QApplication::topLevelWidgets()) {
+        if (!top->isVisible()) continue;
+        if (top->objectName() == name) return top;
+        for (auto* widget : top->findChildren<QWidget*>(name)) {
+            if (widget->isVisible()) return widget;
+        }
+    }
+    return nullptr;
+}
+
+QString rectText(const QRect& rect) {
+    return QStringLiteral("%1 %2 %3 %4")
+        .arg(rect.x())
+        .arg(rect.y())
+        .arg(rect.width())
+        .arg(rect.height());
+}
+
+QString textOf(QWidget* widget) {
+    if (auto* label = qobject_cast<QLabel*>(widget)) return label->text();
+    if (auto* edit = qobject_cast<QLineEdit*>(widget)) return edit->text();
+    if (auto* button = qobject_cast<QAbstractButton*>(widget)) return button->text();
+    if (auto* text = qobject_cast<QTextEdit*>(widget)) return text->toPlainText();
+    return QStringLiteral("none");
+}
+
+QModelIndex rowWith(QAbstractItemView* view, const QString& text) {
+    auto* model = view->model();
+    std::function<QModelIndex(const QModelIndex&)> search = [&](const QModelIndex& parent) {
+        for (int row = 0; row < model->rowCount(parent); ++row) {
+            for (int column = 0; column < model->columnCount(parent); ++column) {
+                auto index = model->index(row, column, parent);
+                if (index.data().toString().contains(text)) return index;
+            }
+        }
+        return QModelIndex();
+    };
+    return search(view->rootIndex());
+}
+
+}  // namespace
+
+TestProbe* TestProbe::startIfAsked(QObject* parent) {
+    QString path = qEnvironmentVariable("CORVANE_TEST_PROBE");
+    if (path.isEmpty()) return nullptr;
+    return new TestProbe(path, parent);
+}
+
+TestProbe::TestProbe(const QString& path, QObject* parent)
+    : QObject(parent), server_(new QLocalServer(this)) {
+    server_->setSocketOptions(QLocalServer::UserAccessOption);
+    QLocalServer::removeServer(path);
+    server_->listen(path);
+    connect(server_, &QLocalServer::newConnection, this, [this] {
+        while (auto* socket = server_->nextPendingConnection()) {
+            connect(socket, &QLocalSocket::disconnected, socket, &QObject::deleteLater);
+            connect(socket, &QLocalSocket::readyRead, this, [this, socket] {
+                while (socket->canReadLine()) {
+                    auto request = QString::fromUtf8(socket->readLine()).trimmed();
+                    socket->write(
+                        answer(request).replace(QLatin1Char('\n'), QLatin1Char(' ')).toUtf8() +
+                        '\n');
+                }
+            });
+        }
+    });
+}
+
+QString TestProbe::answer(const QString& request) const {
+    QString verb = request.section(QLatin1Char(' '), 0, 0);
+    QString name = request.section(QLatin1Char(' '), 1, 1);
+    QString rest = request.section(QLatin1Char(' '), 2);
+    if (verb == QLatin1String("focus")) {
+        QWidget* focus = QApplication::focusWidget();
+        if (!focus) return QStringLiteral("none");
+        return focus->objectName().isEmpty() ? QString::fromLatin1(focus->metaObject()->className())
+                                             : focus->objectName();
+    }
+    if (verb == QLatin1String("dialogs")) {
+        QStringList shown;
+        for (QWidget* top : QApplication::topLevelWidgets()) {
+            if (!top->isVisible() || !qobject_cast<QDialog*>(top)) continue;
+            QString line = top->windowTitle();
+            if (auto* box = qobject_cast<QMessageBox*>(top))
+                line += QStringLiteral(": ") + box->text();
+            shown << line;
+        }
+        return shown.isEmpty() ? QStringLiteral("none") : shown.join(QLatin1Char('\t'));
+    }
+    QWidget* widget = visibleWidget(name);
+    if (!widget) return QStringLiteral("none");
+    if (verb == QLatin1String("rect"))
+        return rectText(QRect(widget->mapToGlobal(QPoint(0, 0)), widget->size()));
+    if (verb == QLatin1String("text")) return textOf(widget);
+    if (verb == QLatin1String("scroll")) {
+        auto* area = qobject_cast<QAbstractScrollArea*>(widget);
+        return area ? QString::number(area->verticalScrollBar()->value()) : QStringLiteral("none");
+    }
+    auto* view = qobject_cast<QAbstractItemView*>(widget);
+    if (!view || !view->model()) return QStringLiteral("none");
+    if (verb == QLatin1String("selected")) {
+        QStringList texts;
+        for (const auto& index : view->selectionModel()->selectedIndexes()) {
+            if (index.column() == 0) texts << index.data().toString();
+        }
+        return texts.join(QLatin1Char('\t'));
+    }
+    if (verb == QLatin1String("row")) {
+        auto index = rowWith(view, rest);
+        if (!index.isValid()) return QStringLiteral("none");
+        view->scrollTo(index);
+        auto center = view->viewport()->mapToGlobal(view->visualRect(index).center());
+        return QStringLiteral("%1 %2").arg(center.x()).arg(center.y());
+    }
+    return QStringLiteral("none");
+}
+
+}  // namespace corvane::ui

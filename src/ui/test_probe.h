@@ -1,0 +1,38 @@
+// TestProbe: a test-only window onto the widgets, for end-to-end tests that drive the built
+// program on a real display with real input. Started only when CORVANE_TEST_PROBE names a socket
+// path; it answers one line per request with what the widgets themselves hold, found by object
+// name, so that a test can click where a row is drawn and read back what a person would see:
+//   rect NAME            "x y w h" of the visible widget, in screen coordinates
+//   row NAME TEXT        "x y", the middle of the first row of item view NAME whose text holds
+//                        TEXT (scrolled into view first)
+//   selected NAME        the selected rows' first column, tab-separated
+//   text NAME            a label's, line edit's, button's or text view's text
+//   scroll NAME          the vertical scroll position of a scrolled view
+//   focus                the object name (or class) of the widget with the keyboard focus
+//   dialogs              the titles and texts of visible dialogs and message boxes
+// Anything it cannot find answers "none".
+//
+// Threads: the GUI thread; requests arrive on its event loop.
+#pragma once
+
+#include <QObject>
+#include <QString>
+
+class QLocalServer;
+
+namespace corvane::ui {
+
+class TestProbe : public QObject {
+    Q_OBJECT
+  public:
+    // The probe for the path in CORVANE_TEST_PROBE, or none when it is not set.
+    static TestProbe* startIfAsked(QObject* parent);
+
+  private:
+    TestProbe(const QString& path, QObject* parent);
+    QString answer(const QString& request) const;
+
+    QLocalServer* server_;
+};
+
+}  // namespace corvane::ui

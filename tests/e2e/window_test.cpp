@@ -1,0 +1,141 @@
+// The window as a person uses it: the built `corvane` on a real X server under a window manager,
+// driven by mouse clicks and key presses, with what it shows read back through its test probe.
+// Skipped where the X tools (Xvfb, openbox, xdotool) are not installed.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+
+#include "e2e/git_test_repo.h"
+#include "e2e/real_display.h"
+
+namespace corvane::testing {
+namespace {
+
+std::string screenshotPath(const std::string& name) {
+    return (std::filesystem::path(CORVANE_BINARY).parent_path().parent_path() / "screenshots" /
+            ("display-" + name + ".png"))
+        .string();
+}
+
+TEST(Window, APersonOpensRepositoriesFilesAndLinksWithMouseAndKeys) {
+    std::string why;
+    if (!RealDisplay::available(why)) GTEST_SKIP() << why;
+    TempDir home;
+    ::chmod(home.path().c_str(), 0700);
+    std::string data = home.path() + "/data";
+
+    // A store with two repositories, one of them with a long README and a folder.
+    {
+        CorvaneServer server(data);
+        for (const char* name : {"alpha", "beta"})
+            ASSERT_EQ(server.run({CORVANE_BINARY, "create", name}).status, 0);
+        std::string work = home.path() + "/work";
+        std::filesystem::create_directories(work);
+        sh(work,
+           "git init -q -b main && { echo '# Beta'; echo; echo 'The first paragraph.'; "
+           "for i in $(seq 200); do echo; echo \"Paragraph $i.\"; done; } > README.md && "
+           "mkdir docs && echo '# Guide' > docs/guide.md && git add . && "
+           "git commit -qm one && git push -q " +
+               server.url("beta") + " main");
+    }
+
+    RealDisplay display;
+    std::string probePath = home.path() + "/probe.socket";
+    std::map<std::string, std::string> environment{
+        {"HOME", home.path()},
+        {"XDG_DATA_HOME", data},
+        {"XDG_CACHE_HOME", home.path() + "/cache"},
+        {"XDG_CONFIG_HOME", home.path() + "/config"},
+        {"XDG_RUNTIME_DIR", home.path()},
+        {"DISPLAY", display.name()},
+        {"QT_QPA_PLATFORM", "xcb"},
+        {"GIT_CONFIG_GLOBAL", "/dev/null"},
+        {"CORVANE_TEST_PROBE", probePath},
+        {"LSAN_OPTIONS", "suppressions=" CORVANE_SOURCE_DIR "/tests/e2e/x11_leaks.supp"}};
+    auto window =
+        std::make_unique<BackgroundProcess>(std::vector<std::string>{CORVANE_BINARY}, environment);
+    Probe probe(probePath);
+
+    // A click on a row opens that repository, as the arrow keys do.
+    auto [alphaX, alphaY] = probe.row("repositories", "alpha");
+    // Without --verbose the window keeps its log of cloud operations to itself.
+    EXPECT_EQ(window->output().find("Fetched"), std::string::npos) << window->output();
+    display.click(alphaX, alphaY);
+    EXPECT_EQ(probe.waitFor("text repositoryName", "alpha"), "alpha");
+    auto [betaX, betaY] = probe.row("repositories", "beta");
+    display.click(betaX, betaY);
+    EXPECT_EQ(probe.waitFor("text repositoryName", "beta"), "beta");
+
+    // Its README shows under the listing from its title on.
+    probe.row("files", "README.md");
+    EXPECT_NE(probe
+                  .waitFor("text readme",
+                           [](const std::string& text) { return text.starts_with("Beta"); })
+                  .find("first paragraph"),
+              std::string::npos);
+    EXPECT_EQ(probe.ask("scroll readme"), "0");
+    display.screenshot(screenshotPath("files"));
+
+    // A double-click opens a folder; Alt+Left goes back.
+    auto [docsX, docsY] = probe.row("files", "docs");
+    display.click(docsX, docsY, 2);
+    probe.row("files", "guide.md");
+    display.key("alt+Left");
+    EXPECT_NE(probe.waitFor("row files README.md",
+                            [](const std::string& answer) { return answer != "none"; }),
+              "none");
+
+    // A preview opens at the document's title and takes the keyboard: Page Down scrolls it,
+    // Escape closes it.
+    auto [readmeX, readmeY] = probe.row("files", "README.md");
+    display.click(readmeX, readmeY, 2);
+    EXPECT_NE(probe.waitFor("scroll markdownPreview",
+                            [](const std::string& answer) { return answer != "none"; }),
+              "none");
+    EXPECT_EQ(probe.ask("scroll markdownPreview"), "0");
+    EXPECT_EQ(probe.waitFor("focus", "markdownPreview"), "markdownPreview");
+    display.screenshot(screenshotPath("preview"));
+    display.key("Next");
+    EXPECT_NE(probe.waitFor("scroll markdownPreview",
+                            [](const std::string& answer) { return answer != "0"; }),
+              "0");
+    display.key("Escape");
+    EXPECT_EQ(probe.waitFor("scroll markdownPreview", "none"), "none");
+
+    // A link that opens nothing leaves the window as it was once the failure is said.
+    auto handed = runCommand(
+        {"timeout", "20", CORVANE_BINARY, "corvane://share/00000000000000000000000000000000#ghost"},
+        environment);
+    EXPECT_EQ(handed.status, 0) << handed.out;
+    probe.waitFor("focus", [](const std::string& focus) { return focus != "none"; });
+    display.key("Return");
+    auto alert = probe.waitFor("dialogs", [](const std::string& dialogs) {
+        return dialogs.find("Failed to join repository") != std::string::npos;
+    });
+    EXPECT_NE(alert.find("Failed to join repository"), std::string::npos) << alert;
+    display.screenshot(screenshotPath("failed-join"));
+    display.key("Return");
+    EXPECT_EQ(probe.waitFor("dialogs", "none"), "none");
+    EXPECT_EQ(probe.waitFor("row repositories ghost", "none"), "none");
+    EXPECT_EQ(probe.ask("text repositoryName"), "beta");
+    EXPECT_EQ(probe.ask("selected repositories"), "beta");
+
+    // A repository another program creates shows up by itself.
+    auto created = runCommand({CORVANE_BINARY, "create", "gamma"}, environment);
+    EXPECT_EQ(created.status, 0) << created.out;
+    EXPECT_NE(probe.waitFor("row repositories gamma",
+                            [](const std::string& answer) { return answer != "none"; }),
+              "none");
+
+    // Quit and start again: the window opens as it was left.
+    display.key("ctrl+q");
+    EXPECT_EQ(window->wait(), 0) << window->output();
+    window =
+        std::make_unique<BackgroundProcess>(std::vector<std::string>{CORVANE_BINARY}, environment);
+    EXPECT_EQ(probe.waitFor("text repositoryName", "beta"), "beta");
+    EXPECT_EQ(probe.waitFor("selected repositories", "beta"), "beta");
+}
+
+}  // namespace
+}  // namespace corvane::testing
