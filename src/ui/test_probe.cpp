@@ -11,6 +11,7 @@
 #include <QLocalSocket>
 #include <QMessageBox>
 #include <QScrollBar>
+#include <QTabBar>
 #include <QTextEdit>
 
 namespace corvane::ui {
@@ -111,12 +112,27 @@ QString TestProbe::answer(const QString& request) const {
     if (verb == QLatin1String("rect"))
         return rectText(QRect(widget->mapToGlobal(QPoint(0, 0)), widget->size()));
     if (verb == QLatin1String("text")) return textOf(widget);
+    if (auto* tabs = qobject_cast<QTabBar*>(widget)) {
+        if (verb == QLatin1String("current")) return tabs->tabText(tabs->currentIndex());
+        for (int index = 0; verb == QLatin1String("tab") && index < tabs->count(); ++index) {
+            if (!tabs->tabText(index).contains(rest)) continue;
+            auto center = tabs->mapToGlobal(tabs->tabRect(index).center());
+            return QStringLiteral("%1 %2").arg(center.x()).arg(center.y());
+        }
+        return QStringLiteral("none");
+    }
     if (verb == QLatin1String("scroll")) {
         auto* area = qobject_cast<QAbstractScrollArea*>(widget);
         return area ? QString::number(area->verticalScrollBar()->value()) : QStringLiteral("none");
     }
     auto* view = qobject_cast<QAbstractItemView*>(widget);
     if (!view || !view->model()) return QStringLiteral("none");
+    if (verb == QLatin1String("rows")) {
+        QStringList texts;
+        for (int row = 0; row < view->model()->rowCount(view->rootIndex()); ++row)
+            texts << view->model()->index(row, 0, view->rootIndex()).data().toString();
+        return texts.join(QLatin1Char('\t'));
+    }
     if (verb == QLatin1String("selected")) {
         QStringList texts;
         for (const auto& index : view->selectionModel()->selectedIndexes()) {

@@ -6,6 +6,9 @@
 //   row NAME TEXT        "x y", the middle of the first row of item view NAME whose text holds
 //                        TEXT (scrolled into view first)
 //   selected NAME        the selected rows' first column, tab-separated
+//   rows NAME            every row's first column, tab-separated
+//   tab NAME TEXT        "x y", the middle of the tab of tab bar NAME whose text holds TEXT
+//   current NAME         the text of tab bar NAME's current tab
 //   text NAME            a label's, line edit's, button's or text view's text
 //   scroll NAME          the vertical scroll position of a scrolled view
 //   focus                the object name (or class) of the widget with the keyboard focus

@@ -36,8 +36,9 @@ TEST(Window, APersonOpensRepositoriesFilesAndLinksWithMouseAndKeys) {
            "git init -q -b main && { echo '# Beta'; echo; echo 'The first paragraph.'; "
            "for i in $(seq 200); do echo; echo \"Paragraph $i.\"; done; } > README.md && "
            "mkdir docs && echo '# Guide' > docs/guide.md && git add . && "
-           "git commit -qm one && git push -q " +
-               server.url("beta") + " main");
+           "git commit -qm one && git tag v1.2.1.2 && git tag v1.2.10 && git tag v1.2.2 && "
+           "git push -q " +
+               server.url("beta") + " main --tags");
     }
 
     RealDisplay display;
@@ -52,6 +53,7 @@ TEST(Window, APersonOpensRepositoriesFilesAndLinksWithMouseAndKeys) {
         {"QT_QPA_PLATFORM", "xcb"},
         {"GIT_CONFIG_GLOBAL", "/dev/null"},
         {"CORVANE_TEST_PROBE", probePath},
+        {"BROWSER", "false"},  // no browser here
         {"LSAN_OPTIONS", "suppressions=" CORVANE_SOURCE_DIR "/tests/e2e/x11_leaks.supp"}};
     auto window =
         std::make_unique<BackgroundProcess>(std::vector<std::string>{CORVANE_BINARY}, environment);
@@ -102,6 +104,48 @@ TEST(Window, APersonOpensRepositoriesFilesAndLinksWithMouseAndKeys) {
               "0");
     display.key("Escape");
     EXPECT_EQ(probe.waitFor("scroll markdownPreview", "none"), "none");
+
+    // Every kind of row answers the mouse and the keyboard: tags, newest release first, open
+    // with Enter, branches with a double-click, each showing Files; commits and people select.
+    auto clickTab = [&](const std::string& text) {
+        auto answer = probe.waitFor("tab views " + text,
+                                    [](const std::string& a) { return a != "none" && !a.empty(); });
+        int x = 0, y = 0;
+        ASSERT_EQ(std::sscanf(answer.c_str(), "%d %d", &x, &y), 2) << text;
+        display.click(x, y);
+    };
+    clickTab("Tags");
+    EXPECT_EQ(probe.waitFor("rows tags", "v1.2.10\tv1.2.2\tv1.2.1.2"), "v1.2.10\tv1.2.2\tv1.2.1.2");
+    auto [tagX, tagY] = probe.row("tags", "v1.2.2");
+    display.click(tagX, tagY);
+    display.key("Return");
+    EXPECT_EQ(probe.waitFor("current views", "Files"), "Files");
+    clickTab("Branch");
+    auto [branchX, branchY] = probe.row("branches", "main");
+    display.click(branchX, branchY, 2);
+    EXPECT_EQ(probe.waitFor("current views", "Files"), "Files");
+    clickTab("Commit");
+    auto [commitX, commitY] = probe.row("commits", "one");
+    display.click(commitX, commitY);
+    EXPECT_EQ(probe.waitFor("selected commits", "one"), "one");
+    clickTab("Contributor");
+    auto people = probe.waitFor("rows contributors",
+                                [](const std::string& a) { return !a.empty() && a != "none"; });
+    auto [personX, personY] = probe.row("contributors", people.substr(0, people.find('\t')));
+    display.click(personX, personY);
+    EXPECT_EQ(probe.waitFor("selected contributors", people), people);
+    display.screenshot(screenshotPath("contributors"));
+    clickTab("Files");
+
+    // A link the desktop cannot open is said, with the link kept for the person.
+    display.key("alt+h");
+    display.key("w");
+    auto notOpened = probe.waitFor("dialogs", [](const std::string& dialogs) {
+        return dialogs.find("Could not open the website") != std::string::npos;
+    });
+    EXPECT_NE(notOpened.find("Could not open the website"), std::string::npos) << notOpened;
+    display.key("Return");
+    EXPECT_EQ(probe.waitFor("dialogs", "none"), "none");
 
     // A link that opens nothing leaves the window as it was once the failure is said.
     auto handed = runCommand(

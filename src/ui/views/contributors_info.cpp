@@ -60,6 +60,7 @@ ContributorsInfo::ContributorsInfo(AppState& state, QWidget* parent)
     showInviteFormButton_->setFlat(true);
     showInviteFormButton_->setIcon(addIcon());
     emailTextField_->setPlaceholderText(QStringLiteral("E-mail address"));
+    tableView_->setObjectName(QStringLiteral("contributors"));
     emailTextField_->setClearButtonEnabled(true);
     inviteButton_->setText(QStringLiteral("Invite"));
     inviteButton_->setPopupMode(QToolButton::InstantPopup);

@@ -89,6 +89,7 @@ RepositoryInfo::RepositoryInfo(AppState& state, std::vector<CloneApp> cloneApps,
     top->addLayout(urlRow);
 
     tabView_->setDocumentMode(true);
+    tabView_->tabBar()->setObjectName(QStringLiteral("views"));
     tabView_->tabBar()->setExpanding(false);
     const std::pair<const char*, const char*> pages[] = {
         {"Files", "The repository's files will show here."},
