@@ -172,6 +172,17 @@ TEST(Window, APersonOpensRepositoriesFilesAndLinksWithMouseAndKeys) {
                             [](const std::string& answer) { return answer != "none"; }),
               "none");
 
+    // Without a tray, closing the window would stop the daemon: that is asked, and Cancel keeps
+    // the window.
+    display.key("ctrl+w");
+    auto asked = probe.waitFor("dialogs", [](const std::string& dialogs) {
+        return dialogs.find("stops the git daemon") != std::string::npos;
+    });
+    EXPECT_NE(asked.find("stops the git daemon"), std::string::npos) << asked;
+    display.key("Escape");
+    EXPECT_EQ(probe.waitFor("dialogs", "none"), "none");
+    EXPECT_EQ(probe.ask("text repositoryName"), "beta");
+
     // Quit and start again: the window opens as it was left.
     display.key("ctrl+q");
     EXPECT_EQ(window->wait(), 0) << window->output();

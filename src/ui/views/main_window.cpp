@@ -2,6 +2,7 @@
 
 #include <QAction>
 #include <QApplication>
+#include <QCloseEvent>
 #include <QLabel>
 #include <QLineEdit>
 #include <QMenuBar>
@@ -114,6 +115,27 @@ void MainWindowController::saveLayout() {
 }
 
 void MainWindowController::closeEvent(QCloseEvent* event) {
+    // Without a tray, closing the window quits, and git clients lose the daemon: a person who
+    // closes it is told so first. Quitting (the menu, a signal) is not asked.
+    bool byPerson = event->spontaneous() || closingAsked_;
+    if (byPerson && QApplication::quitOnLastWindowClosed() && !closingConfirmed_) {
+        event->ignore();
+        auto* confirm = new QMessageBox(QMessageBox::Question, QStringLiteral("Close Corvane"),
+                                        QStringLiteral("Closing the window stops the git daemon."),
+                                        QMessageBox::NoButton, this);
+        confirm->setInformativeText(QStringLiteral(
+            "Git clients will not reach your repositories until Corvane is started again."));
+        auto* quit = confirm->addButton(QStringLiteral("Close"), QMessageBox::AcceptRole);
+        confirm->addButton(QMessageBox::Cancel);
+        confirm->setDefaultButton(QMessageBox::Cancel);
+        connect(confirm, &QMessageBox::buttonClicked, this, [this, quit](QAbstractButton* button) {
+            if (button != static_cast<QAbstractButton*>(quit)) return;
+            closingConfirmed_ = true;
+            close();
+        });
+        presentAlert(confirm);
+        return;
+    }
     saveLayout();
     QMainWindow::closeEvent(event);
 }
@@ -130,8 +152,11 @@ void MainWindowController::buildMenus() {
                     QStringLiteral("&Delete Repository…"), QKeySequence(Qt::CTRL | Qt::Key_Delete),
                     this, [this] { application_.deleteRepositoryMenuAction(); });
     file->addSeparator();
-    file->addAction(QStringLiteral("&Close Window"), QKeySequence::Close, this,
-                    [this] { close(); });
+    file->addAction(QStringLiteral("&Close Window"), QKeySequence::Close, this, [this] {
+        closingAsked_ = true;
+        close();
+        closingAsked_ = false;
+    });
     file->addAction(QIcon::fromTheme(QStringLiteral("application-exit")), QStringLiteral("&Quit"),
                     QKeySequence::Quit, qApp, &QApplication::quit);
 

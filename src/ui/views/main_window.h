@@ -76,6 +76,8 @@ class MainWindowController : public QMainWindow {
     std::deque<QPointer<QMessageBox>> waitingAlerts_;  // shown in turn after it
     std::shared_ptr<EventReceiver> receiver_;
     std::optional<std::string> selectionToRestore_;  // until the list has loaded
+    bool closingAsked_ = false;                      // Close Window chosen from the menu or its key
+    bool closingConfirmed_ = false;                  // the person said yes to stopping the daemon
 };
 
 }  // namespace corvane::ui
