@@ -11,7 +11,7 @@ packages=(
   clang clang-format libclang-rt-14-dev ccache
   qt6-base-dev qt6-svg-dev qt6-multimedia-dev libqscintilla2-qt6-dev qt6-qpa-plugins fonts-dejavu-core
   desktop-file-utils xdg-utils shared-mime-info bc
-  xvfb openbox xdotool imagemagick
+  xvfb openbox xdotool imagemagick qt6-gtk-platformtheme
 )
 
 missing=()

@@ -4,15 +4,20 @@
 #include <QAbstractItemView>
 #include <QAbstractScrollArea>
 #include <QApplication>
+#include <QBrush>
 #include <QDialog>
 #include <QLabel>
 #include <QLineEdit>
 #include <QLocalServer>
 #include <QLocalSocket>
 #include <QMessageBox>
+#include <QPalette>
 #include <QScrollBar>
 #include <QTabBar>
 #include <QTextEdit>
+#include <algorithm>
+
+#include "ui/core/contrast.h"
 
 namespace corvane::ui {
 namespace {
@@ -139,6 +144,22 @@ QString TestProbe::answer(const QString& request) const {
             if (index.column() == 0) texts << index.data().toString();
         }
         return texts.join(QLatin1Char('\t'));
+    }
+    if (verb == QLatin1String("contrast")) {
+        // The row's least readable text, column by column, on the view's base.
+        auto index = rowWith(view, rest);
+        if (!index.isValid()) return QStringLiteral("none");
+        QColor base = view->palette().color(QPalette::Base);
+        double lowest = 21;
+        for (int column = 0; column < view->model()->columnCount(index.parent()); ++column) {
+            auto cell = index.siblingAtColumn(column);
+            if (cell.data().toString().isEmpty()) continue;
+            auto brush = cell.data(Qt::ForegroundRole).value<QBrush>();
+            QColor text = brush.style() == Qt::NoBrush ? view->palette().color(QPalette::Text)
+                                                       : brush.color();
+            lowest = std::min(lowest, contrastRatio(text, base));
+        }
+        return QString::number(lowest, 'f', 1);
     }
     if (verb == QLatin1String("row")) {
         auto index = rowWith(view, rest);

@@ -9,6 +9,7 @@
 //   rows NAME            every row's first column, tab-separated
 //   tab NAME TEXT        "x y", the middle of the tab of tab bar NAME whose text holds TEXT
 //   current NAME         the text of tab bar NAME's current tab
+//   contrast NAME TEXT   the lowest contrast ratio (1 to 21) of the row's texts on the view
 //   text NAME            a label's, line edit's, button's or text view's text
 //   scroll NAME          the vertical scroll position of a scrolled view
 //   focus                the object name (or class) of the widget with the keyboard focus

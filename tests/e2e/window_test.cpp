@@ -4,7 +4,9 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <cstdio>
 #include <filesystem>
+#include <string>
 
 #include "e2e/git_test_repo.h"
 #include "e2e/real_display.h"
@@ -190,6 +192,52 @@ TEST(Window, APersonOpensRepositoriesFilesAndLinksWithMouseAndKeys) {
         std::make_unique<BackgroundProcess>(std::vector<std::string>{CORVANE_BINARY}, environment);
     EXPECT_EQ(probe.waitFor("text repositoryName", "beta"), "beta");
     EXPECT_EQ(probe.waitFor("selected repositories", "beta"), "beta");
+}
+
+// In a dark palette (GTK's dark Adwaita, as GNOME users have it) every column of a row is
+// readable: an invitation's address and status too.
+TEST(Window, ADarkPaletteKeepsEveryColumnReadable) {
+    std::string why;
+    if (!RealDisplay::available(why)) GTEST_SKIP() << why;
+    if (runCommand({"sh", "-c", "ls /usr/lib/*/qt6/plugins/platformthemes/libqgtk3.so"}).status !=
+        0)
+        GTEST_SKIP() << "Qt's GTK platform theme is not installed";
+    TempDir home;
+    ::chmod(home.path().c_str(), 0700);
+    RealDisplay display;
+    std::string probePath = home.path() + "/probe.socket";
+    std::map<std::string, std::string> environment{
+        {"HOME", home.path()},
+        {"XDG_DATA_HOME", home.path() + "/data"},
+        {"XDG_CACHE_HOME", home.path() + "/cache"},
+        {"XDG_CONFIG_HOME", home.path() + "/config"},
+        {"XDG_RUNTIME_DIR", home.path()},
+        {"DISPLAY", display.name()},
+        {"QT_QPA_PLATFORM", "xcb"},
+        {"QT_QPA_PLATFORMTHEME", "gtk3"},
+        {"GTK_THEME", "Adwaita:dark"},
+        {"GIT_CONFIG_GLOBAL", "/dev/null"},
+        {"CORVANE_TEST_PROBE", probePath},
+        {"LSAN_OPTIONS", "suppressions=" CORVANE_SOURCE_DIR "/tests/e2e/x11_leaks.supp"}};
+    for (const auto& args : std::vector<std::vector<std::string>>{
+             {CORVANE_BINARY, "create", "shared"},
+             {CORVANE_BINARY, "invite", "shared", "bob@example.com"}}) {
+        auto result = runCommand(args, environment);
+        ASSERT_EQ(result.status, 0) << result.out;
+    }
+    BackgroundProcess window({CORVANE_BINARY}, environment);
+    Probe probe(probePath);
+    auto [x, y] = probe.row("repositories", "shared");
+    display.click(x, y);
+    auto tab = probe.waitFor("tab views Contributors",
+                             [](const std::string& a) { return a != "none" && !a.empty(); });
+    int tabX = 0, tabY = 0;
+    ASSERT_EQ(std::sscanf(tab.c_str(), "%d %d", &tabX, &tabY), 2);
+    display.click(tabX, tabY);
+    probe.row("contributors", "bob@example.com");
+    auto contrast = std::stod(probe.ask("contrast contributors bob@example.com"));
+    EXPECT_GE(contrast, 4.5) << "the invitation's row is hard to read";
+    display.screenshot(screenshotPath("dark-contributors"));
 }
 
 }  // namespace

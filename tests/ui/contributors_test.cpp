@@ -13,6 +13,7 @@
 #include <QUrlQuery>
 
 #include "cloud/cloud_location.h"
+#include "ui/core/contrast.h"
 #include "ui_fixture.h"
 
 namespace corvane::ui {
@@ -173,6 +174,13 @@ TEST_F(ContributorsTest, SomeoneElsesRepositoryShowsItsPeopleWithoutActions) {
     ASSERT_EQ(listed.size(), 1u);
     boState.updateRepository(listed[0]);
     boState.selectRepository(listed[0]->url());
+    // A dark palette that says nothing of the placeholder colour, as many themes leave it: the
+    // secondary columns must not be drawn in it.
+    QPalette light = QApplication::palette();
+    QPalette dark = light;
+    dark.setColor(QPalette::Base, QColor(0x1e, 0x1e, 0x1e));
+    dark.setColor(QPalette::Text, QColor(0xe6, 0xe6, 0xe6));
+    QApplication::setPalette(dark);
     ContributorsInfo view(boState, nullptr);
     view.show();
     boQueue.drain();
@@ -180,6 +188,12 @@ TEST_F(ContributorsTest, SomeoneElsesRepositoryShowsItsPeopleWithoutActions) {
     EXPECT_EQ(row(view, 1), (QStringList{"Bo Tester", "bo@example.com", "accepted"}));
     EXPECT_EQ(view.actionButton(1), nullptr);
     EXPECT_FALSE(view.showInviteFormButton()->isVisible());
+    for (int column = 0; column < 3; ++column) {
+        auto brush = view.tableView()->topLevelItem(1)->foreground(column);
+        QColor text = brush.style() == Qt::NoBrush ? dark.color(QPalette::Text) : brush.color();
+        EXPECT_GE(contrastRatio(text, dark.color(QPalette::Base)), 4.5) << column;
+    }
+    QApplication::setPalette(light);
 }
 
 }  // namespace
