@@ -165,8 +165,11 @@ QString TestProbe::answer(const QString& request) const {
         auto index = rowWith(view, rest);
         if (!index.isValid()) return QStringLiteral("none");
         view->scrollTo(index);
-        auto center = view->viewport()->mapToGlobal(view->visualRect(index).center());
-        return QStringLiteral("%1 %2").arg(center.x()).arg(center.y());
+        // Over the row's text near its start, away from buttons drawn at its end.
+        QRect rect = view->visualRect(index);
+        auto point = view->viewport()->mapToGlobal(
+            QPoint(rect.left() + std::min(48, rect.width() / 4), rect.center().y()));
+        return QStringLiteral("%1 %2").arg(point.x()).arg(point.y());
     }
     return QStringLiteral("none");
 }

@@ -3,8 +3,8 @@
 // path; it answers one line per request with what the widgets themselves hold, found by object
 // name, so that a test can click where a row is drawn and read back what a person would see:
 //   rect NAME            "x y w h" of the visible widget, in screen coordinates
-//   row NAME TEXT        "x y", the middle of the first row of item view NAME whose text holds
-//                        TEXT (scrolled into view first)
+//   row NAME TEXT        "x y", a point over the text of the first row of item view NAME whose
+//                        text holds TEXT (scrolled into view first)
 //   selected NAME        the selected rows' first column, tab-separated
 //   rows NAME            every row's first column, tab-separated
 //   tab NAME TEXT        "x y", the middle of the tab of tab bar NAME whose text holds TEXT

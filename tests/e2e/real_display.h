@@ -63,9 +63,12 @@ class RealDisplay {
         auto result = runCommand(argv, {{"DISPLAY", name_}});
         EXPECT_EQ(result.status, 0) << result.out;
     }
-    void click(int x, int y, int count = 1) const {
-        xdo({"mousemove", "--sync", std::to_string(x), std::to_string(y), "click", "--repeat",
-             std::to_string(count), "--delay", "80", "1"});
+    // Moves the pointer there, once the window saw it arrive, and clicks. (The pointer is nudged
+    // first: "mousemove --sync" waits for a motion that never comes when it is already there.)
+    void click(int x, int y, int count = 1, int button = 1) const {
+        xdo({"mousemove_relative", "--", "3", "3", "mousemove", "--sync", std::to_string(x),
+             std::to_string(y), "click", "--repeat", std::to_string(count), "--delay", "80",
+             std::to_string(button)});
     }
     void key(const std::string& keys) const { xdo({"key", "--clearmodifiers", keys}); }
     void type(const std::string& text) const { xdo({"type", "--delay", "20", text}); }

@@ -89,6 +89,12 @@ TEST(Window, APersonOpensRepositoriesFilesAndLinksWithMouseAndKeys) {
     EXPECT_NE(probe.waitFor("row files README.md",
                             [](const std::string& answer) { return answer != "none"; }),
               "none");
+    // The mouse's forward and back buttons do the same.
+    auto [listX, listY] = probe.row("files", "README.md");
+    display.click(listX, listY, 1, 9);
+    probe.row("files", "guide.md");
+    display.click(listX, listY, 1, 8);
+    probe.row("files", "README.md");
 
     // A preview opens at the document's title and takes the keyboard: Page Down scrolls it,
     // Escape closes it.

@@ -56,10 +56,18 @@ TEST_F(DesktopTest, TheWindowAsksBeforeDeletingAndShowsErrorsAndSheets) {
     QCoreApplication::processEvents();
     EXPECT_EQ(window.alert(), nullptr);
 
+    // Errors wait their turn: a second one does not close the first unread.
     state().send(event::ShowError{"Failed to delete 'x'", "The store is gone."});
+    state().send(event::ShowError{"Failed to create 'y'", "Still gone."});
     ASSERT_TRUE(waitFor([&] { return window.alert() != nullptr; }));
+    QCoreApplication::processEvents();
     EXPECT_EQ(window.alert()->text(), "Failed to delete 'x'");
     EXPECT_EQ(window.alert()->informativeText(), "The store is gone.");
+    window.alert()->button(QMessageBox::Ok)->click();
+    ASSERT_TRUE(waitFor(
+        [&] { return window.alert() && window.alert()->text() == "Failed to create 'y'"; }));
+    window.alert()->button(QMessageBox::Ok)->click();
+    ASSERT_TRUE(waitFor([&] { return window.alert() == nullptr; }));
 
     application->joinRepositoryMenuAction();
     ASSERT_TRUE(waitFor([&] { return window.addRepositorySheet() != nullptr; }));
