@@ -254,6 +254,11 @@ void RepositoryList::placeAddButton() {
     if (tableView_->indexWidget(index)) return;
     auto* button = new QPushButton(addIcon(), QStringLiteral("Add Repository…"));
     button->setFlat(true);
+    button->setObjectName(QStringLiteral("addRepository"));
+    // A flat button draws no focus frame of its own: the keyboard's place is shown anyway.
+    button->setStyleSheet(QStringLiteral(
+        "QPushButton { border: 1px solid transparent; border-radius: 3px; padding: 2px 6px; }"
+        "QPushButton:focus { border-color: palette(highlight); }"));
     button->setToolTip(QStringLiteral("Create a repository or join a shared one"));
     button->setCursor(Qt::PointingHandCursor);
     connect(button, &QPushButton::clicked, this,
