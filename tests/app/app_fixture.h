@@ -103,6 +103,20 @@ struct AppFixture : ::testing::Test {
     }
 
     // Runs main-queue tasks until the test holds (or ten seconds pass).
+    // Until a creation's own news is in: its row replaced (RepositoryModified) and the reload
+    // after it. An earlier reload's event must not end the wait while these are on their way.
+    bool pumpUntilCreated() {
+        return pumpUntil([&] {
+            bool created = false;
+            for (const auto& event : recorder->events) {
+                created = created || std::holds_alternative<event::RepositoryModified>(event);
+                if (created && std::holds_alternative<event::RepositoriesModified>(event))
+                    return true;
+            }
+            return false;
+        });
+    }
+
     bool pumpUntil(const std::function<bool()>& done) {
         auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
         while (!done()) {

@@ -176,7 +176,7 @@ TEST_F(AppFixture, JoinShowsAPlaceholderOnlyForALinkThatNamesTheRepository) {
 
     recorder->events.clear();
     state->createRepository("tools");
-    ASSERT_TRUE(pumpFor<event::RepositoriesModified>());
+    ASSERT_TRUE(pumpUntilCreated());
     state->selectRepository("git://localhost/tools");
     ASSERT_TRUE(pumpFor<event::RepositorySelected>());
     recorder->events.clear();
@@ -202,7 +202,7 @@ TEST_F(AppFixture, JoinShowsAPlaceholderOnlyForALinkThatNamesTheRepository) {
 
 TEST_F(AppFixture, ContributorsChangeAtOnceAndFailuresAreReported) {
     state->createRepository("tools");
-    ASSERT_TRUE(pumpFor<event::RepositoriesModified>());
+    ASSERT_TRUE(pumpUntilCreated());
     auto tools = state->repositories().at("git://localhost/tools");
     ASSERT_EQ(tools->participants().size(), 1u);
     // The share shows its title and the application's icon, a PNG.
