@@ -271,11 +271,17 @@ void RepositoryList::placeAddButton() {
     tableView_->setIndexWidget(index, holder);
 }
 
+void RepositoryList::setFollowInterval(int milliseconds) {
+    followInterval_ = milliseconds;
+    follower_->stop();
+    if (milliseconds > 0 && isVisible()) follower_->start(milliseconds);
+}
+
 void RepositoryList::showEvent(QShowEvent* event) {
     QWidget::showEvent(event);
     model_->redrawAll();
     refresher_->start(kRefreshMilliseconds);
-    follower_->start(kFollowMilliseconds);
+    if (followInterval_ > 0) follower_->start(followInterval_);
     state_.reloadRepositories();
 }
 

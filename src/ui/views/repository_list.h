@@ -63,6 +63,10 @@ class RepositoryList : public QWidget {
 
     RepositoryList(AppState& state, QWidget* parent);
 
+    // How often the list asks the store while shown; 0 stops it (a test that shapes the rows
+    // itself).
+    void setFollowInterval(int milliseconds);
+
     QListView* tableView() const { return tableView_; }
     QLabel* statusTextField() const { return statusTextField_; }
     QProgressBar* progressIndicator() const { return progressIndicator_; }
@@ -87,6 +91,7 @@ class RepositoryList : public QWidget {
     QProgressBar* progressIndicator_;
     QTimer* refresher_;
     QTimer* follower_;
+    int followInterval_ = kFollowMilliseconds;
     bool loading_ = true;
     std::shared_ptr<EventReceiver> receiver_;
 };
