@@ -145,6 +145,19 @@ TEST(Window, APersonOpensRepositoriesFilesAndLinksWithMouseAndKeys) {
     display.screenshot(screenshotPath("contributors"));
     clickTab("Files");
 
+    // The add row answers the keyboard: from the list, End and Enter open the sheet.
+    auto [rowX, rowY] = probe.row("repositories", "beta");
+    display.click(rowX, rowY);
+    display.key("End");
+    display.key("Return");
+    auto sheet = probe.waitFor("dialogs", [](const std::string& dialogs) {
+        return dialogs.find("Add Repository") != std::string::npos;
+    });
+    EXPECT_NE(sheet.find("Add Repository"), std::string::npos) << sheet;
+    display.key("Escape");
+    EXPECT_EQ(probe.waitFor("dialogs", "none"), "none");
+    EXPECT_EQ(probe.ask("selected repositories"), "beta");
+
     // A link the desktop cannot open is said, with the link kept for the person.
     display.key("alt+h");
     display.key("w");

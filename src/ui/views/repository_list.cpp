@@ -219,6 +219,15 @@ RepositoryList::RepositoryList(AppState& state, QWidget* parent)
         if (row < model_->repositories().size())
             state_.selectRepository(model_->repositories()[row]->url());
     });
+    // The add row is reached by the keyboard too: the arrow keys move onto it, Enter opens the
+    // sheet as its button does.
+    connect(tableView_, &QAbstractItemView::activated, this, [this](const QModelIndex& index) {
+        if (!index.data(RepositoryListModel::addRowRole).toBool()) return;
+        state_.send(event::ShowCreateRepository{});
+        // The row shown in the pane is highlighted again (stepping onto the add row cleared it).
+        const auto& current = state_.selectedRepository();
+        selectRow(current->id().empty() ? std::nullopt : model_->rowOf(current->url()));
+    });
     connect(tableView_, &QWidget::customContextMenuRequested, this, [this](const QPoint& point) {
         auto index = tableView_->indexAt(point);
         if (!index.isValid() || index.data(RepositoryListModel::addRowRole).toBool()) return;
