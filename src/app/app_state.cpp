@@ -91,11 +91,11 @@ void AppState::reloadRepository(const std::shared_ptr<Repository>& repository) {
             reportError("Failed to load " + quotedName(name), result.error());
             return;
         }
-        // Read before a later reload's, or while a change of people is still being saved: the
-        // window already shows something newer, and the change's own reload follows.
+        // Only the newest reload is shown: one started earlier may answer later, or first, and
+        // show what a later change of people has since replaced. While a change is still being
+        // saved, its own reload follows.
         auto& reloads = reloads_[url];
-        if (generation <= reloads.shown || !reloads.peopleChanges.empty()) return;
-        reloads.shown = generation;
+        if (generation != reloads.started || !reloads.peopleChanges.empty()) return;
         updateRepository(result.value());
     };
     backend_->fetchRepository(repository->name(), repository->owner(), std::move(show));

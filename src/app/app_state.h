@@ -90,11 +90,10 @@ class AppState {
     std::map<std::string, std::shared_ptr<Repository>> repositories_;
     std::shared_ptr<Repository> selectedRepository_;
     std::vector<WeakEventDelegate> registry_;
-    // Per repository URL: reloads started and the last one shown, and the changes of its
-    // people not yet saved (the first is being saved). Main queue only.
+    // Per repository URL: reloads started (only the last one's answer is shown), and the
+    // changes of its people not yet saved (the first is being saved). Main queue only.
     struct Reloads {
         std::uint64_t started = 0;
-        std::uint64_t shown = 0;
         std::deque<std::function<void()>> peopleChanges;
     };
     std::map<std::string, Reloads> reloads_;

@@ -17,6 +17,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <random>
 #include <sstream>
 #include <string>
 
@@ -65,7 +66,9 @@ class CloudTest : public ::testing::Test {
         const char* tcp = std::getenv("CORVANE_TEST_POSTGRES_TCP");
         peopleServer_ = tcp ? tcp : server;
         static int counter = 0;
-        suffix_ = std::to_string(::getpid()) + "_" + std::to_string(++counter);
+        // Process ids come round again within one run, and roles outlive their tests' databases.
+        static const std::string run = std::to_string(std::random_device{}() % 1000000);
+        suffix_ = std::to_string(::getpid()) + "_" + run + "_" + std::to_string(++counter);
         databaseName_ = "corvane_test_" + suffix_;
         PostgresConnection::open(server_)->execute("CREATE DATABASE " + databaseName_);
         initTeamStore(*storeAdministrator());

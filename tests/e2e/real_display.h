@@ -122,6 +122,20 @@ class Probe {
     std::string waitFor(const std::string& request, const std::string& expected) const {
         return waitFor(request, [&](const std::string& answer) { return answer == expected; });
     }
+    // Waits until the widget is shown and stays where it is: a window manager may still move a
+    // window it has just mapped, and a click computed before would land beside its target.
+    void settle(const std::string& name) const {
+        std::string last;
+        int same = 0;
+        for (int i = 0; i < 100 && same < 3; ++i) {
+            auto rect = ask("rect " + name);
+            same = rect != "none" && !rect.empty() && rect == last ? same + 1 : 0;
+            last = rect;
+            std::this_thread::sleep_for(std::chrono::milliseconds(150));
+        }
+        if (same < 3) ADD_FAILURE() << name << " did not settle: " << last;
+    }
+
     // The screen point of a row ("x y"), once it is shown.
     std::pair<int, int> row(const std::string& view, const std::string& text) const {
         auto answer = waitFor("row " + view + " " + text,

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <random>
 #include <regex>
 #include <string>
 #include <vector>
@@ -80,8 +81,11 @@ class TeamStore {
     }
 
     std::string server_;
-    // Roles belong to the whole server: names unique to this store.
-    std::string prefix_ = "e2e" + std::to_string(getpid()) + "_" + std::to_string(++made()) + "_";
+    // Roles belong to the whole server, and outlive the databases of earlier tests whose process
+    // ids come round again: names unique to this store.
+    std::string prefix_ = "e2e" + std::to_string(getpid()) + "_" +
+                          std::to_string(std::random_device{}() % 1000000) + "_" +
+                          std::to_string(++made()) + "_";
     static int& made() {
         static int count = 0;
         return count;

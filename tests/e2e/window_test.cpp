@@ -60,6 +60,7 @@ TEST(Window, APersonOpensRepositoriesFilesAndLinksWithMouseAndKeys) {
     auto window =
         std::make_unique<BackgroundProcess>(std::vector<std::string>{CORVANE_BINARY}, environment);
     Probe probe(probePath);
+    probe.settle("repositories");
 
     // A click on a row opens that repository, as the arrow keys do.
     auto [alphaX, alphaY] = probe.row("repositories", "alpha");
@@ -246,6 +247,7 @@ TEST(Window, ADarkPaletteKeepsEveryColumnReadable) {
     }
     BackgroundProcess window({CORVANE_BINARY}, environment);
     Probe probe(probePath);
+    probe.settle("repositories");
     auto [x, y] = probe.row("repositories", "shared");
     display.click(x, y);
     auto tab = probe.waitFor("tab views Contributors",
