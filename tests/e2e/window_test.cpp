@@ -146,6 +146,16 @@ TEST(Window, APersonOpensRepositoriesFilesAndLinksWithMouseAndKeys) {
     display.screenshot(screenshotPath("contributors"));
     clickTab("Files");
 
+    // The keyboard's way through the top of the window, from the list: the name, the clone URL,
+    // its copy button, the clone menu.
+    auto [focusX, focusY] = probe.row("repositories", "beta");
+    display.click(focusX, focusY);
+    EXPECT_EQ(probe.waitFor("focus", "repositories"), "repositories");
+    for (const char* next : {"repositoryName", "cloneUrl", "copyUrl", "clone"}) {
+        display.key("Tab");
+        EXPECT_EQ(probe.waitFor("focus", next), next);
+    }
+
     // The add row answers the keyboard: from the list, End and Enter open the sheet.
     auto [rowX, rowY] = probe.row("repositories", "beta");
     display.click(rowX, rowY);

@@ -56,6 +56,8 @@ RepositoryInfo::RepositoryInfo(AppState& state, std::vector<CloneApp> cloneApps,
     repositoryButton_->setObjectName(QStringLiteral("repositoryName"));
     urlField_->setObjectName(QStringLiteral("cloneUrl"));
     emptyLabel_->setObjectName(QStringLiteral("noRepository"));
+    copyButton_->setObjectName(QStringLiteral("copyUrl"));
+    cloneButton_->setObjectName(QStringLiteral("clone"));
     QFont nameFont = repositoryButton_->font();
     nameFont.setPointSizeF(nameFont.pointSizeF() * 1.5);
     nameFont.setWeight(QFont::DemiBold);
