@@ -2,6 +2,7 @@
 
 #include "base/error.h"
 #include "cloud/error_codes.h"
+#include "cloud/share_store.h"
 #include "cloud/team_records.h"
 
 namespace corvane::cloud {
@@ -33,8 +34,9 @@ Account teamSignIn(Connection& connection) {
                 layout = row.integer(5);
             });
     } catch (const CloudError& error) {
-        if (error.code() == kNotAuthenticated) throw;
-        // No such function: nobody made this database a team store, or one of an older layout.
+        // No such function, or none to call: nobody made this database a team store, or one of
+        // an older layout. Anything else (a refused login, a lost connection) is what it is.
+        if (error.code() != kInternalError && error.code() != kPermissionFailure) throw;
         bool store =
             queryInteger(connection, "SELECT 1 FROM pg_namespace WHERE nspname = 'corvane'", {})
                 .has_value();
@@ -113,9 +115,9 @@ ShareMetadata teamShareMetadata(Connection& connection, const AssetCache& cache,
             rootName = row.text(5);
             shareName = row.text(6);
             owner = row.integer(7) != 0;
-            metadata.participantType = static_cast<ParticipantType>(row.integer(8));
-            metadata.participantStatus = static_cast<AcceptanceStatus>(row.integer(9));
-            metadata.participantPermission = static_cast<Permission>(row.integer(10));
+            metadata.participantType = participantTypeFrom(row.integer(8));
+            metadata.participantStatus = acceptanceStatusFrom(row.integer(9));
+            metadata.participantPermission = permissionFrom(row.integer(10));
         });
     if (zoneName.empty()) throw CloudError(kUnknownItem, "The share does not exist");
 
