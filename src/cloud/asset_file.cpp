@@ -43,6 +43,16 @@ AssetFileReader::~AssetFileReader() {
     ::close(fd_);
 }
 
+std::size_t AssetFileReader::fill(std::uint8_t* buffer, std::size_t capacity) {
+    std::size_t filled = 0;
+    while (filled < capacity) {
+        auto count = read(buffer + filled, capacity - filled);
+        if (count == 0) break;
+        filled += count;
+    }
+    return filled;
+}
+
 std::size_t AssetFileReader::read(std::uint8_t* buffer, std::size_t capacity) {
     if (end_)
         capacity = static_cast<std::size_t>(std::min<std::uint64_t>(capacity, *end_ - position_));

@@ -22,6 +22,8 @@ class AssetFileReader {
     // Fills up to `capacity` bytes from where the last read stopped; 0 at the end of the asset.
     // Throws CloudError 16 on a read error.
     std::size_t read(std::uint8_t* buffer, std::size_t capacity);
+    // Reads until `capacity` bytes are in or the asset ends; fewer only at its end.
+    std::size_t fill(std::uint8_t* buffer, std::size_t capacity);
 
     // The file, and the range when there is one, for messages.
     const std::string& description() const { return description_; }

@@ -43,12 +43,7 @@ std::optional<CloudError> AssetStore::store(const Asset& asset, const FileDigest
         auto chunk = std::make_unique_for_overwrite<std::uint8_t[]>(capacity);
         std::uint64_t total = 0;
         for (std::int64_t seq = 0;; ++seq) {
-            std::size_t filled = 0;
-            while (filled < capacity) {
-                auto count = reader.read(chunk.get() + filled, capacity - filled);
-                if (count == 0) break;
-                filled += count;
-            }
+            std::size_t filled = reader.fill(chunk.get(), capacity);
             if (filled == 0) break;
             ByteView piece(chunk.get(), filled);
             sha.update(piece);

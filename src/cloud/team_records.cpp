@@ -89,12 +89,7 @@ class ContentUpload {
         bool holding = false;
         for (;;) {
             Bytes piece(capacity);
-            std::size_t filled = 0;
-            while (filled < capacity) {
-                auto count = reader.read(piece.data() + filled, capacity - filled);
-                if (count == 0) break;
-                filled += count;
-            }
+            std::size_t filled = reader.fill(piece.data(), capacity);
             if (filled == 0) break;
             piece.resize(filled);
             sha.update(piece);

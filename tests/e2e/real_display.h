@@ -56,6 +56,22 @@ class RealDisplay {
 
     const std::string& name() const { return name_; }
 
+    // The environment of a `corvane` window on this display, with its folders in `home` and its
+    // test probe at probePath(home).
+    std::map<std::string, std::string> windowEnvironment(const std::string& home) const {
+        return {{"HOME", home},
+                {"XDG_DATA_HOME", home + "/data"},
+                {"XDG_CACHE_HOME", home + "/cache"},
+                {"XDG_CONFIG_HOME", home + "/config"},
+                {"XDG_RUNTIME_DIR", home},
+                {"DISPLAY", name_},
+                {"QT_QPA_PLATFORM", "xcb"},
+                {"GIT_CONFIG_GLOBAL", "/dev/null"},
+                {"CORVANE_TEST_PROBE", probePath(home)},
+                {"LSAN_OPTIONS", "suppressions=" CORVANE_SOURCE_DIR "/tests/e2e/x11_leaks.supp"}};
+    }
+    static std::string probePath(const std::string& home) { return home + "/probe.socket"; }
+
     // xdotool on this display: "mousemove --sync 10 20 click 1", "key alt+Left".
     void xdo(const std::vector<std::string>& args) const {
         std::vector<std::string> argv{"xdotool"};
@@ -138,11 +154,18 @@ class Probe {
 
     // The screen point of a row ("x y"), once it is shown.
     std::pair<int, int> row(const std::string& view, const std::string& text) const {
-        auto answer = waitFor("row " + view + " " + text,
-                              [](const std::string& a) { return !a.empty() && a != "none"; });
+        return point("row " + view + " " + text);
+    }
+    // The screen point of a tab of the repository's views ("Tags", "Contributor").
+    std::pair<int, int> tab(const std::string& text) const { return point("tab views " + text); }
+
+    // The point a request answers with ("x y"), once it has one.
+    std::pair<int, int> point(const std::string& request) const {
+        auto answer =
+            waitFor(request, [](const std::string& a) { return !a.empty() && a != "none"; });
         int x = 0, y = 0;
         if (std::sscanf(answer.c_str(), "%d %d", &x, &y) != 2)
-            ADD_FAILURE() << "no row " << text << " in " << view;
+            ADD_FAILURE() << "no point for " << request;
         return {x, y};
     }
 

@@ -44,22 +44,11 @@ TEST(Window, APersonOpensRepositoriesFilesAndLinksWithMouseAndKeys) {
     }
 
     RealDisplay display;
-    std::string probePath = home.path() + "/probe.socket";
-    std::map<std::string, std::string> environment{
-        {"HOME", home.path()},
-        {"XDG_DATA_HOME", data},
-        {"XDG_CACHE_HOME", home.path() + "/cache"},
-        {"XDG_CONFIG_HOME", home.path() + "/config"},
-        {"XDG_RUNTIME_DIR", home.path()},
-        {"DISPLAY", display.name()},
-        {"QT_QPA_PLATFORM", "xcb"},
-        {"GIT_CONFIG_GLOBAL", "/dev/null"},
-        {"CORVANE_TEST_PROBE", probePath},
-        {"BROWSER", "false"},  // no browser here
-        {"LSAN_OPTIONS", "suppressions=" CORVANE_SOURCE_DIR "/tests/e2e/x11_leaks.supp"}};
+    auto environment = display.windowEnvironment(home.path());
+    environment["BROWSER"] = "false";  // no browser here
     auto window =
         std::make_unique<BackgroundProcess>(std::vector<std::string>{CORVANE_BINARY}, environment);
-    Probe probe(probePath);
+    Probe probe(RealDisplay::probePath(home.path()));
     probe.settle("repositories");
 
     // A click on a row opens that repository, as the arrow keys do.
@@ -117,10 +106,7 @@ TEST(Window, APersonOpensRepositoriesFilesAndLinksWithMouseAndKeys) {
     // Every kind of row answers the mouse and the keyboard: tags, newest release first, open
     // with Enter, branches with a double-click, each showing Files; commits and people select.
     auto clickTab = [&](const std::string& text) {
-        auto answer = probe.waitFor("tab views " + text,
-                                    [](const std::string& a) { return a != "none" && !a.empty(); });
-        int x = 0, y = 0;
-        ASSERT_EQ(std::sscanf(answer.c_str(), "%d %d", &x, &y), 2) << text;
+        auto [x, y] = probe.tab(text);
         display.click(x, y);
     };
     clickTab("Tags");
@@ -235,20 +221,9 @@ TEST(Window, ADarkPaletteKeepsEveryColumnReadable) {
     TempDir home;
     ::chmod(home.path().c_str(), 0700);
     RealDisplay display;
-    std::string probePath = home.path() + "/probe.socket";
-    std::map<std::string, std::string> environment{
-        {"HOME", home.path()},
-        {"XDG_DATA_HOME", home.path() + "/data"},
-        {"XDG_CACHE_HOME", home.path() + "/cache"},
-        {"XDG_CONFIG_HOME", home.path() + "/config"},
-        {"XDG_RUNTIME_DIR", home.path()},
-        {"DISPLAY", display.name()},
-        {"QT_QPA_PLATFORM", "xcb"},
-        {"QT_QPA_PLATFORMTHEME", "gtk3"},
-        {"GTK_THEME", "Adwaita:dark"},
-        {"GIT_CONFIG_GLOBAL", "/dev/null"},
-        {"CORVANE_TEST_PROBE", probePath},
-        {"LSAN_OPTIONS", "suppressions=" CORVANE_SOURCE_DIR "/tests/e2e/x11_leaks.supp"}};
+    auto environment = display.windowEnvironment(home.path());
+    environment["QT_QPA_PLATFORMTHEME"] = "gtk3";
+    environment["GTK_THEME"] = "Adwaita:dark";
     for (const auto& args : std::vector<std::vector<std::string>>{
              {CORVANE_BINARY, "create", "shared"},
              {CORVANE_BINARY, "invite", "shared", "bob@example.com"}}) {
@@ -256,14 +231,11 @@ TEST(Window, ADarkPaletteKeepsEveryColumnReadable) {
         ASSERT_EQ(result.status, 0) << result.out;
     }
     BackgroundProcess window({CORVANE_BINARY}, environment);
-    Probe probe(probePath);
+    Probe probe(RealDisplay::probePath(home.path()));
     probe.settle("repositories");
     auto [x, y] = probe.row("repositories", "shared");
     display.click(x, y);
-    auto tab = probe.waitFor("tab views Contributors",
-                             [](const std::string& a) { return a != "none" && !a.empty(); });
-    int tabX = 0, tabY = 0;
-    ASSERT_EQ(std::sscanf(tab.c_str(), "%d %d", &tabX, &tabY), 2);
+    auto [tabX, tabY] = probe.tab("Contributors");
     display.click(tabX, tabY);
     probe.row("contributors", "bob@example.com");
     auto contrast = std::stod(probe.ask("contrast contributors bob@example.com"));
