@@ -51,7 +51,7 @@ void AppState::reloadRepositories() {
             reportError("Failed to load repositories", result.error());
             return;
         }
-        showRepositories(result.value());
+        showRepositories(result.value(), Announce::always);
     });
 }
 
@@ -60,26 +60,73 @@ void AppState::refreshRepositories() {
     refreshing_ = true;
     backend_->fetchRepositories([this](Result<std::vector<std::shared_ptr<Repository>>> result) {
         refreshing_ = false;
-        if (result.ok() && listChanges_ == 0) showRepositories(result.value());
+        if (result.ok() && listChanges_ == 0) showRepositories(result.value(), Announce::onChange);
     });
 }
 
-void AppState::showRepositories(const std::vector<std::shared_ptr<Repository>>& repositories) {
+namespace {
+
+// The same stored repository: its records carry the same change tags and its share the same
+// people. (Someone answering an invitation changes the people, not the share's change tag.)
+bool sameStored(const Repository& shown, const Repository& listed) {
+    auto tag = [](const std::optional<cloud::Record>& record) {
+        return record ? record->recordChangeTag : std::nullopt;
+    };
+    auto people = [](const Repository& repository) {
+        const auto& share = repository.share();
+        return share && share->share ? share->share->participants
+                                     : std::vector<cloud::ShareParticipant>{};
+    };
+    return tag(shown.record()) && tag(shown.record()) == tag(listed.record()) &&
+           tag(shown.share()) == tag(listed.share()) && people(shown) == people(listed);
+}
+
+// A repository read again keeps what the window showed of it (its head, its history); a head on
+// a branch it does not have (master of a repository created empty, then pushed a main) moves to
+// the branch it would start on.
+void carryOver(const Repository* shown, Repository& fresh) {
+    if (shown) fresh.setState(shown->state());
+    if (!fresh.headCommit()) {
+        if (auto branch = Repository::defaultBranch(*fresh.content())) fresh.setHead(*branch);
+    }
+}
+
+}  // namespace
+
+void AppState::showRepositories(const std::vector<std::shared_ptr<Repository>>& repositories,
+                                Announce announce) {
+    // What did not change stays the object shown, so that nothing redraws for it.
     std::map<std::string, std::shared_ptr<Repository>> table;
-    for (const auto& repository : repositories)
-        table.insert_or_assign(repository->url(), repository);
-    repositories_ = std::move(table);
-    send(event::RepositoriesModified{});
-    // The selection follows the table: a repository gone from the store is no longer shown.
-    if (!selectedRepository_->id().empty()) {
-        auto selected = repositories_.find(selectedRepository_->url());
-        if (selected == repositories_.end()) {
-            selectRepository(std::nullopt);
-        } else if (selected->second != selectedRepository_) {
-            // Changed in the store (a push from elsewhere): its pane shows it.
-            selectedRepository_ = selected->second;
-            send(event::RepositoryModified{selected->first});
+    std::vector<std::string> changed;
+    for (const auto& listed : repositories) {
+        auto shown = repositories_.find(listed->url());
+        if (shown == repositories_.end()) {
+            table.insert_or_assign(listed->url(), listed);
+            continue;
         }
+        if (shown->second == listed || sameStored(*shown->second, *listed)) {
+            table.insert_or_assign(listed->url(), shown->second);
+            continue;
+        }
+        carryOver(shown->second.get(), *listed);
+        table.insert_or_assign(listed->url(), listed);
+        changed.push_back(listed->url());
+    }
+    bool modified = announce == Announce::always || !changed.empty() ||
+                    table.size() != repositories_.size() ||
+                    !std::equal(table.begin(), table.end(), repositories_.begin(),
+                                [](const auto& a, const auto& b) { return a.first == b.first; });
+    repositories_ = std::move(table);
+    if (modified) send(event::RepositoriesModified{});
+    // The selection follows the table: a repository gone from the store is no longer shown, and
+    // one changed in the store (a push from elsewhere) is shown as it is now.
+    if (selectedRepository_->id().empty()) return;
+    auto selected = repositories_.find(selectedRepository_->url());
+    if (selected == repositories_.end()) {
+        selectRepository(std::nullopt);
+    } else if (selected->second != selectedRepository_) {
+        selectedRepository_ = selected->second;
+        send(event::RepositoryModified{selected->first});
     }
 }
 
@@ -104,15 +151,9 @@ void AppState::reloadRepository(const std::shared_ptr<Repository>& repository) {
 void AppState::updateRepository(const std::shared_ptr<Repository>& repository) {
     const std::string& url = repository->url();
     auto known = repositories_.find(url);
-    if (known != repositories_.end() && known->second != repository) {
-        repository->setState(known->second->state());
-    }
-    // A head on a branch the repository does not have (master of a repository created empty,
-    // then pushed a main) moves to the branch it would start on.
-    if (!repository->headCommit()) {
-        if (auto branch = Repository::defaultBranch(*repository->content()))
-            repository->setHead(*branch);
-    }
+    carryOver(
+        known != repositories_.end() && known->second != repository ? known->second.get() : nullptr,
+        *repository);
     repositories_.insert_or_assign(url, repository);
     if (selectedRepository_->url() == url) selectedRepository_ = repository;
     send(event::RepositoryModified{url});

@@ -76,7 +76,11 @@ class AppState {
 
   private:
     void deliver(const Event& event);
-    void showRepositories(const std::vector<std::shared_ptr<Repository>>& repositories);
+    // Shows the store's list, keeping the objects of repositories that did not change; a
+    // reload asked for is announced even when nothing changed, a follow only when it did.
+    enum class Announce { always, onChange };
+    void showRepositories(const std::vector<std::shared_ptr<Repository>>& repositories,
+                          Announce announce);
     // Saves changes of a repository's people one after another, in the order made, so the list
     // keeps that order; each failure is reported under `failure`.
     void changePeople(const std::shared_ptr<Repository>& repository,

@@ -121,6 +121,53 @@ std::vector<ZoneId> Database::fetchAllRecordZones() {
     return zones;
 }
 
+std::vector<ZoneVersion> Database::fetchZoneVersions(std::span<const std::string> recordNames) {
+    session_.account();
+    auto connection = session_.pool.acquire();
+    if (connection->dialect() == SqlDialect::postgresql)
+        return teamZoneVersions(*connection, scope_, recordNames);
+    std::vector<SqlParam> params;
+    std::string names;
+    for (const auto& name : recordNames) {
+        names += names.empty() ? "?" : ", ?";
+        params.emplace_back(std::string_view(name));
+    }
+    // The records' change tags by name, then each person's place, account, answer and right.
+    const std::string version =
+        "ifnull((SELECT group_concat(tag, ' ') FROM (SELECT name || ':' || change_tag AS tag "
+        "FROM records WHERE records.zone_id = zones.id AND records.name IN (" +
+        (names.empty() ? std::string("NULL") : names) +
+        ") ORDER BY name)), '') || '|' || ifnull((SELECT group_concat(person, ' ') FROM "
+        "(SELECT position || ':' || ifnull(account_id, '') || ':' || status || ':' || "
+        "permission AS person FROM participants WHERE participants.zone_id = zones.id "
+        "ORDER BY position)), '')";
+    std::vector<ZoneVersion> versions;
+    const std::int64_t me = session_.account().id;
+    if (scope_ == DatabaseScope::privateScope) {
+        params.emplace_back(me);
+        connection->execute(
+            "SELECT zones.name, " + version + " FROM zones WHERE owner_id = ? ORDER BY id", params,
+            [&](const SqlRow& row) {
+                versions.push_back(
+                    {ZoneId{std::string(row.text(0)), std::string(kCurrentUserDefaultName)},
+                     std::string(row.text(1))});
+            });
+    } else if (scope_ == DatabaseScope::sharedScope) {
+        params.insert(params.end(),
+                      {me, std::int64_t{static_cast<int>(AcceptanceStatus::accepted)}, me});
+        connection->execute(
+            "SELECT zones.name, accounts.record_name, " + version +
+                " FROM zones JOIN accounts ON accounts.id = zones.owner_id WHERE EXISTS (SELECT 1 "
+                "FROM participants mine WHERE mine.zone_id = zones.id AND mine.account_id = ? AND "
+                "mine.status = ?) AND zones.owner_id <> ? ORDER BY zones.id",
+            params, [&](const SqlRow& row) {
+                versions.push_back({ZoneId{std::string(row.text(0)), std::string(row.text(1))},
+                                    std::string(row.text(2))});
+            });
+    }
+    return versions;
+}
+
 void Database::fetchRecords(std::span<const RecordId> ids,
                             const std::function<void(FetchResult&&)>& perRecord) {
     session_.account();

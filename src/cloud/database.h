@@ -38,6 +38,12 @@ class Database {
     // shared zones their owner's record name.
     std::vector<ZoneId> fetchAllRecordZones();
 
+    // Every visible zone, in the order of fetchAllRecordZones, with a version of its records of
+    // the given names: a text that changes whenever one of them is saved or deleted, or the
+    // zone's people or their answers change. One statement, reading no fields: what a list
+    // polls to learn which zones it must read again.
+    std::vector<ZoneVersion> fetchZoneVersions(std::span<const std::string> recordNames);
+
     // One result per id, in order. Ids are read kFetchGroupSize at a time; each group is one
     // consistent snapshot and is handed over before the next is read.
     void fetchRecords(std::span<const RecordId> ids,

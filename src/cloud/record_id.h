@@ -17,6 +17,13 @@ struct ZoneId {
     auto operator<=>(const ZoneId&) const = default;
 };
 
+// A zone with a text that changes whenever what a list shows of it changes
+// (Database::fetchZoneVersions).
+struct ZoneVersion {
+    ZoneId zoneId;
+    std::string version;
+};
+
 struct RecordId {
     std::string recordName;
     ZoneId zoneId;

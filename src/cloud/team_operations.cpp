@@ -79,6 +79,20 @@ std::vector<ZoneId> teamListZones(Connection& connection, DatabaseScope scope) {
     return zones;
 }
 
+std::vector<ZoneVersion> teamZoneVersions(Connection& connection, DatabaseScope scope,
+                                          std::span<const std::string> names) {
+    std::vector<ZoneVersion> versions;
+    connection.execute(
+        "SELECT zone, owner, version FROM corvane.zone_versions(?, ?)",
+        {scopeNumber(scope), TextList(names)}, [&](const SqlRow& row) {
+            versions.push_back({ZoneId{std::string(row.text(0)),
+                                       row.isNull(1) ? std::string(kCurrentUserDefaultName)
+                                                     : std::string(row.text(1))},
+                                std::string(row.text(2))});
+        });
+    return versions;
+}
+
 std::optional<ShareParticipant> teamLookUpParticipant(Connection& connection,
                                                       std::string_view email) {
     ShareParticipant participant;

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -19,7 +20,7 @@
 namespace corvane::cloud {
 
 // The team store's layout that this program's functions belong to.
-inline constexpr std::int64_t kTeamLayout = 3;
+inline constexpr std::int64_t kTeamLayout = 4;
 
 // The person the connection logged in as. Code 9 for a login that is not one of the store's
 // people, 5 for a database that is no team store of this layout, 18 for a newer one.
@@ -29,6 +30,9 @@ void teamCreateZone(Connection& connection, const std::string& zoneName);
 // Deletes an own zone, or leaves a shared one. Code 26 when the zone is not reached.
 void teamDeleteZone(Connection& connection, DatabaseScope scope, const ZoneId& zoneId);
 std::vector<ZoneId> teamListZones(Connection& connection, DatabaseScope scope);
+// The zones of teamListZones, each with a version of its records of those names and its people.
+std::vector<ZoneVersion> teamZoneVersions(Connection& connection, DatabaseScope scope,
+                                          std::span<const std::string> names);
 
 std::optional<ShareParticipant> teamLookUpParticipant(Connection& connection,
                                                       std::string_view email);

@@ -18,6 +18,7 @@ namespace {
 const std::vector<std::string_view> kPeopleFunctions = {
     "sign_in()",
     "list_zones(INT)",
+    "zone_versions(INT, TEXT[])",
     "create_zone(TEXT)",
     "delete_zone(INT, TEXT, TEXT)",
     "fetch_records(INT, TEXT, TEXT, TEXT, TEXT[])",

@@ -13,7 +13,7 @@
 
 CREATE SCHEMA IF NOT EXISTS corvane;
 
--- Layout 3. Tables, what one row is, and the rules the store keeps:
+-- Layout 4. Tables, what one row is, and the rules the store keeps:
 --   settings      "layout" (this layout's number) and "people" (the store's group role).
 --   accounts      one person; role_name is their login; email_key the address as look-ups
 --                 compare it (ASCII letters in lower case).
@@ -403,6 +403,30 @@ BEGIN
             WHERE p.account_id = me.id AND p.status = 2 AND z.owner_id <> me.id
             ORDER BY z.id;
     END IF;
+END $$;
+
+-- The zones of list_zones, each with a version of its records of the given names and of its
+-- people: a text that changes when one of those records is saved or deleted, or when someone is
+-- invited, answers or leaves. What a list polls, in one call, before it reads anything again.
+CREATE OR REPLACE FUNCTION corvane.zone_versions(_scope INT, _names TEXT[])
+RETURNS TABLE (zone TEXT, owner TEXT, version TEXT)
+LANGUAGE plpgsql STABLE SECURITY DEFINER SET search_path = pg_catalog, corvane, pg_temp AS $$
+DECLARE
+    me accounts := person();
+BEGIN
+    RETURN QUERY SELECT z.name, CASE WHEN _scope = 3 THEN a.record_name END,
+            coalesce((SELECT string_agg(r.name || ':' || r.change_tag, ' ' ORDER BY r.name)
+                      FROM records r WHERE r.zone_id = z.id AND r.name = ANY (_names)), '')
+            || '|' ||
+            coalesce((SELECT string_agg(concat_ws(':', p.position, p.account_id, p.status,
+                                                  p.permission), ' ' ORDER BY p.position)
+                      FROM participants p WHERE p.zone_id = z.id), '')
+        FROM zones z JOIN accounts a ON a.id = z.owner_id
+        WHERE (_scope = 2 AND z.owner_id = me.id)
+           OR (_scope = 3 AND z.owner_id <> me.id AND EXISTS (
+                SELECT 1 FROM participants mine WHERE mine.zone_id = z.id
+                    AND mine.account_id = me.id AND mine.status = 2))
+        ORDER BY z.id;
 END $$;
 
 CREATE OR REPLACE FUNCTION corvane.create_zone(_zone TEXT) RETURNS VOID

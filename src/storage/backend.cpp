@@ -215,47 +215,10 @@ void Backend::fetchRepository(const std::string& name, const std::string& owner,
                                           [=, this] { return fetchRepository(name, owner); });
 }
 
-std::vector<std::shared_ptr<Repository>> Backend::listRepositories(cloud::Database& database) {
-    const std::string scope = scopeText(database);
-    trace(TraceModule::request, "fetching " + scope + " zones");
-    auto zones = database.fetchAllRecordZones();
-    trace(TraceModule::response,
-          "fetched " + std::to_string(zones.size()) + " " + scope + " zones");
-    std::vector<cloud::RecordId> ids;
-    for (const auto& zone : zones) {
-        ids.push_back({kRepositoryRecordName, zone});
-        ids.push_back({kShareRecordName, zone});
-    }
-    trace(TraceModule::request,
-          "fetching " + std::to_string(zones.size()) + " " + scope + " repositories");
-    auto results = fetchRecords(database, ids);
-    std::vector<std::shared_ptr<Repository>> repositories;
-    std::string names;
-    for (const auto& zone : zones) {
-        const auto& record = results[{kRepositoryRecordName, zone}].record;
-        const auto& share = results[{kShareRecordName, zone}].record;
-        if (!record) {
-            trace(TraceModule::error, "Missing repository record for zone " + zone.zoneName);
-            continue;
-        }
-        if (!share || !share->isShare()) {
-            const auto* name = record->get<std::string>("name");
-            trace(TraceModule::error,
-                  "Missing share record for repository " + (name ? *name : zone.zoneName));
-            continue;
-        }
-        repositories.push_back(decodeRepositoryRecord(*record, *share));
-        names += (names.empty() ? "" : ", ") + repositories.back()->name();
-    }
-    trace(TraceModule::response, "Fetched " + std::to_string(repositories.size()) + " " + scope +
-                                     " repositories: " + names);
-    return repositories;
-}
-
 void Backend::fetchRepositories(Completion<std::vector<std::shared_ptr<Repository>>> done) {
     runAsync<std::vector<std::shared_ptr<Repository>>>(std::move(done), [this] {
-        auto all = listRepositories(container_.privateCloudDatabase());
-        auto shared = listRepositories(container_.sharedCloudDatabase());
+        auto all = listing_.list(container_.privateCloudDatabase());
+        auto shared = listing_.list(container_.sharedCloudDatabase());
         all.insert(all.end(), shared.begin(), shared.end());
         return all;
     });

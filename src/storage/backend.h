@@ -25,6 +25,7 @@
 #include "cloud/container.h"
 #include "storage/object_fetcher.h"
 #include "storage/repository.h"
+#include "storage/repository_listing.h"
 #include "storage/store.h"
 
 namespace corvane {
@@ -132,7 +133,6 @@ class Backend {
     void keepServed(const std::shared_ptr<Repository>& repository);
     void forgetServed(const cloud::ZoneId& zone);
     void forgetServedLocked(const cloud::ZoneId& zone);  // servedMutex_ held
-    std::vector<std::shared_ptr<Repository>> listRepositories(cloud::Database& database);
     // The stored pack records among `packIds`; an absent one maps to nothing.
     void readPackRecords(cloud::Database& database, const cloud::ZoneId& zone,
                          const std::vector<std::string>& packIds,
@@ -153,6 +153,8 @@ class Backend {
     std::unique_ptr<WorkQueue> queue_;
     std::size_t incrementalMetaThreshold_;
     Bytes shareThumbnail_;
+
+    RepositoryListing listing_;
 
     std::mutex servedMutex_;
     std::list<std::shared_ptr<Repository>> served_;  // guarded by servedMutex_

@@ -165,6 +165,18 @@ TEST_F(AppFixture, ReloadingOneRepositoryKeepsTheUsersPlace) {
     EXPECT_EQ(state->selectedRepository(), after);
     EXPECT_EQ(after->state().selectedView, Repository::View::commits);
     EXPECT_EQ(after->state().head, "ref: refs/heads/dev");
+
+    // Following the store: a repository made elsewhere shows up, while this one, unchanged,
+    // stays the object shown and hears nothing.
+    bool made = false;
+    state->backend().createRepository("other", [&](auto) { made = true; });
+    ASSERT_TRUE(pumpUntil([&] { return made; }));
+    recorder->events.clear();
+    state->refreshRepositories();
+    ASSERT_TRUE(pumpFor<event::RepositoriesModified>());
+    EXPECT_TRUE(state->repositories().contains("git://localhost/other"));
+    EXPECT_EQ(state->repositories().at(url), after);
+    EXPECT_TRUE(recorder->all<event::RepositoryModified>().empty());
 }
 
 TEST_F(AppFixture, JoinShowsAPlaceholderOnlyForALinkThatNamesTheRepository) {

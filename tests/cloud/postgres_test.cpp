@@ -10,6 +10,7 @@
 #include "cloud/crypto.h"
 #include "cloud/field_codec.h"
 #include "cloud/schema.h"
+#include "cloud/team_operations.h"
 #include "cloud_test_support.h"
 
 namespace corvane::cloud {
@@ -114,11 +115,15 @@ TEST_F(PostgresTest, LoginsAndLostConnectionsEndInTheirCodes) {
     EXPECT_EQ(firstUse(roleAddress("t_nobody_known")), kNotAuthenticated);
     EXPECT_EQ(firstUse(server() + " dbname=postgres"), kBadContainer);
     auto ann = openAs("ann@example.com");
-    adminConnection()->execute("UPDATE settings SET value = '2' WHERE name = 'layout'");
+    auto setLayout = [&](std::int64_t layout) {
+        adminConnection()->execute("UPDATE settings SET value = ? WHERE name = 'layout'",
+                                   {std::to_string(layout)});
+    };
+    setLayout(kTeamLayout - 1);
     EXPECT_EQ(firstUse(roleAddress(roleFor("ann@example.com"))), kBadContainer);
-    adminConnection()->execute("UPDATE settings SET value = '4' WHERE name = 'layout'");
+    setLayout(kTeamLayout + 1);
     EXPECT_EQ(firstUse(roleAddress(roleFor("ann@example.com"))), kIncompatibleVersion);
-    adminConnection()->execute("UPDATE settings SET value = '3' WHERE name = 'layout'");
+    setLayout(kTeamLayout);
 
     // A role that is not a person of the store may not even connect; once it is one, the same
     // container signs in, with no restart.

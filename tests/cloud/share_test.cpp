@@ -105,7 +105,14 @@ TEST_F(ShareTest, LookingUpAnAddressFindsTheRegisteredUser) {
 
 TEST_F(ShareTest, TheWholeJourneyOfAContributor) {
     auto url = *createShared().share->url;
+    const std::vector<std::string> listedNames{"REPOSITORY", "SHARE"};
+    auto ownersVersion = [&] {
+        return owner->privateCloudDatabase().fetchZoneVersions(listedNames).at(0).version;
+    };
+    auto created = ownersVersion();
     auto share = invite("gus@example.com");
+    auto invited = ownersVersion();
+    EXPECT_NE(invited, created);
     ASSERT_EQ(share.share->participants.size(), 2u);
     EXPECT_EQ(share.share->participants[1].acceptanceStatus, AcceptanceStatus::pending);
     EXPECT_EQ(share.share->participants[1].permission, Permission::readWrite);
@@ -127,10 +134,18 @@ TEST_F(ShareTest, TheWholeJourneyOfAContributor) {
     EXPECT_EQ(*metadata.rootRecord->get<std::string>("name"), "tools");
     EXPECT_EQ(metadata.share.share->url, url);
 
+    EXPECT_TRUE(guest->sharedCloudDatabase().fetchZoneVersions(listedNames).empty());
     guest->acceptShare(metadata);
     auto zones = guest->sharedCloudDatabase().fetchAllRecordZones();
     ASSERT_EQ(zones.size(), 1u);
     EXPECT_EQ(zones[0], sharedZone());
+    // The answer changes what the owner's list shows, though no record was saved; the guest's
+    // list shows the zone under its owner, with the version the owner sees.
+    EXPECT_NE(ownersVersion(), invited);
+    auto guests = guest->sharedCloudDatabase().fetchZoneVersions(listedNames);
+    ASSERT_EQ(guests.size(), 1u);
+    EXPECT_EQ(guests[0].zoneId, sharedZone());
+    EXPECT_EQ(guests[0].version, ownersVersion());
     EXPECT_TRUE(guest->privateCloudDatabase().fetchAllRecordZones().empty());
 
     // The guest reads and writes records of the zone through the shared database.

@@ -1,6 +1,10 @@
 // Zones of the private database: create, list, delete, and what a missing zone means.
 #include <gtest/gtest.h>
 
+#include <map>
+#include <string>
+#include <vector>
+
 #include "cloud/partial_failure.h"
 #include "cloud_test_support.h"
 
@@ -26,6 +30,42 @@ TEST_F(ZoneTest, SavedZonesAreListedOldestFirstOnce) {
     EXPECT_EQ(zones[0], ZoneId{"b"});
     EXPECT_EQ(zones[1], ZoneId{"a"});
     EXPECT_EQ(zones[0].ownerName, kCurrentUserDefaultName);
+}
+
+TEST_F(ZoneTest, ZoneVersionsChangeWithTheNamedRecordsOnly) {
+    auto container = openAs("ann@example.com");
+    auto& database = container->privateCloudDatabase();
+    const std::vector<std::string> names{"REPOSITORY", "SHARE"};
+    auto versions = [&] {
+        std::map<std::string, std::string> byZone;
+        for (const auto& [zone, version] : database.fetchZoneVersions(names))
+            byZone[zone.zoneName] = version;
+        return byZone;
+    };
+    database.saveRecordZone(ZoneId{"b"});
+    database.saveRecordZone(ZoneId{"a"});
+    auto listed = database.fetchZoneVersions(names);
+    ASSERT_EQ(listed.size(), 2u);
+    EXPECT_EQ(listed[0].zoneId, ZoneId{"b"});  // as fetchAllRecordZones lists them
+    EXPECT_EQ(listed[1].zoneId, ZoneId{"a"});
+
+    auto before = versions();
+    saveOne(database, makeRecord("repository", "REPOSITORY", ZoneId{"a"}));
+    auto saved = versions();
+    EXPECT_NE(saved["a"], before["a"]);
+    EXPECT_EQ(saved["b"], before["b"]);
+    // A record of another name (a pack) is not what the list shows.
+    saveOne(database, makeRecord("pack", "abc", ZoneId{"a"}));
+    EXPECT_EQ(versions(), saved);
+    auto stored = *fetchOne(database, RecordId{"REPOSITORY", ZoneId{"a"}}).record;
+    saveOne(database, stored);
+    EXPECT_NE(versions()["a"], saved["a"]);
+
+    database.deleteRecordZone(ZoneId{"b"});
+    EXPECT_EQ(versions().count("b"), 0u);
+    // Another account's zones are not listed, nor are they in the shared database.
+    EXPECT_TRUE(openAs("bob@example.com")->privateCloudDatabase().fetchZoneVersions(names).empty());
+    EXPECT_TRUE(container->sharedCloudDatabase().fetchZoneVersions(names).empty());
 }
 
 TEST_F(ZoneTest, TheOwnRecordNameWorksLikeThePlaceholder) {

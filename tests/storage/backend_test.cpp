@@ -35,15 +35,30 @@ TEST_F(BackendTest, CreateFetchListDelete) {
     auto fetched = backend.fetchRepository("tools", "__defaultOwner__");
     EXPECT_EQ(fetched->id(), created->id());
 
-    // Her answer changes the people but not the share's change tag; a fetch still shows it.
+    // Listing again reads nothing that did not change: the same repositories come back.
+    auto again = list();
+    EXPECT_EQ(again, repositories);
+    auto listed = [&](const std::string& name) {
+        for (const auto& repository : list()) {
+            if (repository->name() == name) return repository;
+        }
+        return std::shared_ptr<Repository>();
+    };
+
+    // Her answer changes the people but not the share's change tag; a fetch, and the list,
+    // still show it.
     auto ada = openAs("ada@example.com");
     wait<Done>([&](auto done) { backend.addContributor(fetched, "ada@example.com", done); });
     auto status = [&] {
         return backend.fetchRepository("tools", "__defaultOwner__")->participants().at(1).status;
     };
     EXPECT_EQ(status(), Participant::Status::pending);
+    auto invited = listed("tools");
+    EXPECT_EQ(invited->participants().at(1).status, Participant::Status::pending);
+    EXPECT_EQ(listed("other"), again[again[0]->name() == "other" ? 0 : 1]);
     ada->acceptShare(ada->fetchShareMetadata(*created->shareURL(), false));
     EXPECT_EQ(status(), Participant::Status::accepted);
+    EXPECT_EQ(listed("tools")->participants().at(1).status, Participant::Status::accepted);
     ada->sharedCloudDatabase().deleteRecordZone(
         ada->sharedCloudDatabase().fetchAllRecordZones()[0]);
     EXPECT_EQ(status(), Participant::Status::removed);
