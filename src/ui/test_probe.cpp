@@ -13,10 +13,12 @@
 #include <QMessageBox>
 #include <QPalette>
 #include <QScrollBar>
+#include <QStyleOptionViewItem>
 #include <QTabBar>
 #include <QTextEdit>
 #include <algorithm>
 
+#include "ui/core/action_row_delegate.h"
 #include "ui/core/contrast.h"
 
 namespace corvane::ui {
@@ -116,6 +118,10 @@ QString TestProbe::answer(const QString& request) const {
     if (!widget) return QStringLiteral("none");
     if (verb == QLatin1String("rect"))
         return rectText(QRect(widget->mapToGlobal(QPoint(0, 0)), widget->size()));
+    if (verb == QLatin1String("centre")) {
+        auto centre = widget->mapToGlobal(widget->rect().center());
+        return QStringLiteral("%1 %2").arg(centre.x()).arg(centre.y());
+    }
     if (verb == QLatin1String("text")) return textOf(widget);
     if (auto* tabs = qobject_cast<QTabBar*>(widget)) {
         if (verb == QLatin1String("current")) return tabs->tabText(tabs->currentIndex());
@@ -160,6 +166,18 @@ QString TestProbe::answer(const QString& request) const {
             lowest = std::min(lowest, contrastRatio(text, base));
         }
         return QString::number(lowest, 'f', 1);
+    }
+    if (verb == QLatin1String("segment")) {
+        auto* delegate = qobject_cast<ActionRowDelegate*>(view->itemDelegate());
+        auto index = rowWith(view, rest);
+        if (!delegate || !index.isValid()) return QStringLiteral("none");
+        view->scrollTo(index);
+        QStyleOptionViewItem option;
+        option.initFrom(view->viewport());
+        option.rect = view->visualRect(index);
+        auto centre = view->viewport()->mapToGlobal(
+            delegate->segmentRect(option, index, ActionRowDelegate::selectSegment).center());
+        return QStringLiteral("%1 %2").arg(centre.x()).arg(centre.y());
     }
     if (verb == QLatin1String("row")) {
         auto index = rowWith(view, rest);

@@ -5,6 +5,9 @@
 //   rect NAME            "x y w h" of the visible widget, in screen coordinates
 //   row NAME TEXT        "x y", a point over the text of the first row of item view NAME whose
 //                        text holds TEXT (scrolled into view first)
+//   centre NAME          "x y", the middle of the visible widget
+//   segment NAME TEXT    "x y", the middle of the short-id part of that row's control (the
+//                        history and reference lists)
 //   selected NAME        the selected rows' first column, tab-separated
 //   rows NAME            every row's first column, tab-separated
 //   tab NAME TEXT        "x y", the middle of the tab of tab bar NAME whose text holds TEXT

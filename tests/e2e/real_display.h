@@ -86,6 +86,17 @@ class RealDisplay {
              std::to_string(y), "click", "--repeat", std::to_string(count), "--delay", "80",
              std::to_string(button)});
     }
+    // Presses the left button there and carries what it holds to (toX, toY) in steps, as a hand
+    // does, letting go there.
+    void drag(int x, int y, int toX, int toY) const {
+        xdo({"mousemove_relative", "--", "3", "3", "mousemove", "--sync", std::to_string(x),
+             std::to_string(y), "mousedown", "1"});
+        for (int step = 1; step <= 12; ++step) {
+            xdo({"mousemove", std::to_string(x + (toX - x) * step / 12),
+                 std::to_string(y + (toY - y) * step / 12), "sleep", "0.05"});
+        }
+        xdo({"sleep", "0.3", "mouseup", "1"});
+    }
     void key(const std::string& keys) const { xdo({"key", "--clearmodifiers", keys}); }
     void type(const std::string& text) const { xdo({"type", "--delay", "20", text}); }
 

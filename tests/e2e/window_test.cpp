@@ -6,13 +6,20 @@
 
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <string>
+#include <thread>
 
 #include "e2e/git_test_repo.h"
 #include "e2e/real_display.h"
 
 namespace corvane::testing {
 namespace {
+
+std::string readText(const std::string& path) {
+    std::ifstream in(path);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
 
 std::string screenshotPath(const std::string& name) {
     return (std::filesystem::path(CORVANE_BINARY).parent_path().parent_path() / "screenshots" /
@@ -86,6 +93,27 @@ TEST(Window, APersonOpensRepositoriesFilesAndLinksWithMouseAndKeys) {
     display.click(listX, listY, 1, 8);
     probe.row("files", "README.md");
 
+    // A folder dragged onto a file manager arrives there whole.
+    {
+        std::string dropped = home.path() + "/dropped";
+        std::filesystem::create_directories(dropped);
+        BackgroundProcess target({CORVANE_DROP_TARGET, dropped}, environment);
+        std::string where, last;
+        for (int i = 0; i < 100 && (where.empty() || where != last); ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(150));
+            last = where;
+            where = readText(dropped + "/.where");
+        }
+        int targetX = 0, targetY = 0;
+        ASSERT_EQ(std::sscanf(where.c_str(), "%d %d", &targetX, &targetY), 2) << where;
+        auto [docsAgainX, docsAgainY] = probe.row("files", "docs");
+        display.drag(docsAgainX, docsAgainY, targetX, targetY);
+        for (int i = 0; i < 100 && !std::filesystem::exists(dropped + "/.dropped"); ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        EXPECT_EQ(readText(dropped + "/.dropped"), "docs\n");
+        EXPECT_EQ(readText(dropped + "/docs/guide.md"), "# Guide\n");
+    }
+
     // A preview opens at the document's title and takes the keyboard: Page Down scrolls it,
     // Escape closes it.
     auto [readmeX, readmeY] = probe.row("files", "README.md");
@@ -123,6 +151,19 @@ TEST(Window, APersonOpensRepositoriesFilesAndLinksWithMouseAndKeys) {
     auto [commitX, commitY] = probe.row("commits", "one");
     display.click(commitX, commitY);
     EXPECT_EQ(probe.waitFor("selected commits", "one"), "one");
+    // Its short id shows the history up to it, says so, and offers the way back.
+    auto [idX, idY] = probe.point("segment commits one");
+    display.click(idX, idY);
+    EXPECT_TRUE(probe
+                    .waitFor("text commitHead",
+                             [](const std::string& text) {
+                                 return text.starts_with("The history up to commit ");
+                             })
+                    .starts_with("The history up to commit "));
+    EXPECT_EQ(probe.ask("text backToBranch"), "Show main");
+    auto [backX, backY] = probe.point("centre backToBranch");
+    display.click(backX, backY);
+    EXPECT_EQ(probe.waitFor("text commitHead", "none"), "none");
     clickTab("Contributor");
     auto people = probe.waitFor("rows contributors",
                                 [](const std::string& a) { return !a.empty() && a != "none"; });

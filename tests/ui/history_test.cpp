@@ -1,7 +1,9 @@
 // The Commits, Branches and Tags tabs and the refs pop-up they share with Files.
 #include <QApplication>
 #include <QClipboard>
+#include <QLabel>
 #include <QListView>
+#include <QPushButton>
 #include <QStandardItemModel>
 
 #include "ui/core/action_row_delegate.h"
@@ -110,10 +112,18 @@ TEST_F(HistoryTest, TheHistoryFillsInAndMovesTheHeadFromEveryPlace) {
     EXPECT_EQ(items(*commits.refPopUp()).mid(5),
               (QStringList{"0:Commits", "3:" + shortId(QString::fromStdString(ids[2]))}));
     EXPECT_EQ(commits.refPopUp()->currentText(), shortId(QString::fromStdString(ids[2])));
+    // The narrower history says what it is, and offers the way back.
+    auto* said = commits.findChild<QLabel*>("commitHead");
+    auto* back = commits.findChild<QPushButton*>("backToBranch");
+    ASSERT_TRUE(said && back);
+    EXPECT_EQ(said->text(), "The history up to commit " + shortId(QString::fromStdString(ids[2])));
+    EXPECT_EQ(back->text(), "Show main");
+    EXPECT_TRUE(!said->isHidden() && !back->isHidden());
 
     tags.segmentAction(0, ActionRowDelegate::selectSegment);
     ASSERT_TRUE(waitFor([&] { return commits.model().rowCount() == 1; }));
     EXPECT_EQ(commits.refPopUp()->currentText(), "v1");
+    EXPECT_TRUE(said->isHidden() && back->isHidden());
     branches.segmentAction(1, ActionRowDelegate::selectSegment);
     ASSERT_TRUE(waitFor([&] { return commits.model().rowCount() == 4; }));
     commits.refPopUp()->choose(1);  // "first"

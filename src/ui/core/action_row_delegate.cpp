@@ -36,8 +36,10 @@ QString shortId(const QString& id) {
     return id.left(7);
 }
 
-ActionRowDelegate::ActionRowDelegate(QString copyToolTip, QObject* parent)
-    : QStyledItemDelegate(parent), copyToolTip_(std::move(copyToolTip)) {}
+ActionRowDelegate::ActionRowDelegate(QString copyToolTip, QString selectToolTip, QObject* parent)
+    : QStyledItemDelegate(parent),
+      copyToolTip_(std::move(copyToolTip)),
+      selectToolTip_(std::move(selectToolTip)) {}
 
 QSize ActionRowDelegate::sizeHint(const QStyleOptionViewItem& option, const QModelIndex&) const {
     QFontMetrics title(option.font);
@@ -150,9 +152,12 @@ bool ActionRowDelegate::editorEvent(QEvent* event, QAbstractItemModel* model,
 
 bool ActionRowDelegate::helpEvent(QHelpEvent* event, QAbstractItemView* view,
                                   const QStyleOptionViewItem& option, const QModelIndex& index) {
-    if (segmentRect(option, index, copySegment).contains(event->pos())) {
-        QToolTip::showText(event->globalPos(), copyToolTip_, view);
-        return true;
+    for (auto [segment, tip] :
+         {std::pair{copySegment, &copyToolTip_}, std::pair{selectSegment, &selectToolTip_}}) {
+        if (segmentRect(option, index, segment).contains(event->pos())) {
+            QToolTip::showText(event->globalPos(), *tip, view);
+            return true;
+        }
     }
     return QStyledItemDelegate::helpEvent(event, view, option, index);
 }

@@ -18,7 +18,8 @@ class ActionRowDelegate : public QStyledItemDelegate {
     enum Role { infoRole = Qt::UserRole + 20, idRole, placeholderRole };
     enum Segment { copySegment = 0, selectSegment = 1 };
 
-    ActionRowDelegate(QString copyToolTip, QObject* parent);
+    // The tool tips of the two parts: what copying copies, and what the short id shows.
+    ActionRowDelegate(QString copyToolTip, QString selectToolTip, QObject* parent);
 
     QSize sizeHint(const QStyleOptionViewItem& option, const QModelIndex& index) const override;
     void paint(QPainter* painter, const QStyleOptionViewItem& option,
@@ -37,6 +38,7 @@ class ActionRowDelegate : public QStyledItemDelegate {
 
   private:
     QString copyToolTip_;
+    QString selectToolTip_;
 };
 
 // The first 7 characters of an id, or the whole id when shorter.

@@ -3,7 +3,9 @@
 #include <QApplication>
 #include <QClipboard>
 #include <QHBoxLayout>
+#include <QLabel>
 #include <QListView>
+#include <QPushButton>
 #include <QTimer>
 #include <QVBoxLayout>
 
@@ -13,6 +15,18 @@
 #include "ui/views/refs_popup.h"
 
 namespace corvane::ui {
+
+namespace {
+
+constexpr std::string_view kBranchHead = "ref: refs/heads/";
+constexpr std::string_view kTagHead = "ref: refs/tags/";
+
+// The branch or tag a symbolic head names.
+std::string refName(const std::string& head) {
+    return head.substr(head.starts_with(kBranchHead) ? kBranchHead.size() : kTagHead.size());
+}
+
+}  // namespace
 
 QStringList commitInfo(const std::string& author, const std::string& committer,
                        const QString& age) {
@@ -78,9 +92,16 @@ CommitsInfo::CommitsInfo(AppState& state, ObjectLoader& loader, QWidget* parent)
       loader_(loader),
       refPopUp_(new RefsPopUp(state, this)),
       tableView_(new QListView(this)),
-      model_(new CommitsModel([this](const std::string& id) { load(id); }, this)) {
+      model_(new CommitsModel([this](const std::string& id) { load(id); }, this)),
+      commitHeadLabel_(new QLabel(this)),
+      backButton_(new QPushButton(this)) {
     tableView_->setObjectName(QStringLiteral("commits"));
-    auto* delegate = new ActionRowDelegate(QStringLiteral("Copy id to clipboard"), tableView_);
+    commitHeadLabel_->setObjectName(QStringLiteral("commitHead"));
+    backButton_->setObjectName(QStringLiteral("backToBranch"));
+    connect(backButton_, &QPushButton::clicked, this, &CommitsInfo::goBack);
+    auto* delegate =
+        new ActionRowDelegate(QStringLiteral("Copy id to clipboard"),
+                              QStringLiteral("Show the history up to this commit"), tableView_);
     tableView_->setModel(model_);
     tableView_->setItemDelegate(delegate);
     tableView_->setUniformItemSizes(true);
@@ -92,6 +113,9 @@ CommitsInfo::CommitsInfo(AppState& state, ObjectLoader& loader, QWidget* parent)
     auto* top = new QHBoxLayout;
     top->setContentsMargins(8, 6, 8, 6);
     top->addWidget(refPopUp_);
+    top->addSpacing(8);
+    top->addWidget(commitHeadLabel_);
+    top->addWidget(backButton_);
     top->addStretch(1);
     auto* layout = new QVBoxLayout(this);
     layout->setContentsMargins(0, 0, 0, 0);
@@ -122,6 +146,40 @@ void CommitsInfo::refresh(const ViewPlace& place) {
     refPopUp_->setVisible(hasBranches);
     model_->reset(hasBranches ? repository->revList() : std::vector<std::string>{});
     restorePlace(*tableView_, place, ActionRowDelegate::idRole);
+
+    const std::string& head = repository->state().head;
+    bool onCommit = hasBranches && !head.starts_with("ref: ");
+    auto back = onCommit ? headToGoBackTo() : std::nullopt;
+    commitHeadLabel_->setVisible(onCommit);
+    backButton_->setVisible(back.has_value());
+    if (!onCommit) return;
+    commitHeadLabel_->setText(
+        QStringLiteral("The history up to commit %1").arg(shortId(toQString(head))));
+    if (back) backButton_->setText(QStringLiteral("Show %1").arg(toQString(refName(*back))));
+}
+
+std::optional<std::string> CommitsInfo::headToGoBackTo() const {
+    const auto& repository = state_.selectedRepository();
+    if (!headBefore_.empty() && headBeforeIn_ == repository->url()) return headBefore_;
+    if (auto branch = Repository::defaultBranch(*repository->content()))
+        return std::string(kBranchHead) + *branch;
+    return std::nullopt;
+}
+
+void CommitsInfo::goBack() {
+    auto head = headToGoBackTo();
+    if (!head) return;
+    const auto& repository = state_.selectedRepository();
+    std::string name = refName(*head);
+    if (head->starts_with(kBranchHead)) {
+        repository->setHead(name);
+        state_.send(event::BranchSelected{name});
+        return;
+    }
+    auto viewState = repository->state();
+    viewState.head = *head;  // a new head empties the cached history
+    repository->setState(viewState);
+    state_.send(event::TagSelected{name});
 }
 
 void CommitsInfo::load(const std::string& id) {
@@ -163,6 +221,10 @@ void CommitsInfo::segmentAction(int row, int segment) {
     }
     const auto& repository = state_.selectedRepository();
     auto viewState = repository->state();
+    if (viewState.head.starts_with("ref: ")) {
+        headBefore_ = viewState.head;
+        headBeforeIn_ = repository->url();
+    }
     viewState.head = id;  // detached; a new head empties the cached history
     repository->setState(viewState);
     state_.send(event::CommitSelected{id});

@@ -2,6 +2,8 @@
 // row per commit: its title (the whole message as tool tip), who authored and committed it and
 // how long ago, and the control that copies its id or moves the head onto it. A commit not read
 // yet shows as a placeholder and is loaded, from the cloud if need be, when its row is drawn.
+// While the head is a commit rather than a branch or tag, a line above the history says so,
+// with a button back to the branch or tag shown before (else the one a clone starts on).
 //
 // Threads: the GUI thread only; commits are read by the ObjectLoader.
 #pragma once
@@ -10,6 +12,7 @@
 #include <QWidget>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <unordered_map>
@@ -21,7 +24,9 @@
 #include "ui/core/object_loader.h"
 #include "ui/core/view_place.h"
 
+class QLabel;
 class QListView;
+class QPushButton;
 
 namespace corvane::ui {
 
@@ -68,12 +73,21 @@ class CommitsInfo : public QWidget {
   private:
     void refresh(const ViewPlace& place);  // an empty place: the top
     void load(const std::string& id);
+    // The head to go back to from a commit: "ref: refs/heads/<name>" or "ref: refs/tags/<name>".
+    std::optional<std::string> headToGoBackTo() const;
+    void goBack();
 
     AppState& state_;
     ObjectLoader& loader_;
     RefsPopUp* refPopUp_;
     QListView* tableView_;
     CommitsModel* model_;
+    QLabel* commitHeadLabel_;
+    QPushButton* backButton_;
+    // The head shown before a row's short id moved it onto a commit, and where: that
+    // repository's URL.
+    std::string headBefore_;
+    std::string headBeforeIn_;
     ElapsedTimeFormatter dateFormatter_{"on "};
     LoadTicket ticket_;  // the reads for the history shown
     std::shared_ptr<EventReceiver> receiver_;

@@ -2,7 +2,8 @@
 
 #include <QAction>
 #include <QCollator>
-#include <QFile>
+#include <QEventLoop>
+#include <QGuiApplication>
 #include <QHBoxLayout>
 #include <QHeaderView>
 #include <QKeyEvent>
@@ -10,16 +11,23 @@
 #include <QLocale>
 #include <QMimeData>
 #include <QMouseEvent>
+#include <QProgressDialog>
 #include <QScrollBar>
 #include <QSplitter>
 #include <QStackedWidget>
+#include <QTimer>
 #include <QToolButton>
 #include <QToolTip>
 #include <QTreeView>
 #include <QUrl>
 #include <QVBoxLayout>
 #include <algorithm>
+#include <atomic>
+#include <exception>
+#include <thread>
 
+#include "app/file_export.h"
+#include "base/error.h"
 #include "objects/tree.h"
 #include "ui/core/markdown_view.h"
 #include "ui/core/preview_content.h"
@@ -33,7 +41,6 @@ namespace {
 
 constexpr std::uint16_t kTypeBits = 0170000;
 constexpr std::uint16_t kDirectoryType = 0040000;
-constexpr std::uint16_t kExecutableBits = 0111;
 
 // The README a directory shows under its listing: Markdown first, then any other text.
 const FileItem* readmeOf(const std::vector<FileItem>& items) {
@@ -56,8 +63,7 @@ std::vector<FileItem> listingOf(const Object& tree) {
         tree, TextCheck::none, [&](std::uint16_t mode, std::string_view name, ByteView id) {
             bool directory = (mode & kTypeBits) == kDirectoryType;
             QString text = toQString(name);
-            items.push_back({hexString(id), text, directory, fileKindOf(text, directory),
-                             (mode & kExecutableBits) != 0});
+            items.push_back({hexString(id), text, directory, fileKindOf(text, directory), mode});
         });
     QCollator collator;
     std::vector<std::pair<QCollatorSortKey, std::size_t>> keys;
@@ -128,8 +134,7 @@ Qt::ItemFlags FileListModel::flags(const QModelIndex& index) const {
     Qt::ItemFlags flags = QAbstractTableModel::flags(index);
     if (index.isValid() && static_cast<std::size_t>(index.row()) < items_.size()) {
         const FileItem& item = items_[static_cast<std::size_t>(index.row())];
-        // Files only: a directory would mean fetching its whole subtree before the drop.
-        if (!item.isDirectory && item.kind != FileKind::loading) flags |= Qt::ItemIsDragEnabled;
+        if (item.kind != FileKind::loading) flags |= Qt::ItemIsDragEnabled;
     }
     return flags;
 }
@@ -456,46 +461,86 @@ void FileBrowser::showReadme(const std::vector<FileItem>& items) {
 }
 
 QMimeData* FileBrowser::dragOut(const std::vector<FileItem>& files) {
+    // The pointer moving on while the files are written would start another drag.
+    if (exporting_) return nullptr;
+    std::vector<FileExport::Entry> entries;
+    QStringList names;
+    for (const auto& file : files) {
+        entries.push_back({file.id, toStdString(file.name), file.mode});
+        names << file.name;
+    }
+    QString shown = names.join(QStringLiteral(", "));
     // The previous drag's files stay until now: the receiver may still be copying them.
     dragFolder_ =
         std::make_unique<QTemporaryDir>(QDir::tempPath() + QStringLiteral("/corvane-drag-XXXXXX"));
-    if (!dragFolder_->isValid()) return nullptr;
-    QList<QUrl> urls;
-    QStringList missing;
-    for (const auto& file : files) {
-        if (file.name.isEmpty() || file.name == QLatin1String(".") ||
-            file.name == QLatin1String("..") || file.name.contains(QLatin1Char('/')))
-            continue;
-        if (!state_.store().hasObject(file.id)) {
-            // Not here yet: fetched now, for the next attempt.
-            missing << file.name;
-            loader_.load(state_.selectedRepository(), file.id, [](const auto&, const auto&) {});
-            continue;
-        }
-        QString path = dragFolder_->filePath(file.name);
-        QFile out(path);
-        try {
-            Object blob = state_.store().getObject(file.id);
-            const Bytes& bytes = blob.data();
-            if (!out.open(QIODevice::WriteOnly) ||
-                out.write(reinterpret_cast<const char*>(bytes.data()),
-                          static_cast<qint64>(bytes.size())) != static_cast<qint64>(bytes.size()))
-                continue;
-        } catch (const std::exception&) {
-            continue;
-        }
-        if (file.isExecutable)
-            out.setPermissions(out.permissions() | QFile::ExeOwner | QFile::ExeGroup |
-                               QFile::ExeOther);
-        out.close();
-        urls << QUrl::fromLocalFile(path);
+    if (!dragFolder_->isValid()) {
+        state_.reportError("Failed to drag " + toStdString(shown),
+                           std::make_exception_ptr(Error(toStdString(dragFolder_->errorString()))));
+        return nullptr;
     }
-    if (!missing.isEmpty())
-        QToolTip::showText(QCursor::pos(),
-                           QStringLiteral("Still downloading %1; try again in a moment.")
-                               .arg(missing.join(QStringLiteral(", "))),
+
+    // Written on a worker while the window goes on; after a moment a window shows the progress
+    // (and takes the input: nothing else happens in this one meanwhile) and can cancel it.
+    FileExport exporter(state_.backend().fetcher(), state_.selectedRepository());
+    std::atomic<bool> finished = false;
+    bool written = false;
+    std::exception_ptr failure;
+    QEventLoop loop;
+    bool listingChanged = false;
+    bool waited = false;  // input went on meanwhile
+    auto watch = connect(model_, &QAbstractItemModel::modelAboutToBeReset, this,
+                         [&] { listingChanged = true; });
+    exporting_ = true;
+    {
+        std::jthread writer([&, folder = toStdString(dragFolder_->path())] {
+            try {
+                written = exporter.write(entries, folder);
+            } catch (...) {
+                failure = std::current_exception();
+            }
+            finished = true;
+            QMetaObject::invokeMethod(&loop, &QEventLoop::quit, Qt::QueuedConnection);
+        });
+        QTimer::singleShot(400, &loop, &QEventLoop::quit);
+        if (!finished) loop.exec(QEventLoop::ExcludeUserInputEvents);
+        if (!finished) {
+            waited = true;
+            QProgressDialog progress(QStringLiteral("Getting %1 from the cloud…").arg(shown),
+                                     QStringLiteral("Cancel"), 0, 0, this);
+            progress.setWindowTitle(QStringLiteral("Dragging Files"));
+            progress.setWindowModality(Qt::WindowModal);
+            progress.setMinimumDuration(0);
+            connect(&progress, &QProgressDialog::canceled, this, [&] { exporter.cancel(); });
+            QTimer ticker;
+            connect(&ticker, &QTimer::timeout, this, [&] {
+                progress.setLabelText(QStringLiteral("Getting %1 from the cloud… (%2 files)")
+                                          .arg(shown)
+                                          .arg(exporter.filesWritten()));
+            });
+            ticker.start(250);
+            progress.show();
+            while (!finished)
+                loop.exec();
+        }
+    }
+    exporting_ = false;
+    disconnect(watch);
+
+    if (failure) {
+        state_.reportError("Failed to drag " + toStdString(shown), failure);
+        return nullptr;
+    }
+    // Cancelled, let go meanwhile, or the rows dragged are gone: no drag now. What was fetched
+    // stays in the cache, so the next drag starts at once.
+    if (!written || listingChanged) return nullptr;
+    if (waited && !(QGuiApplication::mouseButtons() & Qt::LeftButton)) {
+        QToolTip::showText(QCursor::pos(), QStringLiteral("%1 is ready: drag it again.").arg(shown),
                            tableView_);
-    if (urls.isEmpty()) return nullptr;
+        return nullptr;
+    }
+    QList<QUrl> urls;
+    for (const auto& entry : entries)
+        urls << QUrl::fromLocalFile(dragFolder_->filePath(toQString(entry.name)));
     auto* mime = new QMimeData;
     mime->setUrls(urls);
     return mime;

@@ -5,8 +5,9 @@
 // fill in when it arrives. A README in the directory is shown rendered under the listing.
 // Opening a row (double-click, Enter) goes into a directory or previews a file, as the space bar
 // does; Alt+Left and Alt+Right, or the mouse's back and forward buttons, move through the
-// directories visited, each shown scrolled and selected as it was left. Files dragged out are
-// written, at the start of the drag, into a private folder that lives until the next drag.
+// directories visited, each shown scrolled and selected as it was left. Files and folders dragged
+// out are written, at the start of the drag, into a private folder that lives until the next
+// drag; what the cache lacks is fetched first, behind a progress window once it takes a while.
 //
 // Threads: the GUI thread only; trees and blobs are read by the ObjectLoader.
 #pragma once
@@ -14,6 +15,7 @@
 #include <QAbstractTableModel>
 #include <QTemporaryDir>
 #include <QWidget>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -43,7 +45,7 @@ struct FileItem {
     QString name;
     bool isDirectory = false;
     FileKind kind = FileKind::loading;
-    bool isExecutable = false;
+    std::uint16_t mode = 0;  // as the tree gives it: 0100755 an executable, 0120000 a link
 };
 
 class FileListModel : public QAbstractTableModel {
@@ -135,6 +137,7 @@ class FileBrowser : public QWidget {
     MarkdownView* readmeView_;
     PreviewController* previewController_ = nullptr;  // a child of body_, deleted on close
     std::unique_ptr<QTemporaryDir> dragFolder_;
+    bool exporting_ = false;  // a drag's files are being written
     std::string rootTree_;
     std::vector<Directory> path_;
     std::vector<Place> history_;

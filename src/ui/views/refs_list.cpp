@@ -35,10 +35,11 @@ RefsList::RefsList(Kind kind, AppState& state, ObjectLoader& loader, QWidget* pa
       model_(new QStandardItemModel(this)) {
     tableView_->setObjectName(kind == Kind::branches ? QStringLiteral("branches")
                                                      : QStringLiteral("tags"));
-    auto* delegate =
-        new ActionRowDelegate(kind == Kind::branches ? QStringLiteral("Copy id to clipboard")
-                                                     : QStringLiteral("Copy tag id to clipboard"),
-                              tableView_);
+    auto* delegate = kind == Kind::branches
+                         ? new ActionRowDelegate(QStringLiteral("Copy id to clipboard"),
+                                                 QStringLiteral("Show this branch"), tableView_)
+                         : new ActionRowDelegate(QStringLiteral("Copy tag id to clipboard"),
+                                                 QStringLiteral("Show this tag"), tableView_);
     tableView_->setModel(model_);
     tableView_->setItemDelegate(delegate);
     tableView_->setUniformItemSizes(true);
