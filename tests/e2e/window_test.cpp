@@ -173,12 +173,14 @@ TEST(Window, APersonOpensRepositoriesFilesAndLinksWithMouseAndKeys) {
     display.screenshot(screenshotPath("contributors"));
     clickTab("Files");
 
-    // The keyboard's way through the top of the window, from the list: the name, the clone URL,
-    // its copy button, the clone menu.
+    // The keyboard's way through the whole window, from the list: the name, the clone URL, its
+    // copy button, the clone menu, the tabs, the pop-up and the path over the listing, the
+    // listing, the README, and round to the list.
     auto [focusX, focusY] = probe.row("repositories", "beta");
     display.click(focusX, focusY);
     EXPECT_EQ(probe.waitFor("focus", "repositories"), "repositories");
-    for (const char* next : {"repositoryName", "cloneUrl", "copyUrl", "clone"}) {
+    for (const char* next : {"repositoryName", "cloneUrl", "copyUrl", "clone", "views", "refs",
+                             "pathComponent", "files", "readme", "addRepository", "repositories"}) {
         display.key("Tab");
         EXPECT_EQ(probe.waitFor("focus", next), next);
     }

@@ -556,6 +556,9 @@ void FileBrowser::rebuildPathBar() {
         delete item;
     }
     QStringList components = pathComponents();
+    // The keyboard goes through the path where it is drawn: after Back and Forward, before the
+    // listing (new buttons would otherwise come last in the window).
+    QWidget* previous = forwardButton_;
     for (int depth = 0; depth < components.size(); ++depth) {
         if (depth > 0) {
             auto* separator = new QLabel(QStringLiteral("›"), this);
@@ -564,6 +567,9 @@ void FileBrowser::rebuildPathBar() {
             pathBar_->addWidget(separator);
         }
         auto* button = new QToolButton(this);
+        button->setObjectName(QStringLiteral("pathComponent"));
+        setTabOrder(previous, button);
+        previous = button;
         // A long folder name is cut in its middle, whole in the tool tip.
         button->setText(button->fontMetrics().elidedText(
             components[depth], Qt::ElideMiddle, button->fontMetrics().averageCharWidth() * 32));
@@ -579,6 +585,7 @@ void FileBrowser::rebuildPathBar() {
                 [this, depth] { showDepth(static_cast<std::size_t>(depth)); });
         pathBar_->addWidget(button);
     }
+    setTabOrder(previous, tableView_);
 }
 
 bool FileBrowser::eventFilter(QObject* watched, QEvent* event) {

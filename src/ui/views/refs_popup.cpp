@@ -16,6 +16,7 @@ constexpr std::string_view kTagHead = "ref: refs/tags/";
 
 RefsPopUp::RefsPopUp(AppState& state, QWidget* parent)
     : QComboBox(parent), state_(state), model_(new QStandardItemModel(this)) {
+    setObjectName(QStringLiteral("refs"));
     setModel(model_);
     setSizeAdjustPolicy(QComboBox::AdjustToContents);
     setToolTip(QStringLiteral("The branch, tag or commit shown"));

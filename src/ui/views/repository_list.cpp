@@ -92,6 +92,13 @@ class RepositoryRowDelegate : public QStyledItemDelegate {
             statusRect, Qt::AlignLeft | Qt::AlignVCenter,
             statusMetrics.elidedText(index.data(RepositoryListModel::statusRole).toString(),
                                      Qt::ElideRight, statusRect.width()));
+        // The keyboard's place: the style's focus frame vanishes into the selection's colour.
+        if (option.state & QStyle::State_HasFocus) {
+            QColor ring = selected ? text : option.palette.color(group, QPalette::Highlight);
+            painter->setPen(QPen(ring, 1, Qt::DashLine));
+            painter->setBrush(Qt::NoBrush);
+            painter->drawRect(option.rect.adjusted(2, 2, -3, -3));
+        }
         painter->restore();
     }
 };
