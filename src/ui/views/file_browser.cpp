@@ -505,7 +505,7 @@ QMimeData* FileBrowser::dragOut(const std::vector<FileItem>& files) {
         if (!finished) loop.exec(QEventLoop::ExcludeUserInputEvents);
         if (!finished) {
             waited = true;
-            QProgressDialog progress(QStringLiteral("Getting %1 from the cloud…").arg(shown),
+            QProgressDialog progress(QStringLiteral("Getting %1 ready to drop…").arg(shown),
                                      QStringLiteral("Cancel"), 0, 0, this);
             progress.setWindowTitle(QStringLiteral("Dragging Files"));
             progress.setWindowModality(Qt::WindowModal);
@@ -513,7 +513,7 @@ QMimeData* FileBrowser::dragOut(const std::vector<FileItem>& files) {
             connect(&progress, &QProgressDialog::canceled, this, [&] { exporter.cancel(); });
             QTimer ticker;
             connect(&ticker, &QTimer::timeout, this, [&] {
-                progress.setLabelText(QStringLiteral("Getting %1 from the cloud… (%2 files)")
+                progress.setLabelText(QStringLiteral("Getting %1 ready to drop… (%2 files)")
                                           .arg(shown)
                                           .arg(exporter.filesWritten()));
             });
