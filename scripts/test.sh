@@ -48,7 +48,8 @@ done
 unset TSAN_OPTIONS
 
 echo "== fuzz targets, briefly (clang's libFuzzer with AddressSanitizer + UBSan)"
-fuzzers=(lzfse_decode_fuzz git_socket_fuzz object_parsers_fuzz delta_fuzz repository_meta_fuzz)
+fuzzers=(lzfse_decode_fuzz git_socket_fuzz object_parsers_fuzz delta_fuzz repository_meta_fuzz
+  stored_pack_fuzz)
 CXX=clang++ configure build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCORVANE_FUZZ=ON \
   -DCORVANE_BUILD_TESTS=OFF
 cmake --build build-fuzz -j "$jobs" --target "${fuzzers[@]}"

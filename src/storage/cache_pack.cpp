@@ -13,6 +13,7 @@
 #include <random>
 #include <vector>
 
+#include "base/big_endian.h"
 #include "base/error.h"
 #include "storage/file_io.h"
 
@@ -29,18 +30,6 @@ constexpr std::size_t kEntrySize = 20 + 8 + 8;
 
 std::string systemError(const fs::path& path) {
     return path.string() + ": " + std::strerror(errno);
-}
-
-void putBigEndian(Bytes& out, std::uint64_t value, int bytes) {
-    for (int shift = (bytes - 1) * 8; shift >= 0; shift -= 8)
-        out.push_back(static_cast<std::uint8_t>(value >> shift));
-}
-
-std::uint64_t bigEndian(const std::uint8_t* in, int bytes) {
-    std::uint64_t value = 0;
-    for (int i = 0; i < bytes; ++i)
-        value = (value << 8) | in[i];
-    return value;
 }
 
 std::string randomName() {
@@ -170,9 +159,9 @@ CachePackIndex::CachePackIndex(const fs::path& indexPath)
     if (map == MAP_FAILED) throw Error("Damaged cache pack index " + indexPath_.string());
     map_ = static_cast<const std::uint8_t*>(map);
     bool valid = mapSize_ >= kHeaderSize && std::memcmp(map_, kMagic, sizeof kMagic) == 0 &&
-                 bigEndian(map_ + 4, 4) == kVersion;
+                 readBigEndian(map_ + 4, 4) == kVersion;
     if (valid) {
-        count_ = static_cast<std::size_t>(bigEndian(map_ + 8, 4));
+        count_ = static_cast<std::size_t>(readBigEndian(map_ + 8, 4));
         valid = mapSize_ == kHeaderSize + count_ * kEntrySize;
     }
     if (valid) packFd_ = ::open(packPath_.c_str(), O_RDONLY | O_CLOEXEC);
@@ -195,7 +184,8 @@ std::optional<CachePackEntry> CachePackIndex::find(const Digest& id) const {
         std::size_t middle = low + (high - low) / 2;
         const std::uint8_t* entry = map_ + kHeaderSize + middle * kEntrySize;
         int order = std::memcmp(entry, id.data(), id.size());
-        if (order == 0) return CachePackEntry{bigEndian(entry + 20, 8), bigEndian(entry + 28, 8)};
+        if (order == 0)
+            return CachePackEntry{readBigEndian(entry + 20, 8), readBigEndian(entry + 28, 8)};
         if (order < 0) {
             low = middle + 1;
         } else {

@@ -1,0 +1,327 @@
+#include "storage/stored_pack.h"
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+
+#include "base/big_endian.h"
+#include "base/error.h"
+#include "objects/delta.h"
+#include "objects/zlib.h"
+
+namespace corvane {
+
+namespace {
+
+constexpr char kMagic[4] = {'C', 'V', 'P', '3'};
+constexpr std::uint32_t kVersion = 1;
+constexpr std::size_t kHeaderSize = 4 + 4 + 4 + 4 + 8 + 20;
+constexpr std::size_t kEntrySize = 20 + 4 + 4 + 1 + 4;
+constexpr std::uint32_t kNoBase = 0xffffffff;
+constexpr std::uint32_t kExternal = 0x80000000;
+
+Error corruptIndex(const std::string& why) {
+    return Error("Corrupted pack index: " + why);
+}
+
+// Git's entry header: type and size.
+Bytes entryHeader(std::uint8_t typeCode, std::uint64_t size) {
+    Bytes header;
+    auto byte = static_cast<std::uint8_t>((typeCode << 4) | (size & 0x0f));
+    size >>= 4;
+    while (size > 0) {
+        header.push_back(byte | 0x80);
+        byte = static_cast<std::uint8_t>(size & 0x7f);
+        size >>= 7;
+    }
+    header.push_back(byte);
+    return header;
+}
+
+// Git's ofs-delta distance: 7 bits a byte, most significant first, each continuation adding one.
+void appendDistance(Bytes& out, std::uint64_t distance) {
+    std::uint8_t bytes[10];
+    int at = 9;
+    bytes[at] = static_cast<std::uint8_t>(distance & 0x7f);
+    while (distance >>= 7) {
+        --distance;
+        bytes[--at] = static_cast<std::uint8_t>(0x80 | (distance & 0x7f));
+    }
+    out.insert(out.end(), bytes + at, bytes + 10);
+}
+
+std::string packError(const std::string& name, const std::string& why) {
+    return "Corrupted pack " + name + ": " + why;
+}
+
+}  // namespace
+
+void StoredPackBuilder::append(const Digest& id, StoredEntryKind kind, std::optional<Digest> base,
+                               ByteView header, ByteView stream) {
+    std::uint64_t length = header.size() + stream.size();
+    if (data_.size() + length > std::numeric_limits<std::uint32_t>::max())
+        throw Error("A stored pack holds at most 4 GiB");
+    entries_.push_back({id, static_cast<std::uint32_t>(data_.size()),
+                        static_cast<std::uint32_t>(length), kind, base});
+    data_.insert(data_.end(), header.begin(), header.end());
+    data_.insert(data_.end(), stream.begin(), stream.end());
+    byId_.emplace_back(id, entries_.size() - 1);
+    sorted_ = false;
+}
+
+bool StoredPackBuilder::contains(const Digest& id) const {
+    if (!sorted_) {
+        std::sort(byId_.begin(), byId_.end());
+        sorted_ = true;
+    }
+    auto found = std::lower_bound(byId_.begin(), byId_.end(), std::pair{id, std::size_t{0}});
+    return found != byId_.end() && found->first == id;
+}
+
+void StoredPackBuilder::addWhole(const Digest& id, ObjectType type, std::uint64_t size,
+                                 ByteView stream) {
+    auto header = entryHeader(static_cast<std::uint8_t>(type), size);
+    append(id, StoredEntryKind::whole, std::nullopt, header, stream);
+}
+
+void StoredPackBuilder::addDelta(const Digest& id, const Digest& base, std::uint64_t deltaSize,
+                                 ByteView stream) {
+    if (contains(base)) {
+        auto found = std::lower_bound(byId_.begin(), byId_.end(), std::pair{base, std::size_t{0}});
+        auto header = entryHeader(static_cast<std::uint8_t>(ObjectType::ofsDelta), deltaSize);
+        appendDistance(header, data_.size() - entries_[found->second].offset);
+        append(id, StoredEntryKind::ofsDelta, base, header, stream);
+        return;
+    }
+    auto header = entryHeader(static_cast<std::uint8_t>(ObjectType::refDelta), deltaSize);
+    header.insert(header.end(), base.begin(), base.end());
+    append(id, StoredEntryKind::refDelta, base, header, stream);
+}
+
+StoredPackBuilder::Built StoredPackBuilder::finish() {
+    Built built;
+    Digest hash = sha1(data_);
+    built.name = "P" + hexString(hash);
+
+    // Entries by id, each base by its place: in this pack, or among the outside ones.
+    std::vector<std::size_t> order(entries_.size());
+    for (std::size_t i = 0; i < order.size(); ++i)
+        order[i] = i;
+    std::sort(order.begin(), order.end(),
+              [&](std::size_t a, std::size_t b) { return entries_[a].id < entries_[b].id; });
+    std::vector<Digest> sortedIds;
+    sortedIds.reserve(order.size());
+    for (auto i : order)
+        sortedIds.push_back(entries_[i].id);
+    std::vector<Digest> external;
+    for (const auto& entry : entries_) {
+        if (entry.base && !std::binary_search(sortedIds.begin(), sortedIds.end(), *entry.base))
+            external.push_back(*entry.base);
+    }
+    std::sort(external.begin(), external.end());
+    external.erase(std::unique(external.begin(), external.end()), external.end());
+
+    Bytes& index = built.index;
+    index.insert(index.end(), kMagic, kMagic + 4);
+    putBigEndian(index, kVersion, 4);
+    putBigEndian(index, order.size(), 4);
+    putBigEndian(index, external.size(), 4);
+    putBigEndian(index, data_.size(), 8);
+    index.insert(index.end(), hash.begin(), hash.end());
+    for (auto i : order) {
+        const auto& entry = entries_[i];
+        index.insert(index.end(), entry.id.begin(), entry.id.end());
+        putBigEndian(index, entry.offset, 4);
+        putBigEndian(index, entry.length, 4);
+        index.push_back(static_cast<std::uint8_t>(entry.kind));
+        std::uint64_t base = kNoBase;
+        if (entry.base) {
+            auto inside = std::lower_bound(sortedIds.begin(), sortedIds.end(), *entry.base);
+            base = inside != sortedIds.end() && *inside == *entry.base
+                       ? static_cast<std::uint64_t>(inside - sortedIds.begin())
+                       : kExternal +
+                             static_cast<std::uint64_t>(
+                                 std::lower_bound(external.begin(), external.end(), *entry.base) -
+                                 external.begin());
+        }
+        putBigEndian(index, base, 4);
+    }
+    for (const auto& id : external)
+        index.insert(index.end(), id.begin(), id.end());
+
+    built.data = std::move(data_);
+    *this = StoredPackBuilder();
+    return built;
+}
+
+StoredPackIndex::StoredPackIndex(Bytes bytes) : bytes_(std::move(bytes)) {
+    const std::uint8_t* in = bytes_.data();
+    if (bytes_.size() < kHeaderSize || std::memcmp(in, kMagic, 4) != 0)
+        throw corruptIndex("not a pack index");
+    if (readBigEndian(in + 4, 4) != kVersion)
+        throw corruptIndex("version " + std::to_string(readBigEndian(in + 4, 4)));
+    count_ = static_cast<std::size_t>(readBigEndian(in + 8, 4));
+    externalCount_ = static_cast<std::size_t>(readBigEndian(in + 12, 4));
+    dataSize_ = readBigEndian(in + 16, 8);
+    std::memcpy(dataHash_.data(), in + 24, 20);
+    if (bytes_.size() != kHeaderSize + count_ * kEntrySize + externalCount_ * 20)
+        throw corruptIndex("its length does not match its counts");
+    if (dataSize_ > std::numeric_limits<std::uint32_t>::max())
+        throw corruptIndex("data larger than 4 GiB");
+
+    // Everything a reader relies on, once: order, bounds, kinds and bases.
+    const std::uint8_t* externals = in + kHeaderSize + count_ * kEntrySize;
+    for (std::size_t k = 1; k < externalCount_; ++k) {
+        if (std::memcmp(externals + (k - 1) * 20, externals + k * 20, 20) >= 0)
+            throw corruptIndex("external bases out of order");
+    }
+    for (std::size_t i = 0; i < count_; ++i) {
+        const std::uint8_t* entry = in + kHeaderSize + i * kEntrySize;
+        if (i > 0 && std::memcmp(entry - kEntrySize, entry, 20) >= 0)
+            throw corruptIndex("ids out of order");
+        std::uint64_t offset = readBigEndian(entry + 20, 4);
+        std::uint64_t length = readBigEndian(entry + 24, 4);
+        if (length < 2 || offset + length > dataSize_) throw corruptIndex("entry out of bounds");
+        auto kind = entry[28];
+        std::uint64_t base = readBigEndian(entry + 29, 4);
+        switch (static_cast<StoredEntryKind>(kind)) {
+            case StoredEntryKind::whole:
+                if (base != kNoBase) throw corruptIndex("a whole object with a base");
+                break;
+            case StoredEntryKind::ofsDelta:
+                if (base >= count_) throw corruptIndex("an ofs-delta without its base");
+                if (readBigEndian(in + kHeaderSize + base * kEntrySize + 20, 4) >= offset)
+                    throw corruptIndex("an ofs-delta before its base");
+                break;
+            case StoredEntryKind::refDelta:
+                if (base == kNoBase ||
+                    (base >= kExternal ? base - kExternal >= externalCount_ : base >= count_))
+                    throw corruptIndex("a ref-delta without its base");
+                break;
+            default:
+                throw corruptIndex("unknown kind " + std::to_string(kind));
+        }
+    }
+}
+
+StoredPackEntry StoredPackIndex::at(std::size_t position) const {
+    const std::uint8_t* entry = bytes_.data() + kHeaderSize + position * kEntrySize;
+    StoredPackEntry result;
+    std::memcpy(result.id.data(), entry, 20);
+    result.offset = static_cast<std::uint32_t>(readBigEndian(entry + 20, 4));
+    result.length = static_cast<std::uint32_t>(readBigEndian(entry + 24, 4));
+    result.kind = static_cast<StoredEntryKind>(entry[28]);
+    auto base = readBigEndian(entry + 29, 4);
+    if (base == kNoBase) return result;
+    const std::uint8_t* baseId =
+        base >= kExternal
+            ? bytes_.data() + kHeaderSize + count_ * kEntrySize + (base - kExternal) * 20
+            : bytes_.data() + kHeaderSize + base * kEntrySize;
+    result.base.emplace();
+    std::memcpy(result.base->data(), baseId, 20);
+    return result;
+}
+
+std::optional<StoredPackEntry> StoredPackIndex::find(const Digest& id) const {
+    std::size_t low = 0, high = count_;
+    while (low < high) {
+        std::size_t middle = low + (high - low) / 2;
+        int order = std::memcmp(bytes_.data() + kHeaderSize + middle * kEntrySize, id.data(), 20);
+        if (order == 0) return at(middle);
+        if (order < 0)
+            low = middle + 1;
+        else
+            high = middle;
+    }
+    return std::nullopt;
+}
+
+StoredEntryView viewEntry(ByteView data, const StoredPackEntry& entry) {
+    if (std::uint64_t{entry.offset} + entry.length > data.size())
+        throw Error("Corrupted pack entry: past the end of the data");
+    ByteView bytes = data.subspan(entry.offset, entry.length);
+    StoredEntryView view;
+    std::size_t at = 0;
+    std::uint8_t byte = bytes[at++];
+    view.typeCode = (byte >> 4) & 0x07;
+    view.size = byte & 0x0f;
+    for (unsigned shift = 4; byte & 0x80; shift += 7) {
+        if (at >= bytes.size() || shift > 57) throw Error("Corrupted pack entry: its header");
+        byte = bytes[at++];
+        view.size |= std::uint64_t{byte & 0x7fu} << shift;
+    }
+    bool expected = false;
+    switch (entry.kind) {
+        case StoredEntryKind::whole:
+            expected = view.typeCode >= 1 && view.typeCode <= 4;
+            break;
+        case StoredEntryKind::ofsDelta:
+            expected = view.typeCode == 6;
+            // The distance was checked through the index; its bytes are skipped here.
+            while (expected && at < bytes.size() && (bytes[at] & 0x80))
+                ++at;
+            ++at;
+            break;
+        case StoredEntryKind::refDelta:
+            expected = view.typeCode == 7 && at + 20 <= bytes.size() &&
+                       std::equal(entry.base->begin(), entry.base->end(), bytes.begin() + at);
+            at += 20;
+            break;
+    }
+    if (!expected || at >= bytes.size())
+        throw Error("Corrupted pack entry: it is not what its index says");
+    view.header = bytes.first(at);
+    view.stream = bytes.subspan(at);
+    return view;
+}
+
+Object readStoredObject(const std::string& name, const StoredPackIndex& index, ByteView data,
+                        const Digest& id, const OutsideBase& outside) {
+    // The chain from the object down to a whole one (or one from outside), then back up.
+    std::vector<StoredPackEntry> chain;
+    std::optional<Object> object;
+    Digest next = id;
+    for (;;) {
+        if (chain.size() > static_cast<std::size_t>(kMaxDeltaDepth))
+            throw Error(
+                packError(name, "the delta chain of " + hexString(id) + " loops or runs too deep"));
+        auto entry = index.find(next);
+        if (!entry) {
+            if (chain.empty()) throw Error(packError(name, "it does not hold " + hexString(id)));
+            object = outside(hexString(next));
+            break;
+        }
+        chain.push_back(*entry);
+        if (entry->kind == StoredEntryKind::whole) break;
+        next = *entry->base;
+    }
+    auto inflated = [&](const StoredPackEntry& entry, const StoredEntryView& view) {
+        Bytes bytes;
+        try {
+            bytes = zlibInflate(view.stream);
+        } catch (const std::exception& failure) {
+            throw Error(packError(name, hexString(entry.id) + ": " + failure.what()));
+        }
+        if (bytes.size() != view.size)
+            throw Error(packError(name, hexString(entry.id) + " is cut short"));
+        return bytes;
+    };
+    try {
+        for (auto entry = chain.rbegin(); entry != chain.rend(); ++entry) {
+            auto view = viewEntry(data, *entry);
+            Bytes bytes = inflated(*entry, view);
+            object = entry->kind == StoredEntryKind::whole
+                         ? Object(static_cast<ObjectType>(view.typeCode), std::move(bytes))
+                         : apply(*object, RefDelta{object->id(), std::move(bytes)});
+            if (object->id() != hexString(entry->id))
+                throw Error(
+                    packError(name, "object " + hexString(entry->id) + " does not match its data"));
+        }
+    } catch (const Error& failure) {
+        if (std::string_view(failure.what()).starts_with("Corrupted pack " + name)) throw;
+        throw Error(packError(name, failure.what()));
+    }
+    return *object;
+}
+
+}  // namespace corvane

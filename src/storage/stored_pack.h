@@ -1,0 +1,104 @@
+// Stored packs (pack records of version 3, stored_pack.md): a push's objects kept as git keeps
+// them, deltas and all. StoredPackBuilder lays out the data and its index as the pushed objects
+// arrive; StoredPackIndex reads an index, checking it whole before anything trusts it;
+// readStoredObject rebuilds one object from the data, following its delta chain and checking the
+// result against its id. Values and pure functions: a builder has one owner; an index is
+// immutable and safe on any thread.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "base/bytes.h"
+#include "objects/object.h"
+#include "objects/sha1.h"
+
+namespace corvane {
+
+// A push is stored as packs of at most this much data (the last may pass it by one object).
+inline constexpr std::uint64_t kStoredPackLimit = 256ull << 20;
+// The longest delta chain a reader follows; git's own packs stay under 50 by default.
+inline constexpr int kMaxDeltaDepth = 4096;
+
+enum class StoredEntryKind : std::uint8_t { whole = 0, ofsDelta = 6, refDelta = 7 };
+
+// One object of a stored pack, as the index gives it.
+struct StoredPackEntry {
+    Digest id{};
+    std::uint32_t offset = 0;  // of its entry in the data
+    std::uint32_t length = 0;  // the entry's bytes: header, base and zlib stream
+    StoredEntryKind kind = StoredEntryKind::whole;
+    std::optional<Digest> base;  // a delta's base
+};
+
+class StoredPackBuilder {
+  public:
+    // A whole object: its type, its data's size and the zlib stream of its data.
+    void addWhole(const Digest& id, ObjectType type, std::uint64_t size, ByteView stream);
+    // A delta against `base`: the delta's size and the zlib stream of the delta. A base added
+    // before (in this builder) makes it an ofs-delta, any other a ref-delta.
+    void addDelta(const Digest& id, const Digest& base, std::uint64_t deltaSize, ByteView stream);
+
+    bool contains(const Digest& id) const;
+    std::size_t count() const { return entries_.size(); }
+    std::uint64_t dataSize() const { return data_.size(); }
+
+    struct Built {
+        std::string name;  // the record name: "P" and the data's SHA-1
+        Bytes data;
+        Bytes index;
+    };
+    // The data and its index; the builder is empty again.
+    Built finish();
+
+  private:
+    void append(const Digest& id, StoredEntryKind kind, std::optional<Digest> base, ByteView header,
+                ByteView stream);
+
+    Bytes data_;
+    std::vector<StoredPackEntry> entries_;                      // in data order
+    mutable std::vector<std::pair<Digest, std::size_t>> byId_;  // sorted lazily by contains()
+    mutable bool sorted_ = true;
+};
+
+class StoredPackIndex {
+  public:
+    // Reads an index; fails with "Corrupted pack index: " and what is wrong.
+    explicit StoredPackIndex(Bytes bytes);
+
+    std::size_t count() const { return count_; }
+    std::uint64_t dataSize() const { return dataSize_; }
+    const Digest& dataHash() const { return dataHash_; }
+    StoredPackEntry at(std::size_t position) const;
+    std::optional<StoredPackEntry> find(const Digest& id) const;
+
+  private:
+    Bytes bytes_;
+    std::size_t count_ = 0;
+    std::size_t externalCount_ = 0;
+    std::uint64_t dataSize_ = 0;
+    Digest dataHash_{};
+};
+
+// The parts of an entry, read from the data within the index's bounds. Fails with
+// "Corrupted pack entry" when the bytes do not hold what the index says.
+struct StoredEntryView {
+    std::uint8_t typeCode = 0;  // as in the header: 1 to 4, 6 or 7
+    std::uint64_t size = 0;     // inflated size
+    ByteView header;            // the type and size bytes
+    ByteView stream;            // the zlib stream, to the entry's end
+};
+StoredEntryView viewEntry(ByteView data, const StoredPackEntry& entry);
+
+// Rebuilds the object `id` of the pack `name` from its data. A base outside the pack comes from
+// `outside` (older packs, the cache). Fails with "Corrupted pack <name>: …" for an object the
+// data does not rebuild into the object its id names, a chain that loops or runs deeper than
+// kMaxDeltaDepth, or an id the index does not hold.
+using OutsideBase = std::function<Object(const std::string& id)>;
+Object readStoredObject(const std::string& name, const StoredPackIndex& index, ByteView data,
+                        const Digest& id, const OutsideBase& outside);
+
+}  // namespace corvane

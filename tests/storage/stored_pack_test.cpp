@@ -1,0 +1,210 @@
+// Stored packs: objects laid out with their deltas, read back through the index, and every kind of
+// damage refused with a clear error rather than a wrong object.
+#include "storage/stored_pack.h"
+
+#include <gtest/gtest.h>
+
+#include "base/error.h"
+#include "objects/zlib.h"
+#include "support/error_message.h"
+
+namespace corvane {
+namespace {
+
+Digest digestOf(const Object& object) {
+    return digestOfId(object.id());
+}
+
+void appendSize(Bytes& out, std::uint64_t size) {
+    do {
+        auto byte = static_cast<std::uint8_t>(size & 0x7f);
+        size >>= 7;
+        out.push_back(size ? byte | 0x80 : byte);
+    } while (size);
+}
+
+// Git's delta instructions that make `result` from `base`: a copy of their common start, then
+// the rest inserted.
+Bytes makeDelta(const Object& base, const Object& result) {
+    Bytes delta;
+    appendSize(delta, base.data().size());
+    appendSize(delta, result.data().size());
+    std::size_t common = 0;
+    while (common < std::min<std::size_t>({base.data().size(), result.data().size(), 0xffff}) &&
+           base.data()[common] == result.data()[common])
+        ++common;
+    if (common > 0) {
+        delta.push_back(0x80 | 0x10 | 0x20);  // offset 0, two size bytes
+        delta.push_back(static_cast<std::uint8_t>(common & 0xff));
+        delta.push_back(static_cast<std::uint8_t>(common >> 8));
+    }
+    for (std::size_t at = common; at < result.data().size(); at += 127) {
+        auto length = std::min<std::size_t>(127, result.data().size() - at);
+        delta.push_back(static_cast<std::uint8_t>(length));
+        delta.insert(delta.end(), result.data().begin() + static_cast<std::ptrdiff_t>(at),
+                     result.data().begin() + static_cast<std::ptrdiff_t>(at + length));
+    }
+    return delta;
+}
+
+Object blob(const std::string& text) {
+    return Object(ObjectType::blob, toBytes(text));
+}
+
+struct StoredPackTest : ::testing::Test {
+    std::string lines(int count, const std::string& last) {
+        std::string text;
+        for (int i = 0; i < count; ++i)
+            text += "line " + std::to_string(i) + " of a file that changes a little\n";
+        return text + last;
+    }
+    Object first = blob(lines(40, "one\n"));
+    Object second = blob(lines(40, "two\n"));
+    Object third = blob(lines(40, "three\n"));
+    Object outside = blob(lines(30, "elsewhere\n"));
+    Object fourth = blob(lines(30, "four\n"));
+
+    void addWhole(StoredPackBuilder& builder, const Object& object) {
+        builder.addWhole(digestOf(object), object.type(), object.data().size(),
+                         zlibDeflate(object.data()));
+    }
+    void addDelta(StoredPackBuilder& builder, const Object& object, const Object& base) {
+        Bytes delta = makeDelta(base, object);
+        builder.addDelta(digestOf(object), digestOf(base), delta.size(), zlibDeflate(delta));
+    }
+    // first whole; second on first and third on second (ofs-deltas); fourth on an object of
+    // another pack (a ref-delta).
+    StoredPackBuilder::Built build() {
+        StoredPackBuilder builder;
+        addWhole(builder, first);
+        addDelta(builder, second, first);
+        addDelta(builder, third, second);
+        addDelta(builder, fourth, outside);
+        EXPECT_TRUE(builder.contains(digestOf(third)));
+        EXPECT_FALSE(builder.contains(digestOf(outside)));
+        return builder.finish();
+    }
+    Object fromOutside(const std::string& id) {
+        if (id != outside.id()) throw Error("Object " + id + " is not here");
+        return outside;
+    }
+};
+
+TEST_F(StoredPackTest, ObjectsComeBackThroughTheirDeltaChainsAndTheIndexNamesEachPlace) {
+    auto built = build();
+    EXPECT_EQ(built.name, "P" + hexString(sha1(built.data)));
+    StoredPackIndex index(built.index);
+    ASSERT_EQ(index.count(), 4u);
+    EXPECT_EQ(index.dataSize(), built.data.size());
+    EXPECT_EQ(index.dataHash(), sha1(built.data));
+    for (std::size_t i = 1; i < index.count(); ++i)
+        EXPECT_LT(index.at(i - 1).id, index.at(i).id);
+
+    auto entry = [&](const Object& object) { return *index.find(digestOf(object)); };
+    EXPECT_EQ(entry(first).kind, StoredEntryKind::whole);
+    EXPECT_FALSE(entry(first).base);
+    EXPECT_EQ(entry(third).kind, StoredEntryKind::ofsDelta);
+    EXPECT_EQ(entry(third).base, digestOf(second));
+    EXPECT_EQ(entry(fourth).kind, StoredEntryKind::refDelta);
+    EXPECT_EQ(entry(fourth).base, digestOf(outside));
+    EXPECT_FALSE(index.find(digestOf(outside)));
+    // Each entry is git's own: the header of a whole object, of an ofs-delta pointing back to its
+    // base's entry, of a ref-delta naming its base.
+    auto view = viewEntry(built.data, entry(first));
+    EXPECT_EQ(view.typeCode, 3);
+    EXPECT_EQ(view.size, first.data().size());
+    EXPECT_EQ(zlibInflate(view.stream), first.data());
+    EXPECT_EQ(viewEntry(built.data, entry(second)).typeCode, 6);
+    EXPECT_EQ(viewEntry(built.data, entry(fourth)).typeCode, 7);
+
+    for (const auto* object : {&first, &second, &third, &fourth}) {
+        auto read = readStoredObject(built.name, index, built.data, digestOf(*object),
+                                     [&](const std::string& id) { return fromOutside(id); });
+        EXPECT_EQ(read, *object);
+    }
+    EXPECT_EQ(testing::errorMessage([&] {
+                  readStoredObject(built.name, index, built.data, digestOf(outside),
+                                   [&](const std::string& id) { return fromOutside(id); });
+              }),
+              "Corrupted pack " + built.name + ": it does not hold " + outside.id());
+    // An outside base that cannot be had fails with its own error.
+    EXPECT_EQ(testing::errorMessage([&] {
+                  readStoredObject(built.name, index, built.data, digestOf(fourth),
+                                   [](const std::string& id) -> Object {
+                                       throw Error("Object " + id + " is not here");
+                                   });
+              }),
+              "Object " + outside.id() + " is not here");
+}
+
+TEST_F(StoredPackTest, DamagedIndexesAndDataAreRefused) {
+    auto built = build();
+    auto indexError = [](Bytes bytes) {
+        return testing::errorMessage([&] { StoredPackIndex index(std::move(bytes)); });
+    };
+    EXPECT_EQ(indexError({}), "Corrupted pack index: not a pack index");
+    auto shortened = built.index;
+    shortened.pop_back();
+    EXPECT_EQ(indexError(shortened), "Corrupted pack index: its length does not match its counts");
+    auto newer = built.index;
+    newer[7] = 2;
+    EXPECT_EQ(indexError(newer), "Corrupted pack index: version 2");
+    // The first entry starts at byte 44: id, offset, length, kind, base.
+    auto swapped = built.index;
+    std::swap_ranges(swapped.begin() + 44, swapped.begin() + 44 + 33, swapped.begin() + 44 + 33);
+    EXPECT_EQ(indexError(swapped), "Corrupted pack index: ids out of order");
+    auto beyond = built.index;
+    beyond[44 + 24] = 0x7f;  // a length past the data
+    EXPECT_EQ(indexError(beyond), "Corrupted pack index: entry out of bounds");
+    auto kind = built.index;
+    kind[44 + 28] = 5;
+    EXPECT_EQ(indexError(kind), "Corrupted pack index: unknown kind 5");
+
+    StoredPackIndex index(built.index);
+    auto read = [&](const Bytes& data, const Object& object) {
+        return testing::errorMessage([&] {
+            readStoredObject(built.name, index, data, digestOf(object),
+                             [&](const std::string& id) { return fromOutside(id); });
+        });
+    };
+    const std::string prefix = "Corrupted pack " + built.name + ": ";
+    // A data cut short, or altered inside a zlib stream or a delta: a clear error, never a wrong
+    // object.
+    Bytes cut(built.data.begin(), built.data.end() - 10);
+    EXPECT_TRUE(read(cut, fourth).starts_with(prefix)) << read(cut, fourth);
+    for (std::size_t at = 0; at < built.data.size(); at += 7) {
+        Bytes altered = built.data;
+        altered[at] ^= 0x20;
+        for (const auto* object : {&first, &third, &fourth}) {
+            // Untouched by the change, the object comes back as it was; touched, it fails.
+            auto message = read(altered, *object);
+            EXPECT_TRUE(message == "no error" || message.starts_with(prefix))
+                << at << ": " << message;
+        }
+    }
+    // A base from outside that is not the object its id names.
+    EXPECT_EQ(testing::errorMessage([&] {
+                  readStoredObject(built.name, index, built.data, digestOf(fourth),
+                                   [&](const std::string&) { return first; });
+              }),
+              prefix + "Invalid ref_delta");
+}
+
+TEST_F(StoredPackTest, ADeltaChainThatLoopsEndsInAnError) {
+    // second names third as its base, and third names second: nothing ever rebuilds.
+    StoredPackBuilder builder;
+    addDelta(builder, second, third);
+    addDelta(builder, third, second);
+    auto built = builder.finish();
+    StoredPackIndex index(built.index);
+    EXPECT_EQ(testing::errorMessage([&] {
+                  readStoredObject(
+                      built.name, index, built.data, digestOf(second),
+                      [](const std::string& id) -> Object { throw Error("no " + id); });
+              }),
+              "Corrupted pack " + built.name + ": the delta chain of " + second.id() +
+                  " loops or runs too deep");
+}
+
+}  // namespace
+}  // namespace corvane
