@@ -28,6 +28,10 @@ namespace {
 
 constexpr const char* kWorkingFolder = "zzz";
 constexpr const char* kPacksFolder = "packs";
+constexpr const char* kStoredPacksFolder = "stored";
+// Stored packs whose deltas lean on each other's objects: hops from one to another while one
+// object is rebuilt. Real histories need a few; more means a loop.
+constexpr int kMaxPackHops = 64;
 // A pack still without its index after this long belongs to a writer that is gone.
 constexpr auto kAbandonedPackAge = std::chrono::hours(24);
 
@@ -138,7 +142,10 @@ fs::path Store::defaultRoot() {
 Store::Store(fs::path root) : Store(std::move(root), Timing{}) {}
 
 Store::Store(fs::path root, Timing timing)
-    : root_(std::move(root)), packsFolder_(root_ / kPacksFolder), timing_(timing) {
+    : root_(std::move(root)),
+      packsFolder_(root_ / kPacksFolder),
+      storedPacks_(root_ / kStoredPacksFolder),
+      timing_(timing) {
     // Other users of the machine read nothing of the cache: everything is below a 0700 root.
     cloud::createPrivateDirectories(root_);
     fs::create_directories(packsFolder_);
@@ -160,7 +167,8 @@ fs::path Store::objectPath(const std::string& id) const {
 }
 
 bool Store::hasObject(const std::string& id) const {
-    return locate(id).has_value();
+    return locate(id).has_value() ||
+           (isObjectId(id) && storedPacks_.find(digestOfId(id)).has_value());
 }
 
 std::optional<Store::PackedEntry> Store::searchPacks(const Digest& id) const {
@@ -284,6 +292,23 @@ Object Store::getObject(const std::string& id, std::optional<Bytes>* dataStream)
         if (packed->sealed) packed->sealed->noteUse();
         return object;
     }
+    if (isObjectId(id) && !fs::exists(objectPath(id))) {
+        if (auto stored = storedPacks_.find(digestOfId(id))) {
+            thread_local int hops = 0;
+            if (hops >= kMaxPackHops)
+                throw Error("Corrupted pack " + stored->pack->name() + ": the delta chain of " +
+                            id + " loops through other packs");
+            ++hops;
+            struct Leave {
+                ~Leave() { --hops; }
+            } leave;
+            auto object = readStoredObject(
+                stored->pack->name(), stored->pack->index(), stored->pack->data(), digestOfId(id),
+                [this](const std::string& base) { return getObject(base); });
+            stored->pack->noteUse();
+            return object;
+        }
+    }
     // A damaged file goes, so that the object is downloaded again (ObjectFetcher::readObject).
     fs::path path = objectPath(id);
     auto object = decodeCacheFile(id, readFile(path), dataStream, [&] {
@@ -323,7 +348,7 @@ std::size_t Store::expire(Clock::time_point now) {
     std::error_code error;
     for (fs::recursive_directory_iterator it(root_, error), end; !error && it != end;
          it.increment(error)) {
-        if (it->path() == packsFolder_) {
+        if (it->path() == packsFolder_ || it->path() == root_ / kStoredPacksFolder) {
             it.disable_recursion_pending();
             continue;
         }
@@ -341,6 +366,7 @@ std::size_t Store::expire(Clock::time_point now) {
         }
     }
     deleted += expirePacks(limit);
+    deleted += storedPacks_.expire(limit);
     if (deleted > 0) {
         trace(TraceModule::info, "Deleted " + std::to_string(deleted) + " expired cache files");
     }

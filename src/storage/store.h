@@ -1,7 +1,9 @@
 // Store: the local object cache, shared by all repositories and by every process of the user.
 // An object's cache file is a zlib-compressed git loose object. Most live one per object under
 // root/<first 3 id characters>/<id>; the objects of a large push live in a cache pack under
-// root/packs (cache_pack.h), written as one file. Files and packs unused for a week expire.
+// root/packs (cache_pack.h), written as one file; objects of stored packs (pack records of
+// version 3) live in those packs under root/stored (stored_pack_cache.h), deltas and all. Files
+// and packs unused for a week expire.
 // Nothing is held in memory but the packs' indexes (mapped, not read): a long history's parsed
 // objects would grow without bound, and the repository summaries answer what the daemon asks.
 //
@@ -30,6 +32,7 @@
 
 #include "objects/object.h"
 #include "storage/cache_pack.h"
+#include "storage/stored_pack_cache.h"
 
 namespace corvane {
 
@@ -74,6 +77,9 @@ class Store {
     void commitPack(const std::shared_ptr<CachePackWriter>& pack);
     void abandonPack(const std::shared_ptr<CachePackWriter>& pack);
 
+    // The stored packs the cache holds.
+    StoredPackCache& storedPacks() { return storedPacks_; }
+
     // Reads, verifies and parses an object file. A file whose contents do not hash to the id is
     // deleted ("Corrupted cache file for object <id>"); a bad header gives
     // "Failed to decode object <id>"; a missing file gives the system's error text.
@@ -82,7 +88,8 @@ class Store {
     // do), dataStream receives the zlib stream of the data, ready for a pack entry.
     Object getObject(const std::string& id, std::optional<Bytes>* dataStream);
     bool hasObject(const std::string& id) const;
-    // Null when the cache does not hold the object (a damaged pack entry counts as absent).
+    // Null when the cache does not hold the object as a cache file (a damaged pack entry counts
+    // as absent, and an object of a stored pack has no cache file).
     std::optional<CacheFileLocation> locate(const std::string& id) const;
     // Links or copies a downloaded object file into place, keeping a sound file already there
     // and replacing a damaged one. The download itself is verified when first read (getObject
@@ -113,6 +120,7 @@ class Store {
 
     std::filesystem::path root_;
     std::filesystem::path packsFolder_;
+    StoredPackCache storedPacks_;
     Timing timing_;
 
     // What is known of the packs, read from the folder as it changes.

@@ -10,6 +10,7 @@
 #include "objects/zlib.h"
 #include "storage/cloud_fixture.h"
 #include "storage/file_io.h"
+#include "support/deltas.h"
 #include "support/error_message.h"
 #include "support/process.h"
 
@@ -191,6 +192,62 @@ TEST_F(StoreTest, PacksHoldManyObjectsInOneFileThatEveryStoreFinds) {
     writer.abandonPack(abandoned);
     EXPECT_FALSE(writer.hasObject(dropped.id()));
     EXPECT_FALSE(std::filesystem::exists(abandoned->path()));
+}
+
+TEST_F(StoreTest, StoredPacksAreFoundByEveryStoreAndRebuildAcrossPacksAndLooseFiles) {
+    auto text = [](const std::string& last) {
+        std::string body;
+        for (int i = 0; i < 40; ++i)
+            body += "line " + std::to_string(i) + " of a file\n";
+        return Object(ObjectType::blob, toBytes(body + last));
+    };
+    Object loose = text("loose\n"), a = text("a\n"), b = text("b\n"), c = text("c\n"),
+           d = text("d\n");
+    store.putObject(loose);
+    // One pack: a whole, b on a, c on a loose file; the next: d on b, in the first pack.
+    StoredPackBuilder first;
+    testing::addWhole(first, a);
+    testing::addDelta(first, b, a);
+    testing::addDelta(first, c, loose);
+    auto one = first.finish();
+    StoredPackBuilder second;
+    testing::addDelta(second, d, b);
+    auto two = second.finish();
+
+    // An index that does not describe the data is refused, and nothing is placed.
+    EXPECT_EQ(
+        testing::errorMessage([&] { store.storedPacks().place(one.name, two.data, one.index); }),
+        "Corrupted pack " + one.name + ": its data is not the data its index describes");
+    EXPECT_FALSE(store.hasObject(a.id()));
+    store.storedPacks().place(one.name, one.data, one.index);
+    store.storedPacks().place(two.name, two.data, two.index);
+    store.storedPacks().place(two.name, two.data, two.index);  // twice: kept as it is
+    Store other(dir.path() + "/Objects", timing);              // as another process sees the cache
+    for (const auto* object : {&a, &b, &c, &d}) {
+        EXPECT_TRUE(other.hasObject(object->id()));
+        EXPECT_EQ(other.getObject(object->id()), *object);
+        EXPECT_FALSE(other.locate(object->id()));  // no cache file of its own
+    }
+    expectPrivateFiles(dir.path() + "/Objects");
+
+    // Packs whose deltas lean on each other end in an error, not in a crash.
+    Object x = text("x\n"), y = text("y\n");
+    StoredPackBuilder leaning, back;
+    testing::addDelta(leaning, x, y);
+    testing::addDelta(back, y, x);
+    auto three = leaning.finish();
+    auto four = back.finish();
+    store.storedPacks().place(three.name, three.data, three.index);
+    store.storedPacks().place(four.name, four.data, four.index);
+    EXPECT_TRUE(testing::errorMessage([&] {
+                    store.getObject(x.id());
+                }).ends_with(" loops through other packs"));
+
+    // Unused for a week, a pack goes: its index, then its data.
+    ageFile(dir.path() + "/Objects/stored/" + two.name + ".data", std::chrono::hours(24 * 8));
+    EXPECT_EQ(store.expire(std::chrono::system_clock::now()), 2u);
+    EXPECT_FALSE(store.hasObject(d.id()));
+    EXPECT_TRUE(store.hasObject(b.id()));
 }
 
 TEST_F(StoreTest, SweepDeletesWhatIsUnusedForAWeek) {

@@ -6,45 +6,17 @@
 
 #include "base/error.h"
 #include "objects/zlib.h"
+#include "support/deltas.h"
 #include "support/error_message.h"
 
 namespace corvane {
 namespace {
 
+using testing::addDelta;
+using testing::addWhole;
+
 Digest digestOf(const Object& object) {
     return digestOfId(object.id());
-}
-
-void appendSize(Bytes& out, std::uint64_t size) {
-    do {
-        auto byte = static_cast<std::uint8_t>(size & 0x7f);
-        size >>= 7;
-        out.push_back(size ? byte | 0x80 : byte);
-    } while (size);
-}
-
-// Git's delta instructions that make `result` from `base`: a copy of their common start, then
-// the rest inserted.
-Bytes makeDelta(const Object& base, const Object& result) {
-    Bytes delta;
-    appendSize(delta, base.data().size());
-    appendSize(delta, result.data().size());
-    std::size_t common = 0;
-    while (common < std::min<std::size_t>({base.data().size(), result.data().size(), 0xffff}) &&
-           base.data()[common] == result.data()[common])
-        ++common;
-    if (common > 0) {
-        delta.push_back(0x80 | 0x10 | 0x20);  // offset 0, two size bytes
-        delta.push_back(static_cast<std::uint8_t>(common & 0xff));
-        delta.push_back(static_cast<std::uint8_t>(common >> 8));
-    }
-    for (std::size_t at = common; at < result.data().size(); at += 127) {
-        auto length = std::min<std::size_t>(127, result.data().size() - at);
-        delta.push_back(static_cast<std::uint8_t>(length));
-        delta.insert(delta.end(), result.data().begin() + static_cast<std::ptrdiff_t>(at),
-                     result.data().begin() + static_cast<std::ptrdiff_t>(at + length));
-    }
-    return delta;
 }
 
 Object blob(const std::string& text) {
@@ -64,14 +36,6 @@ struct StoredPackTest : ::testing::Test {
     Object outside = blob(lines(30, "elsewhere\n"));
     Object fourth = blob(lines(30, "four\n"));
 
-    void addWhole(StoredPackBuilder& builder, const Object& object) {
-        builder.addWhole(digestOf(object), object.type(), object.data().size(),
-                         zlibDeflate(object.data()));
-    }
-    void addDelta(StoredPackBuilder& builder, const Object& object, const Object& base) {
-        Bytes delta = makeDelta(base, object);
-        builder.addDelta(digestOf(object), digestOf(base), delta.size(), zlibDeflate(delta));
-    }
     // first whole; second on first and third on second (ofs-deltas); fourth on an object of
     // another pack (a ref-delta).
     StoredPackBuilder::Built build() {

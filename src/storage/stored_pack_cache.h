@@ -1,0 +1,86 @@
+// StoredPackCache: stored packs (stored_pack.md) kept in the object cache as the store keeps
+// them, so that a cache filled from the store holds no more than the store's packs:
+// FOLDER/NAME.data beside FOLDER/NAME.idx. The data is mapped, not read; an index is read once and
+// kept. A pack without its index is one still being placed, or abandoned; the index is written
+// last.
+//
+// Thread safety: every operation may run on any thread; other processes' packs are found once
+// their index is there. A pack found stays readable by whoever holds it, even once expired.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <optional>
+#include <shared_mutex>
+#include <string>
+
+#include "storage/stored_pack.h"
+
+namespace corvane {
+
+// One stored pack in the cache: its name, index and mapped data.
+class CachedStoredPack {
+  public:
+    // Maps NAME.data and reads NAME.idx; throws when either is missing or damaged, or when the
+    // data is not what the index says it is (its size).
+    CachedStoredPack(const std::filesystem::path& folder, const std::string& name);
+    ~CachedStoredPack();
+    CachedStoredPack(const CachedStoredPack&) = delete;
+    CachedStoredPack& operator=(const CachedStoredPack&) = delete;
+
+    const std::string& name() const { return name_; }
+    const StoredPackIndex& index() const { return index_; }
+    ByteView data() const { return {map_, mapSize_}; }
+    const std::filesystem::path& dataPath() const { return dataPath_; }
+    // Records a use in the data file's modification time, at most once an hour.
+    void noteUse() const;
+
+  private:
+    std::string name_;
+    std::filesystem::path dataPath_;
+    StoredPackIndex index_;
+    const std::uint8_t* map_ = nullptr;
+    std::size_t mapSize_ = 0;
+    mutable std::atomic<std::int64_t> lastUse_{0};
+};
+
+class StoredPackCache {
+  public:
+    // The folder is made when the first pack is placed.
+    explicit StoredPackCache(std::filesystem::path folder);
+
+    // Writes the pack (data first, index last); a pack already here is kept. Fails on
+    // file-system errors and on an index that does not describe the data.
+    std::shared_ptr<const CachedStoredPack> place(const std::string& name, ByteView data,
+                                                  const Bytes& index);
+    // The pack of that name, if the cache holds it whole.
+    std::shared_ptr<const CachedStoredPack> pack(const std::string& name) const;
+
+    struct Found {
+        std::shared_ptr<const CachedStoredPack> pack;
+        StoredPackEntry entry;
+    };
+    // The first pack that holds the object.
+    std::optional<Found> find(const Digest& id) const;
+
+    // Removes packs unused since `limit` and pieces left without an index for a day; returns
+    // the number of files removed.
+    std::size_t expire(std::chrono::system_clock::time_point limit);
+
+  private:
+    // Takes in packs other processes placed since the last look.
+    void loadNew() const;
+
+    std::filesystem::path folder_;
+    mutable std::shared_mutex mutex_;
+    // Guarded by mutex_: the packs known, by name.
+    mutable std::map<std::string, std::shared_ptr<const CachedStoredPack>> packs_;
+    // Guarded by mutex_: the folder's time at the last look, and when that look was.
+    mutable std::filesystem::file_time_type folderTime_{};
+    mutable std::filesystem::file_time_type scanTime_{};
+};
+
+}  // namespace corvane
