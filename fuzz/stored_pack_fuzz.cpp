@@ -22,7 +22,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             if (parsed.find(entry.id)->offset != entry.offset) std::abort();
             try {
                 auto object = corvane::readStoredObject(
-                    "P", parsed, packData, entry.id, [](const std::string& id) -> corvane::Object {
+                    "P", parsed, corvane::entriesOf("P", packData), entry.id,
+                    [](const std::string& id) -> corvane::Object {
                         throw corvane::Error("no " + id);
                     });
                 if (object.id() != corvane::hexString(entry.id)) std::abort();

@@ -103,6 +103,10 @@ std::optional<Bytes> rawInflateExactly(ByteView input, std::size_t size) {
     return output;
 }
 
+std::uint32_t crc32Of(ByteView data) {
+    return data.empty() ? 0 : libdeflate_crc32(0, data.data(), data.size());
+}
+
 std::uint32_t adler32Of(ByteView data, std::uint32_t seed) {
     if (data.empty()) return seed;  // libdeflate takes a null buffer for "the initial value"
     return libdeflate_adler32(seed, data.data(), data.size());

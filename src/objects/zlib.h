@@ -25,6 +25,8 @@ void appendRawDeflate(Bytes& output, ByteView input);
 std::optional<Bytes> rawInflateExactly(ByteView input, std::size_t size);
 
 std::uint32_t adler32Of(ByteView data, std::uint32_t seed = 1);
+// The CRC-32 (zlib's, as git's pack indexes keep it) of the bytes.
+std::uint32_t crc32Of(ByteView data);
 // The Adler-32 of two pieces joined, from each piece's own.
 std::uint32_t adler32Combine(std::uint32_t first, std::uint32_t second, std::size_t secondLength);
 

@@ -75,8 +75,9 @@ class GitSocket : public Socket {
     std::uint32_t readPackHeader();
     // Type and inflated size of the next entry.
     std::pair<ObjectType, std::uint64_t> readObjectHeader();
-    // Inflates exactly `size` bytes of the current entry's zlib stream.
-    Bytes inflateObject(std::uint64_t size);
+    // Inflates exactly `size` bytes of the current entry's zlib stream; `stream`, when given,
+    // receives the stream's bytes as they came, to be kept as they are.
+    Bytes inflateObject(std::uint64_t size, Bytes* stream = nullptr);
     // n (at most 4096) raw bytes: a ref-delta's base id, the pack trailer.
     Bytes readRawBytes(std::size_t n);
 

@@ -62,7 +62,7 @@ std::pair<ObjectType, std::uint64_t> GitSocket::readObjectHeader() {
     return {*type, size};
 }
 
-Bytes GitSocket::inflateObject(std::uint64_t size) {
+Bytes GitSocket::inflateObject(std::uint64_t size, Bytes* stream) {
     if (size > kMaxObjectSize) {
         throw Error("Pack object too large: " + std::to_string(size) + " bytes");
     }
@@ -85,7 +85,9 @@ Bytes GitSocket::inflateObject(std::uint64_t size) {
         if (status != Z_OK && status != Z_STREAM_END) {
             throw Error(std::string("Inflate error: ") + (zStream_.msg ? zStream_.msg : ""));
         }
-        consume(recvBufSize() - zStream_.avail_in);
+        std::size_t used = recvBufSize() - zStream_.avail_in;
+        if (stream) stream->insert(stream->end(), unread(), unread() + used);
+        consume(used);
         produced = output.size() - zStream_.avail_out;
         if (status == Z_STREAM_END) break;
     }

@@ -8,6 +8,7 @@
 #include "base/error.h"
 #include "objects/delta.h"
 #include "storage/object_writer.h"
+#include "storage/stored_pack.h"
 
 namespace corvane {
 
@@ -89,18 +90,17 @@ void ReceivePack::run() {
     // From here on this push alone, in this process, changes the repository; a push elsewhere
     // shows itself as a conflict, and the push starts again from what that one saved.
     auto turn = backend_.lockPushes(*repository_);
-    std::unordered_set<std::string> uploaded;
+    bool packsSaved = false;
     std::map<std::string, std::int64_t> packSizes;
     for (int attempt = 1;; ++attempt) {
         Repository::ContentUpdate update(*repository_);
         RepositoryContent& content = update.content();
-        std::vector<std::string> newIds;
-        for (auto& id : mergeSummaries(received, content)) {
-            if (!uploaded.contains(id)) newIds.push_back(std::move(id));
-        }
-        if (!newIds.empty()) {
-            upload(newIds, content, packSizes, attempt == 1);
-            uploaded.insert(newIds.begin(), newIds.end());
+        // The stored packs hold every object received; they go up once, with the first
+        // attempt that finds objects the repository lacks.
+        auto newIds = mergeSummaries(received, content);
+        if (!newIds.empty() && !packsSaved) {
+            upload(newIds.size(), packSizes);
+            packsSaved = true;
         }
         for (const auto& [packId, size] : packSizes)
             content.packs[packId] = size;
@@ -179,24 +179,38 @@ void ReceivePack::readPack(RepositoryContent& received) {
     auto layout = count >= kPackedWriteObjects ? ObjectWriter::Layout::packed
                                                : ObjectWriter::Layout::looseFiles;
     ObjectWriter writer(backend_.store(), kWriterThreads, kMaxUnwrittenBytes, layout);
+    // The objects are kept as they came, deltas and all, in stored packs of a bounded size.
+    StoredPackBuilder builder;
+    auto seal = [&] {
+        auto built = builder.finish();
+        storedPacks_.push_back(
+            backend_.store().storedPacks().place(built.name, built.data, built.index));
+    };
     for (std::uint32_t i = 0; i < count; ++i) {
-        auto object = std::make_shared<const Object>(readObject(writer));
+        auto object = std::make_shared<const Object>(readObject(writer, builder));
         summarise(*object, received);
         writer.put(std::move(object));
+        if (builder.dataSize() >= kStoredPackLimit) seal();
     }
     writer.finish();
     socket_.readRawBytes(20);  // trailer: every object was checked by its own id
+    if (builder.count() > 0) seal();
 }
 
-Object ReceivePack::readObject(const ObjectWriter& writer) {
+Object ReceivePack::readObject(const ObjectWriter& writer, StoredPackBuilder& builder) {
     auto [type, size] = socket_.readObjectHeader();
+    Bytes stream;
     if (type == ObjectType::refDelta) {
         std::string source = hexString(socket_.readRawBytes(20));
-        RefDelta delta{source, socket_.inflateObject(size)};
-        return apply(loadBase(source, writer), delta);
+        RefDelta delta{source, socket_.inflateObject(size, &stream)};
+        Object object = apply(loadBase(source, writer), delta);
+        builder.addDelta(digestOfId(object.id()), digestOfId(source), size, stream);
+        return object;
     }
     if (type == ObjectType::ofsDelta) throw Error("ofs_deltas not supported");
-    return Object(type, socket_.inflateObject(size));
+    Object object(type, socket_.inflateObject(size, &stream));
+    builder.addWhole(digestOfId(object.id()), type, size, stream);
+    return object;
 }
 
 Object ReceivePack::loadBase(const std::string& id, const ObjectWriter& writer) {
@@ -206,34 +220,18 @@ Object ReceivePack::loadBase(const std::string& id, const ObjectWriter& writer) 
     return backend_.fetcher().readObject(id, *repository_);
 }
 
-void ReceivePack::upload(const std::vector<std::string>& newIds, const RepositoryContent& content,
-                         std::map<std::string, std::int64_t>& packSizes, bool showProgress) {
-    const std::string count = std::to_string(newIds.size());
-    auto say = [&](const std::string& text) {
-        if (showProgress) socket_.writeProgress(text);
-    };
-    say("Uploading " + count + " objects to the cloud \r");
-    std::size_t uploaded = 0;
-    std::string lastText;
-    auto sizes = backend_.savePacks(
-        newIds, *repository_, content, [&](const std::vector<std::string>& saved) {
-            uploaded += saved.size();
-            double fraction =
-                std::min(1.0, static_cast<double>(uploaded) / static_cast<double>(newIds.size()));
-            char percent[16];
-            std::snprintf(percent, sizeof percent, "%.0f%%", fraction * 100);
-            std::string text = "Uploading " + count + " objects to the cloud: " + percent + "  \r";
-            if (text != lastText) {
-                say(text);
-                lastText = text;
-            }
-        });
-    for (const auto& [packId, size] : sizes)
-        packSizes[packId] = size;
-    // The upload's buffers are freed on several threads' heaps; they go back before the
-    // metadata, the push's other large piece of work, is written.
-    ::malloc_trim(0);
-    say("Uploading " + count + " objects to the cloud: done\n");
+void ReceivePack::upload(std::size_t newObjects, std::map<std::string, std::int64_t>& packSizes) {
+    const std::string count = std::to_string(newObjects);
+    socket_.writeProgress("Uploading " + count + " objects to the cloud \r");
+    std::size_t saved = 0;
+    for (const auto& pack : storedPacks_) {
+        for (const auto& [name, size] : backend_.saveStoredPacks(*repository_, {pack}))
+            packSizes[name] = size;
+        // Bytes are what takes the time, and packs are all of about one size.
+        auto percent = std::to_string(++saved * 100 / storedPacks_.size());
+        socket_.writeProgress("Uploading " + count + " objects to the cloud: " + percent + "%  \r");
+    }
+    socket_.writeProgress("Uploading " + count + " objects to the cloud: done\n");
 }
 
 void ReceivePack::report(const std::vector<RefUpdate>& commands) {

@@ -19,6 +19,7 @@
 #include "storage/backend.h"
 #include "storage/object_writer.h"
 #include "storage/repository.h"
+#include "storage/stored_pack.h"
 
 namespace corvane {
 
@@ -47,16 +48,16 @@ class ReceivePack : public ServerCommand {
     // fills `existing` with the ids the repository had before.
     // Reads the pack into the cache and its objects' summaries into `received`.
     void readPack(RepositoryContent& received);
-    Object readObject(const ObjectWriter& writer);
+    Object readObject(const ObjectWriter& writer, StoredPackBuilder& builder);
     Object loadBase(const std::string& id, const ObjectWriter& writer);
-    // Saves the packs of newIds, adding their new sizes to packSizes.
-    void upload(const std::vector<std::string>& newIds, const RepositoryContent& content,
-                std::map<std::string, std::int64_t>& packSizes, bool showProgress);
+    // Saves the stored packs of the push, adding their sizes to packSizes.
+    void upload(std::size_t newObjects, std::map<std::string, std::int64_t>& packSizes);
     void report(const std::vector<RefUpdate>& commands);
 
     GitSocket& socket_;
     std::shared_ptr<Repository> repository_;
     Backend& backend_;
+    std::vector<std::shared_ptr<const CachedStoredPack>> storedPacks_;  // the push's, in the cache
 };
 
 }  // namespace corvane

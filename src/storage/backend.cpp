@@ -358,6 +358,26 @@ std::map<std::string, std::int64_t> Backend::savePacks(
     return sizes;
 }
 
+std::map<std::string, std::int64_t> Backend::saveStoredPacks(
+    const Repository& repository,
+    const std::vector<std::shared_ptr<const CachedStoredPack>>& packs) {
+    auto& database = databaseFor(repository.owner());
+    cloud::ZoneId zone{repository.id(), repository.owner()};
+    std::map<std::string, std::int64_t> sizes;
+    for (const auto& pack : packs) {
+        trace(TraceModule::request, "saving pack " + pack->name() + " of " + repository.name());
+        // Named by their data: saving one again stores the same bytes.
+        cloud::ModifyRecordsOperation operation;
+        operation.recordsToSave = {storedPackRecord(*pack, zone)};
+        operation.savePolicy = cloud::SavePolicy::allKeys;
+        operation.atomic = true;
+        database.modifyRecords(operation);
+        sizes[pack->name()] = storedPackSize(*pack);
+        trace(TraceModule::response, "saved pack " + pack->name());
+    }
+    return sizes;
+}
+
 void Backend::savePackGroup(cloud::Database& database, const Repository& repository,
                             const std::vector<std::string>& packIds,
                             const std::map<std::string, std::vector<std::string>>& contents,

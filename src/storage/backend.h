@@ -86,6 +86,12 @@ class Backend {
         const RepositoryContent& content,
         const std::function<void(const std::vector<std::string>& savedIds)>& progress);
 
+    // Saves stored packs, already in the cache, as pack records of version 3 (one at a time: each
+    // is up to kStoredPackLimit bytes); returns each pack's name and size for the metadata.
+    std::map<std::string, std::int64_t> saveStoredPacks(
+        const Repository& repository,
+        const std::vector<std::shared_ptr<const CachedStoredPack>>& packs);
+
     // Saves the repository record with the metadata of the update's content; on success
     // publishes the update, sets metaSize and tells the application state. Fails with Conflict
     // when the record changed since the repository was read.

@@ -6,14 +6,21 @@
 #include "base/error.h"
 #include "storage/file_io.h"
 #include "storage/repository_meta.h"
+#include "storage/stored_pack.h"
 
 namespace corvane {
 
 namespace {
 
+// Versions 3 and 4 share the layout; 4 says that some packs are stored packs.
 bool isVersion3(const cloud::Record& record) {
     const auto* version = record.get<std::int64_t>("version");
-    return version && *version == 3;
+    return version && (*version == 3 || *version == 4);
+}
+
+bool holdsStoredPacks(const RepositoryContent& content) {
+    return std::any_of(content.packs.begin(), content.packs.end(),
+                       [](const auto& pack) { return isStoredPackName(pack.first); });
 }
 
 std::vector<cloud::Asset> listOf(const cloud::Record& record, const char* key) {
@@ -64,7 +71,7 @@ MetaSave newBase(const RepositoryContent& after, const DocumentWriter& write, bo
         save.base.push_back(write(document));
     });
     bool small = save.base.size() == 1 && static_cast<std::size_t>(save.size) < threshold;
-    save.version = version3 || !small ? 3 : 2;
+    save.version = holdsStoredPacks(after) ? 4 : version3 || !small ? 3 : 2;
     return save;
 }
 
@@ -159,7 +166,7 @@ MetaSave planMetaSave(const cloud::Record& stored, const RepositoryContent& befo
     for (const auto& part : base)
         baseSize += sizeOf(part);
     MetaSave save;
-    save.version = 3;
+    save.version = holdsStoredPacks(after) ? 4 : 3;
     save.keptIncrements = incrementsOf(stored);
     std::vector<std::uintmax_t> sizes;
     for (const auto& kept : save.keptIncrements)

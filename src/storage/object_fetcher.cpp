@@ -4,6 +4,7 @@
 #include "base/queues.h"
 #include "base/trace.h"
 #include "storage/repository.h"
+#include "storage/stored_pack.h"
 
 namespace corvane {
 
@@ -54,8 +55,38 @@ void ObjectFetcher::enqueue(std::vector<FetchRequest> requests) {
     wake_.notify_all();
 }
 
+void ObjectFetcher::fetchStoredPacks(const Repository& repository) {
+    auto missing = [&] {
+        std::set<std::string> names;
+        for (const auto& [name, size] : repository.content()->packs) {
+            if (isStoredPackName(name) && !store_.storedPacks().pack(name)) names.insert(name);
+        }
+        return names;
+    };
+    if (missing().empty()) return;
+    std::lock_guard lock(storedPacksMutex_);
+    auto names = missing();  // another thread may have fetched them meanwhile
+    if (names.empty()) return;
+    trace(TraceModule::request,
+          "fetching " + std::to_string(names.size()) + " stored packs of " + repository.name());
+    auto results = download_(repository.name(), repository.owner(), names);
+    std::set<std::string> placed;
+    for (const auto& name : names) {
+        auto result = results.find(name);
+        if (result == results.end()) throw Error("Missing pack " + name);
+        if (result->second.error) throw Error(*result->second.error);
+        placed.insert(result->second.placed.begin(), result->second.placed.end());
+    }
+    if (!placed.empty()) objectsLoaded_(placed);
+}
+
 void ObjectFetcher::prefetchObjects(const std::vector<std::string>& ids,
                                     const Repository& repository) {
+    try {
+        fetchStoredPacks(repository);
+    } catch (const std::exception& failure) {
+        trace(TraceModule::error, failure.what());  // the requests fail on their own below
+    }
     std::vector<FetchRequest> requests;
     for (const auto& id : ids)
         requests.push_back({id, repository.name(), repository.owner(), {}});
@@ -64,6 +95,7 @@ void ObjectFetcher::prefetchObjects(const std::vector<std::string>& ids,
 
 void ObjectFetcher::fetchObjects(const std::vector<std::string>& ids,
                                  const Repository& repository) {
+    fetchStoredPacks(repository);
     // Shared with the callbacks, which may run after this call has thrown.
     struct Wait {
         std::mutex mutex;
@@ -92,6 +124,13 @@ void ObjectFetcher::fetchObjects(const std::vector<std::string>& ids,
 void ObjectFetcher::fetchObjects(
     const std::vector<std::string>& ids, const Repository& repository,
     const std::function<void(const std::string&, const std::optional<std::string>&)>& each) {
+    try {
+        fetchStoredPacks(repository);
+    } catch (const std::exception& failure) {
+        for (const auto& id : ids)
+            each(id, std::string(failure.what()));
+        return;
+    }
     std::mutex mutex;
     std::condition_variable changed;
     std::size_t remaining = ids.size();
@@ -111,6 +150,20 @@ void ObjectFetcher::fetchObjects(
 }
 
 Object ObjectFetcher::readObject(const std::string& id, const Repository& repository,
+                                 std::optional<Bytes>* dataStream) {
+    fetchStoredPacks(repository);
+    // A delta of a stored pack may lean on an object of another pack the cache lacks.
+    for (int fetched = 0;; ++fetched) {
+        try {
+            return readCached(id, repository, dataStream);
+        } catch (const MissingBase& missing) {
+            if (fetched == kMaxDeltaDepth) throw;
+            fetchObjects({missing.id()}, repository);
+        }
+    }
+}
+
+Object ObjectFetcher::readCached(const std::string& id, const Repository& repository,
                                  std::optional<Bytes>* dataStream) {
     if (store_.hasObject(id)) {
         try {

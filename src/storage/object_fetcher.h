@@ -1,7 +1,8 @@
 // ObjectFetcher: brings object contents into the local cache on demand. Requests queue in
 // pendingRequests (newest first); one "object_fetcher" thread serves them a repository at a
 // time, answering from the cache where it can and otherwise downloading the packs that hold the
-// missing objects, at most 100 packs per pass.
+// missing objects, at most 100 packs per pass. A repository's stored packs (pack records of
+// version 3) are downloaded whole before its objects are looked for, by the caller's thread.
 //
 // Threads: enqueueing is safe from any thread. Completions run on the fetcher thread. The
 // thread is owned by the fetcher and stopped by its destructor; requests still queued then are
@@ -77,6 +78,11 @@ class ObjectFetcher {
     void resume();
 
   private:
+    // Downloads the repository's stored packs that the cache lacks: an object of a stored pack
+    // is found only through its pack's index. Throws the download's error.
+    void fetchStoredPacks(const Repository& repository);
+    Object readCached(const std::string& id, const Repository& repository,
+                      std::optional<Bytes>* dataStream);
     void enqueue(std::vector<FetchRequest> requests);
     void run();
     void servePass();
@@ -88,6 +94,7 @@ class ObjectFetcher {
     ObjectsLoaded objectsLoaded_;
     SyncArray<FetchRequest> pendingRequests_;
 
+    std::mutex storedPacksMutex_;  // one download of stored packs at a time
     std::mutex mutex_;
     std::condition_variable wake_;
     bool stopping_ = false;  // guarded by mutex_

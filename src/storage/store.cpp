@@ -302,11 +302,23 @@ Object Store::getObject(const std::string& id, std::optional<Bytes>* dataStream)
             struct Leave {
                 ~Leave() { --hops; }
             } leave;
-            auto object = readStoredObject(
-                stored->pack->name(), stored->pack->index(), stored->pack->data(), digestOfId(id),
-                [this](const std::string& base) { return getObject(base); });
-            stored->pack->noteUse();
-            return object;
+            const auto& pack = stored->pack;
+            try {
+                auto object = readStoredObject(
+                    pack->name(), pack->index(),
+                    [&](const StoredPackEntry& entry) { return pack->readEntry(entry); },
+                    digestOfId(id),
+                    [this](const std::string& base) {
+                        if (!hasObject(base)) throw MissingBase(base);
+                        return getObject(base);
+                    });
+                pack->noteUse();
+                return object;
+            } catch (const CorruptedPack& failure) {
+                // This copy is damaged: dropped, it is downloaded again (ObjectFetcher).
+                if (failure.pack() == pack->name()) storedPacks_.discard(pack->name());
+                throw;
+            }
         }
     }
     // A damaged file goes, so that the object is downloaded again (ObjectFetcher::readObject).

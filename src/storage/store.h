@@ -30,11 +30,23 @@
 #include <thread>
 #include <vector>
 
+#include "base/error.h"
 #include "objects/object.h"
 #include "storage/cache_pack.h"
 #include "storage/stored_pack_cache.h"
 
 namespace corvane {
+
+// An object that a delta of a stored pack needs and the cache does not hold: once it is fetched,
+// the read succeeds (ObjectFetcher::readObject does that).
+class MissingBase : public NotFound {
+  public:
+    explicit MissingBase(std::string id) : NotFound("Missing object " + id), id_(std::move(id)) {}
+    const std::string& id() const { return id_; }
+
+  private:
+    std::string id_;
+};
 
 class Store {
   public:

@@ -16,7 +16,7 @@ namespace {
 constexpr char kMagic[4] = {'C', 'V', 'P', '3'};
 constexpr std::uint32_t kVersion = 1;
 constexpr std::size_t kHeaderSize = 4 + 4 + 4 + 4 + 8 + 20;
-constexpr std::size_t kEntrySize = 20 + 4 + 4 + 1 + 4;
+constexpr std::size_t kEntrySize = 20 + 4 + 4 + 4 + 1 + 4;
 constexpr std::uint32_t kNoBase = 0xffffffff;
 constexpr std::uint32_t kExternal = 0x80000000;
 
@@ -50,21 +50,22 @@ void appendDistance(Bytes& out, std::uint64_t distance) {
     out.insert(out.end(), bytes + at, bytes + 10);
 }
 
-std::string packError(const std::string& name, const std::string& why) {
-    return "Corrupted pack " + name + ": " + why;
-}
-
 }  // namespace
+
+bool isStoredPackName(std::string_view name) {
+    return name.size() == 41 && name[0] == 'P' && isObjectId(name.substr(1));
+}
 
 void StoredPackBuilder::append(const Digest& id, StoredEntryKind kind, std::optional<Digest> base,
                                ByteView header, ByteView stream) {
     std::uint64_t length = header.size() + stream.size();
     if (data_.size() + length > std::numeric_limits<std::uint32_t>::max())
         throw Error("A stored pack holds at most 4 GiB");
-    entries_.push_back({id, static_cast<std::uint32_t>(data_.size()),
-                        static_cast<std::uint32_t>(length), kind, base});
+    auto start = data_.size();
     data_.insert(data_.end(), header.begin(), header.end());
     data_.insert(data_.end(), stream.begin(), stream.end());
+    entries_.push_back({id, static_cast<std::uint32_t>(start), static_cast<std::uint32_t>(length),
+                        crc32Of(ByteView(data_).subspan(start)), kind, base});
     byId_.emplace_back(id, entries_.size() - 1);
     sorted_ = false;
 }
@@ -133,6 +134,7 @@ StoredPackBuilder::Built StoredPackBuilder::finish() {
         index.insert(index.end(), entry.id.begin(), entry.id.end());
         putBigEndian(index, entry.offset, 4);
         putBigEndian(index, entry.length, 4);
+        putBigEndian(index, entry.crc32, 4);
         index.push_back(static_cast<std::uint8_t>(entry.kind));
         std::uint64_t base = kNoBase;
         if (entry.base) {
@@ -182,8 +184,8 @@ StoredPackIndex::StoredPackIndex(Bytes bytes) : bytes_(std::move(bytes)) {
         std::uint64_t offset = readBigEndian(entry + 20, 4);
         std::uint64_t length = readBigEndian(entry + 24, 4);
         if (length < 2 || offset + length > dataSize_) throw corruptIndex("entry out of bounds");
-        auto kind = entry[28];
-        std::uint64_t base = readBigEndian(entry + 29, 4);
+        auto kind = entry[32];
+        std::uint64_t base = readBigEndian(entry + 33, 4);
         switch (static_cast<StoredEntryKind>(kind)) {
             case StoredEntryKind::whole:
                 if (base != kNoBase) throw corruptIndex("a whole object with a base");
@@ -210,8 +212,9 @@ StoredPackEntry StoredPackIndex::at(std::size_t position) const {
     std::memcpy(result.id.data(), entry, 20);
     result.offset = static_cast<std::uint32_t>(readBigEndian(entry + 20, 4));
     result.length = static_cast<std::uint32_t>(readBigEndian(entry + 24, 4));
-    result.kind = static_cast<StoredEntryKind>(entry[28]);
-    auto base = readBigEndian(entry + 29, 4);
+    result.crc32 = static_cast<std::uint32_t>(readBigEndian(entry + 28, 4));
+    result.kind = static_cast<StoredEntryKind>(entry[32]);
+    auto base = readBigEndian(entry + 33, 4);
     if (base == kNoBase) return result;
     const std::uint8_t* baseId =
         base >= kExternal
@@ -236,10 +239,25 @@ std::optional<StoredPackEntry> StoredPackIndex::find(const Digest& id) const {
     return std::nullopt;
 }
 
-StoredEntryView viewEntry(ByteView data, const StoredPackEntry& entry) {
-    if (std::uint64_t{entry.offset} + entry.length > data.size())
-        throw Error("Corrupted pack entry: past the end of the data");
-    ByteView bytes = data.subspan(entry.offset, entry.length);
+void checkEntry(const std::string& name, const StoredPackEntry& entry, ByteView bytes) {
+    if (bytes.size() != entry.length) throw CorruptedPack(name, "its data is cut short");
+    if (crc32Of(bytes) != entry.crc32)
+        throw CorruptedPack(name, "the entry of " + hexString(entry.id) + " is damaged");
+}
+
+EntryReader entriesOf(const std::string& name, ByteView data) {
+    return [name, data](const StoredPackEntry& entry) {
+        if (std::uint64_t{entry.offset} + entry.length > data.size())
+            throw CorruptedPack(name, "its data is cut short");
+        auto bytes = data.subspan(entry.offset, entry.length);
+        checkEntry(name, entry, bytes);
+        return Bytes(bytes.begin(), bytes.end());
+    };
+}
+
+StoredEntryView viewEntry(ByteView bytes, const StoredPackEntry& entry) {
+    if (bytes.size() != entry.length || bytes.empty())
+        throw Error("Corrupted pack entry: not the length its index says");
     StoredEntryView view;
     std::size_t at = 0;
     std::uint8_t byte = bytes[at++];
@@ -275,19 +293,19 @@ StoredEntryView viewEntry(ByteView data, const StoredPackEntry& entry) {
     return view;
 }
 
-Object readStoredObject(const std::string& name, const StoredPackIndex& index, ByteView data,
-                        const Digest& id, const OutsideBase& outside) {
+Object readStoredObject(const std::string& name, const StoredPackIndex& index,
+                        const EntryReader& read, const Digest& id, const OutsideBase& outside) {
     // The chain from the object down to a whole one (or one from outside), then back up.
     std::vector<StoredPackEntry> chain;
     std::optional<Object> object;
     Digest next = id;
     for (;;) {
         if (chain.size() > static_cast<std::size_t>(kMaxDeltaDepth))
-            throw Error(
-                packError(name, "the delta chain of " + hexString(id) + " loops or runs too deep"));
+            throw CorruptedPack(name,
+                                "the delta chain of " + hexString(id) + " loops or runs too deep");
         auto entry = index.find(next);
         if (!entry) {
-            if (chain.empty()) throw Error(packError(name, "it does not hold " + hexString(id)));
+            if (chain.empty()) throw CorruptedPack(name, "it does not hold " + hexString(id));
             object = outside(hexString(next));
             break;
         }
@@ -295,31 +313,23 @@ Object readStoredObject(const std::string& name, const StoredPackIndex& index, B
         if (entry->kind == StoredEntryKind::whole) break;
         next = *entry->base;
     }
-    auto inflated = [&](const StoredPackEntry& entry, const StoredEntryView& view) {
-        Bytes bytes;
+    for (auto entry = chain.rbegin(); entry != chain.rend(); ++entry) {
+        Bytes bytes = read(*entry);
         try {
-            bytes = zlibInflate(view.stream);
-        } catch (const std::exception& failure) {
-            throw Error(packError(name, hexString(entry.id) + ": " + failure.what()));
-        }
-        if (bytes.size() != view.size)
-            throw Error(packError(name, hexString(entry.id) + " is cut short"));
-        return bytes;
-    };
-    try {
-        for (auto entry = chain.rbegin(); entry != chain.rend(); ++entry) {
-            auto view = viewEntry(data, *entry);
-            Bytes bytes = inflated(*entry, view);
+            auto view = viewEntry(bytes, *entry);
+            Bytes inflated = zlibInflate(view.stream);
+            if (inflated.size() != view.size) throw Error(hexString(entry->id) + " is cut short");
             object = entry->kind == StoredEntryKind::whole
-                         ? Object(static_cast<ObjectType>(view.typeCode), std::move(bytes))
-                         : apply(*object, RefDelta{object->id(), std::move(bytes)});
-            if (object->id() != hexString(entry->id))
-                throw Error(
-                    packError(name, "object " + hexString(entry->id) + " does not match its data"));
+                         ? Object(static_cast<ObjectType>(view.typeCode), std::move(inflated))
+                         : apply(*object, RefDelta{object->id(), std::move(inflated)});
+        } catch (const CorruptedPack&) {
+            throw;
+        } catch (const Error& failure) {
+            throw CorruptedPack(name, failure.what());
         }
-    } catch (const Error& failure) {
-        if (std::string_view(failure.what()).starts_with("Corrupted pack " + name)) throw;
-        throw Error(packError(name, failure.what()));
+        if (object->id() != hexString(entry->id))
+            throw CorruptedPack(name,
+                                "object " + hexString(entry->id) + " does not match its data");
     }
     return *object;
 }

@@ -10,9 +10,11 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "base/bytes.h"
+#include "base/error.h"
 #include "objects/object.h"
 #include "objects/sha1.h"
 
@@ -23,6 +25,10 @@ inline constexpr std::uint64_t kStoredPackLimit = 256ull << 20;
 // The longest delta chain a reader follows; git's own packs stay under 50 by default.
 inline constexpr int kMaxDeltaDepth = 4096;
 
+// True for the name of a stored pack ("P" and 40 hexadecimal digits), false for a pack record of
+// version 1 or 2 (three hexadecimal digits).
+bool isStoredPackName(std::string_view name);
+
 enum class StoredEntryKind : std::uint8_t { whole = 0, ofsDelta = 6, refDelta = 7 };
 
 // One object of a stored pack, as the index gives it.
@@ -30,6 +36,7 @@ struct StoredPackEntry {
     Digest id{};
     std::uint32_t offset = 0;  // of its entry in the data
     std::uint32_t length = 0;  // the entry's bytes: header, base and zlib stream
+    std::uint32_t crc32 = 0;   // of those bytes, checked whenever they are read
     StoredEntryKind kind = StoredEntryKind::whole;
     std::optional<Digest> base;  // a delta's base
 };
@@ -83,22 +90,42 @@ class StoredPackIndex {
     Digest dataHash_{};
 };
 
-// The parts of an entry, read from the data within the index's bounds. Fails with
-// "Corrupted pack entry" when the bytes do not hold what the index says.
+// A failure of a stored pack's own bytes: its data does not rebuild the objects its index names.
+// A reader that meets one in a cached copy drops the copy, to be downloaded again.
+class CorruptedPack : public Error {
+  public:
+    CorruptedPack(std::string pack, const std::string& why)
+        : Error("Corrupted pack " + pack + ": " + why), pack_(std::move(pack)) {}
+    const std::string& pack() const { return pack_; }
+
+  private:
+    std::string pack_;
+};
+
+// Reads an entry's bytes, exactly entry.length of them, from wherever the data lives; fails
+// (CorruptedPack) when they are not all there or not the bytes the index's CRC-32 names.
+using EntryReader = std::function<Bytes(const StoredPackEntry& entry)>;
+// The reader of a data held in memory.
+EntryReader entriesOf(const std::string& name, ByteView data);
+// Checks bytes read for an entry against its length and CRC-32; CorruptedPack when they differ.
+void checkEntry(const std::string& name, const StoredPackEntry& entry, ByteView bytes);
+
+// The parts of an entry, from its own bytes. Fails with "Corrupted pack entry" when the bytes do
+// not hold what the index says.
 struct StoredEntryView {
     std::uint8_t typeCode = 0;  // as in the header: 1 to 4, 6 or 7
     std::uint64_t size = 0;     // inflated size
     ByteView header;            // the type and size bytes
     ByteView stream;            // the zlib stream, to the entry's end
 };
-StoredEntryView viewEntry(ByteView data, const StoredPackEntry& entry);
+StoredEntryView viewEntry(ByteView entryBytes, const StoredPackEntry& entry);
 
 // Rebuilds the object `id` of the pack `name` from its data. A base outside the pack comes from
-// `outside` (older packs, the cache). Fails with "Corrupted pack <name>: …" for an object the
-// data does not rebuild into the object its id names, a chain that loops or runs deeper than
-// kMaxDeltaDepth, or an id the index does not hold.
+// `outside` (older packs, the cache), whose failures pass unchanged. Fails with CorruptedPack
+// ("Corrupted pack <name>: …") for an object the data does not rebuild into the object its id
+// names, a chain that loops or runs deeper than kMaxDeltaDepth, or an id the index lacks.
 using OutsideBase = std::function<Object(const std::string& id)>;
-Object readStoredObject(const std::string& name, const StoredPackIndex& index, ByteView data,
-                        const Digest& id, const OutsideBase& outside);
+Object readStoredObject(const std::string& name, const StoredPackIndex& index,
+                        const EntryReader& read, const Digest& id, const OutsideBase& outside);
 
 }  // namespace corvane

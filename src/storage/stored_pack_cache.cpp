@@ -1,7 +1,6 @@
 #include "storage/stored_pack_cache.h"
 
 #include <fcntl.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -31,37 +30,41 @@ fs::path indexPathOf(const fs::path& folder, const std::string& name) {
     return folder / (name + ".idx");
 }
 
-bool isPackName(const std::string& name) {
-    return name.size() == 41 && name[0] == 'P' && isObjectId(name.substr(1));
-}
-
 }  // namespace
 
 CachedStoredPack::CachedStoredPack(const fs::path& folder, const std::string& name)
     : name_(name),
       dataPath_(dataPathOf(folder, name)),
       index_(readFile(indexPathOf(folder, name))) {
-    int fd = ::open(dataPath_.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) throw Error(dataPath_.string() + ": " + std::strerror(errno));
+    fd_ = ::open(dataPath_.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd_ < 0) throw Error(dataPath_.string() + ": " + std::strerror(errno));
     struct stat info {};
-    if (::fstat(fd, &info) != 0 || static_cast<std::uint64_t>(info.st_size) != index_.dataSize()) {
-        ::close(fd);
+    if (::fstat(fd_, &info) != 0 || static_cast<std::uint64_t>(info.st_size) != index_.dataSize()) {
+        ::close(fd_);
         throw Error("Damaged cached pack " + name + ": its data is not the size its index says");
     }
-    mapSize_ = static_cast<std::size_t>(info.st_size);
-    if (mapSize_ > 0) {
-        void* map = ::mmap(nullptr, mapSize_, PROT_READ, MAP_SHARED, fd, 0);
-        if (map == MAP_FAILED) {
-            ::close(fd);
-            throw Error(dataPath_.string() + ": " + std::strerror(errno));
-        }
-        map_ = static_cast<const std::uint8_t*>(map);
-    }
-    ::close(fd);  // the mapping stays
 }
 
 CachedStoredPack::~CachedStoredPack() {
-    if (map_) ::munmap(const_cast<std::uint8_t*>(map_), mapSize_);
+    ::close(fd_);
+}
+
+std::filesystem::path CachedStoredPack::indexPath() const {
+    return indexPathOf(dataPath_.parent_path(), name_);
+}
+
+Bytes CachedStoredPack::readEntry(const StoredPackEntry& entry) const {
+    Bytes bytes(entry.length);
+    std::size_t done = 0;
+    while (done < bytes.size()) {
+        auto got = ::pread(fd_, bytes.data() + done, bytes.size() - done,
+                           static_cast<off_t>(entry.offset + done));
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0) throw CorruptedPack(name_, "its cached data is cut short");
+        done += static_cast<std::size_t>(got);
+    }
+    checkEntry(name_, entry, bytes);
+    return bytes;
 }
 
 void CachedStoredPack::noteUse() const {
@@ -77,7 +80,7 @@ StoredPackCache::StoredPackCache(fs::path folder) : folder_(std::move(folder)) {
 
 std::shared_ptr<const CachedStoredPack> StoredPackCache::place(const std::string& name,
                                                                ByteView data, const Bytes& index) {
-    if (!isPackName(name)) throw Error("Not a stored pack's name: " + name);
+    if (!isStoredPackName(name)) throw Error("Not a stored pack's name: " + name);
     if (auto known = pack(name)) return known;
     fs::create_directories(folder_);  // made on first use, below the cache's private root
     StoredPackIndex checked(index);
@@ -137,7 +140,7 @@ void StoredPackCache::loadNew() const {
     folderTime_ = folderTime;
     scanTime_ = fs::file_time_type::clock::now();
     for (const auto& name : names) {
-        if (!isPackName(name) || packs_.contains(name)) continue;
+        if (!isStoredPackName(name) || packs_.contains(name)) continue;
         try {
             packs_.emplace(name, std::make_shared<const CachedStoredPack>(folder_, name));
         } catch (const Error& failure) {
@@ -145,6 +148,16 @@ void StoredPackCache::loadNew() const {
             trace(TraceModule::error, failure.what());
         }
     }
+}
+
+void StoredPackCache::discard(const std::string& name) {
+    {
+        std::unique_lock lock(mutex_);
+        packs_.erase(name);
+    }
+    std::error_code ignored;
+    fs::remove(indexPathOf(folder_, name), ignored);
+    fs::remove(dataPathOf(folder_, name), ignored);
 }
 
 std::size_t StoredPackCache::expire(std::chrono::system_clock::time_point limit) {

@@ -24,8 +24,8 @@ namespace corvane {
 // One stored pack in the cache: its name, index and mapped data.
 class CachedStoredPack {
   public:
-    // Maps NAME.data and reads NAME.idx; throws when either is missing or damaged, or when the
-    // data is not what the index says it is (its size).
+    // Opens NAME.data and reads NAME.idx; throws when either is missing or damaged, or when the
+    // data is not the size the index says.
     CachedStoredPack(const std::filesystem::path& folder, const std::string& name);
     ~CachedStoredPack();
     CachedStoredPack(const CachedStoredPack&) = delete;
@@ -33,8 +33,10 @@ class CachedStoredPack {
 
     const std::string& name() const { return name_; }
     const StoredPackIndex& index() const { return index_; }
-    ByteView data() const { return {map_, mapSize_}; }
+    // An entry's bytes; CorruptedPack when the file no longer holds them.
+    Bytes readEntry(const StoredPackEntry& entry) const;
     const std::filesystem::path& dataPath() const { return dataPath_; }
+    std::filesystem::path indexPath() const;
     // Records a use in the data file's modification time, at most once an hour.
     void noteUse() const;
 
@@ -42,8 +44,7 @@ class CachedStoredPack {
     std::string name_;
     std::filesystem::path dataPath_;
     StoredPackIndex index_;
-    const std::uint8_t* map_ = nullptr;
-    std::size_t mapSize_ = 0;
+    int fd_ = -1;
     mutable std::atomic<std::int64_t> lastUse_{0};
 };
 
@@ -65,6 +66,8 @@ class StoredPackCache {
     };
     // The first pack that holds the object.
     std::optional<Found> find(const Digest& id) const;
+    // Forgets a pack found damaged and removes its files (index first).
+    void discard(const std::string& name);
 
     // Removes packs unused since `limit` and pieces left without an index for a day; returns
     // the number of files removed.

@@ -80,7 +80,7 @@ std::shared_ptr<Repository> decodeRepositoryRecord(const cloud::Record& record,
     const auto* meta = record.get<cloud::Asset>("meta");
     if (meta && meta->fileURL) {
         auto version = versionOf(record);
-        if (version == 3) {
+        if (version == 3 || version == 4) {
             auto state = readIncrementalMeta(record, known);
             content = std::move(state.content);
             metaSize = state.size;
@@ -99,6 +99,18 @@ std::shared_ptr<Repository> decodeRepositoryRecord(const cloud::Record& record,
 std::set<std::string> decodePackRecord(const cloud::Record& record, Store& store) {
     auto version = versionOf(record);
     if (version == 1) return decodePackV1(record, store);
+    if (version == 3) {
+        const auto* data = record.get<cloud::Asset>("data");
+        const auto* index = record.get<cloud::Asset>("index");
+        const auto& name = record.recordId.recordName;
+        if (!data || !index || !data->fileURL || !index->fileURL || !isStoredPackName(name))
+            throw Error("Corrupted pack " + name);
+        auto pack = store.storedPacks().place(name, readAsset(*data), readAsset(*index));
+        std::set<std::string> placed;
+        for (std::size_t i = 0; i < pack->index().count(); ++i)
+            placed.insert(hexString(pack->index().at(i).id));
+        return placed;
+    }
     if (version != 2) {
         throw Error("Unsupported pack version " + std::to_string(version) +
                     ". Try updating Corvane.");
@@ -123,6 +135,22 @@ std::set<std::string> decodePackRecord(const cloud::Record& record, Store& store
         store.placeObjectFile(id, *(*objects)[i].fileURL);
     }
     return placed;
+}
+
+cloud::Record storedPackRecord(const CachedStoredPack& pack, const cloud::ZoneId& zone) {
+    cloud::Record record(kPackRecordType, {pack.name(), zone});
+    record.setParent({kRepositoryRecordName, zone});
+    record.set("version", std::int64_t{3});
+    record.set("data", cloud::Asset{pack.dataPath()});
+    record.set("index", cloud::Asset{pack.indexPath()});
+    record.set("size", storedPackSize(pack));
+    return record;
+}
+
+std::int64_t storedPackSize(const CachedStoredPack& pack) {
+    std::error_code error;
+    auto indexSize = std::filesystem::file_size(pack.indexPath(), error);
+    return static_cast<std::int64_t>(pack.index().dataSize() + (error ? 0 : indexSize));
 }
 
 std::map<std::string, std::vector<std::string>> packContents(const RepositoryContent& content,

@@ -1,10 +1,12 @@
 // The cloud records of a repository: the repository record ("REPOSITORY", carrying the
 // metadata document), and pack records (named by the 3-character id prefix they hold).
 //
-// Pack record, version 2 (written): "version" 2, "ids" (sorted), "objects" (one asset per id:
-// the object's cache file), "size" (sum of the file sizes). A pack record only ever grows. Version
-// 1 (read only): "index", an LZFSE JSON map id → {"type", "size", "offset"} into "data", the LZFSE
-// concatenation of the objects' contents. Pure functions apart from the cache they fill.
+// Pack record, version 3 (written): a stored pack, "version" 3, "data" and "index" (assets),
+// "size"; named "P" and its data's SHA-1 (stored_pack.md). Version 2 (written before): "version" 2,
+// "ids" (sorted), "objects" (one asset per id: the object's cache file), "size" (sum of the file
+// sizes). A pack record only ever grows. Version 1 (read only): "index", an LZFSE JSON map id →
+// {"type", "size", "offset"} into "data", the LZFSE concatenation of the objects' contents. Pure
+// functions apart from the cache they fill.
 #pragma once
 
 #include <map>
@@ -34,10 +36,16 @@ std::shared_ptr<Repository> decodeRepositoryRecord(const cloud::Record& record,
                                                    const cloud::Record& share,
                                                    const Repository* known = nullptr);
 
-// Places the objects of a pack record in the cache and returns their ids. Fails with
+// Places the objects of a pack record in the cache and returns their ids; a stored pack
+// (version 3) goes into the cache whole. Fails with
 // "Unsupported pack version <n>. Try updating Corvane.", "Corrupted pack <name>",
 // "Received corrupted pack" or the error of reading an object.
 std::set<std::string> decodePackRecord(const cloud::Record& record, Store& store);
+
+// The record of a stored pack (stored_pack.md), its assets the cache's own files, and its "size":
+// the data's and the index's bytes.
+cloud::Record storedPackRecord(const CachedStoredPack& pack, const cloud::ZoneId& zone);
+std::int64_t storedPackSize(const CachedStoredPack& pack);
 
 // For each pack id, the sorted ids of the content's objects that start with it; one pass over
 // the content however many packs are asked for.

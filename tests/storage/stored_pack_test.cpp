@@ -74,27 +74,33 @@ TEST_F(StoredPackTest, ObjectsComeBackThroughTheirDeltaChainsAndTheIndexNamesEac
     EXPECT_FALSE(index.find(digestOf(outside)));
     // Each entry is git's own: the header of a whole object, of an ofs-delta pointing back to its
     // base's entry, of a ref-delta naming its base.
-    auto view = viewEntry(built.data, entry(first));
+    auto bytesOf = [&](const StoredPackEntry& stored) {
+        return entriesOf(built.name, built.data)(stored);
+    };
+    Bytes firstBytes = bytesOf(entry(first));
+    auto view = viewEntry(firstBytes, entry(first));
     EXPECT_EQ(view.typeCode, 3);
     EXPECT_EQ(view.size, first.data().size());
     EXPECT_EQ(zlibInflate(view.stream), first.data());
-    EXPECT_EQ(viewEntry(built.data, entry(second)).typeCode, 6);
-    EXPECT_EQ(viewEntry(built.data, entry(fourth)).typeCode, 7);
+    EXPECT_EQ(viewEntry(bytesOf(entry(second)), entry(second)).typeCode, 6);
+    EXPECT_EQ(viewEntry(bytesOf(entry(fourth)), entry(fourth)).typeCode, 7);
 
     for (const auto* object : {&first, &second, &third, &fourth}) {
-        auto read = readStoredObject(built.name, index, built.data, digestOf(*object),
+        auto read = readStoredObject(built.name, index, entriesOf(built.name, built.data),
+                                     digestOf(*object),
                                      [&](const std::string& id) { return fromOutside(id); });
         EXPECT_EQ(read, *object);
     }
     EXPECT_EQ(testing::errorMessage([&] {
-                  readStoredObject(built.name, index, built.data, digestOf(outside),
+                  readStoredObject(built.name, index, entriesOf(built.name, built.data),
+                                   digestOf(outside),
                                    [&](const std::string& id) { return fromOutside(id); });
               }),
               "Corrupted pack " + built.name + ": it does not hold " + outside.id());
     // An outside base that cannot be had fails with its own error.
     EXPECT_EQ(testing::errorMessage([&] {
-                  readStoredObject(built.name, index, built.data, digestOf(fourth),
-                                   [](const std::string& id) -> Object {
+                  readStoredObject(built.name, index, entriesOf(built.name, built.data),
+                                   digestOf(fourth), [](const std::string& id) -> Object {
                                        throw Error("Object " + id + " is not here");
                                    });
               }),
@@ -113,21 +119,21 @@ TEST_F(StoredPackTest, DamagedIndexesAndDataAreRefused) {
     auto newer = built.index;
     newer[7] = 2;
     EXPECT_EQ(indexError(newer), "Corrupted pack index: version 2");
-    // The first entry starts at byte 44: id, offset, length, kind, base.
+    // The first entry starts at byte 44: id, offset, length, CRC-32, kind, base.
     auto swapped = built.index;
-    std::swap_ranges(swapped.begin() + 44, swapped.begin() + 44 + 33, swapped.begin() + 44 + 33);
+    std::swap_ranges(swapped.begin() + 44, swapped.begin() + 44 + 37, swapped.begin() + 44 + 37);
     EXPECT_EQ(indexError(swapped), "Corrupted pack index: ids out of order");
     auto beyond = built.index;
     beyond[44 + 24] = 0x7f;  // a length past the data
     EXPECT_EQ(indexError(beyond), "Corrupted pack index: entry out of bounds");
     auto kind = built.index;
-    kind[44 + 28] = 5;
+    kind[44 + 32] = 5;
     EXPECT_EQ(indexError(kind), "Corrupted pack index: unknown kind 5");
 
     StoredPackIndex index(built.index);
     auto read = [&](const Bytes& data, const Object& object) {
         return testing::errorMessage([&] {
-            readStoredObject(built.name, index, data, digestOf(object),
+            readStoredObject(built.name, index, entriesOf(built.name, data), digestOf(object),
                              [&](const std::string& id) { return fromOutside(id); });
         });
     };
@@ -148,8 +154,8 @@ TEST_F(StoredPackTest, DamagedIndexesAndDataAreRefused) {
     }
     // A base from outside that is not the object its id names.
     EXPECT_EQ(testing::errorMessage([&] {
-                  readStoredObject(built.name, index, built.data, digestOf(fourth),
-                                   [&](const std::string&) { return first; });
+                  readStoredObject(built.name, index, entriesOf(built.name, built.data),
+                                   digestOf(fourth), [&](const std::string&) { return first; });
               }),
               prefix + "Invalid ref_delta");
 }
@@ -163,7 +169,7 @@ TEST_F(StoredPackTest, ADeltaChainThatLoopsEndsInAnError) {
     StoredPackIndex index(built.index);
     EXPECT_EQ(testing::errorMessage([&] {
                   readStoredObject(
-                      built.name, index, built.data, digestOf(second),
+                      built.name, index, entriesOf(built.name, built.data), digestOf(second),
                       [](const std::string& id) -> Object { throw Error("no " + id); });
               }),
               "Corrupted pack " + built.name + ": the delta chain of " + second.id() +

@@ -52,11 +52,11 @@ TEST_F(StoredRecords, RepositoryRecordsDecodeByVersion) {
     EXPECT_EQ(loaded->metaSize(), static_cast<std::int64_t>(document.size()));
     EXPECT_EQ(loaded->state().head, "ref: refs/heads/main");
 
-    record.set("version", std::int64_t{4});
+    record.set("version", std::int64_t{5});
     EXPECT_EQ(testing::errorMessage([&] { decodeRepositoryRecord(record, shareRecord()); }),
               "Unsupported repository version. Try updating Corvane.");
     auto noMeta = repositoryRecord();
-    noMeta.set("version", std::int64_t{4});  // not looked at without a document
+    noMeta.set("version", std::int64_t{5});  // not looked at without a document
     EXPECT_NO_THROW(decodeRepositoryRecord(noMeta, shareRecord()));
     auto nameless = repositoryRecord();
     nameless.remove("name");
