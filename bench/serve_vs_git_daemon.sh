@@ -2,8 +2,10 @@
 # Times Corvane's daemon against `git daemon` on the same histories, interleaved in one run, and
 # says which targets hold. For each history: a full push into an empty repository, clones with a
 # warm and a cold object cache, ls-remote, a fetch with nothing new, a push of one commit on the
-# longest branch, and the fetch of that commit. Memory is each server's peak resident size during
-# the operation: Corvane's one process, and git daemon's largest process (it forks per request).
+# longest branch that changes one line of one file, and the fetch of that commit. Memory is each
+# server's peak resident size during the operation: Corvane's one process, and git daemon's
+# largest process (it forks per request). Bytes: what each server keeps (Corvane's store and its
+# object cache; git's repository after `git gc`), and what a clone and the one-line fetch receive.
 #
 # usage: [TMPDIR=DIR] bench/serve_vs_git_daemon.sh [-b BUILD_DIR] [HISTORY...]
 #
@@ -126,14 +128,39 @@ bench_history() {
     done
     measure fetch_none git -C "$work/fetcher_SIDE" fetch -q URL "$branch"
 
-    # One new commit on the longest branch, the same object for both servers.
-    local commit
-    commit=$(git -C "$source" commit-tree -p "refs/heads/$branch" -m "one more" \
-        "refs/heads/$branch^{tree}")
+    # One new commit on the longest branch that adds a line to the largest file at the top of
+    # its tree, the same objects for both servers.
+    local commit entry name blob tree
+    entry=$(git -C "$source" ls-tree -l "refs/heads/$branch" | awk '$2 == "blob"' |
+        sort -k4 -n | tail -1)
+    name=$(echo "$entry" | cut -f2)
+    blob=$( (git -C "$source" cat-file blob "$(echo "$entry" | awk '{print $3}')"
+        echo "one line") | git -C "$source" hash-object -w --stdin)
+    tree=$(git -C "$source" ls-tree "refs/heads/$branch" |
+        awk -F'\t' -v name="$name" -v blob="$blob" \
+            '{ if ($2 == name) { split($1, f, " "); print f[1] " blob " blob "\t" $2 } else print }' |
+        git -C "$source" mktree)
+    commit=$(git -C "$source" commit-tree -p "refs/heads/$branch" -m "one more line" "$tree")
     git -C "$source" update-ref refs/bench/one "$commit"
     measure push_one git -C "$source" push -q URL "refs/bench/one:refs/heads/$branch"
-    measure fetch_one git -C "$work/fetcher_SIDE" fetch -q URL "$branch"
+    # Kept as a pack, however small, so that its size is what came over the wire.
+    touch "$work/before_fetch"
+    measure fetch_one git -C "$work/fetcher_SIDE" -c fetch.unpackLimit=1 fetch -q URL "$branch"
     git -C "$source" update-ref -d refs/bench/one
+
+    # Bytes kept, and received.
+    pack_bytes() {
+        find "$1/objects/pack" -name '*.pack' "${@:2}" -printf '%s\n' | awk '{s += $1} END {print s + 0}'
+    }
+    local c_store c_cache d_repo c_clone d_clone c_fetch d_fetch
+    c_store=$(du -sb "$work/data/corvane" | cut -f1)
+    c_cache=$(du -sb "$work/cache/corvane/Objects" | cut -f1)
+    git -C "$work/daemon/bench" gc -q
+    d_repo=$(du -sb "$work/daemon/bench/objects" | cut -f1)
+    c_clone=$(pack_bytes "$work/warm_c")
+    d_clone=$(pack_bytes "$work/warm_d")
+    c_fetch=$(pack_bytes "$work/fetcher_c" -newer "$work/before_fetch")
+    d_fetch=$(pack_bytes "$work/fetcher_d" -newer "$work/before_fetch")
 
     local size
     size=$(du -sh "$source" | cut -f1)
@@ -160,6 +187,21 @@ print(f"| {name:<10} | {ct:8.3f}s | {dt:8.3f}s | {ratio:5.1f}× | {cm / 1024:11.
       f"{dm / 1024:11.0f} | {', '.join(held):<24} |")
 EOF
     done
+    echo
+    printf '| %-24s | %12s | %12s | %6s | %-14s |\n' bytes corvane git ratio target
+    printf '|%s|\n' "--------------------------|--------------|--------------|--------|----------------"
+    python3 - "$c_store" "$c_cache" "$d_repo" "$c_clone" "$d_clone" "$c_fetch" "$d_fetch" <<'EOF'
+import sys
+store, cache, repo, cclone, dclone, cfetch, dfetch = map(int, sys.argv[1:])
+def row(name, c, d, limit):
+    ratio = c / max(d, 1)
+    held = f"≤{limit}× {'holds' if ratio <= limit else 'MISSED'}"
+    print(f"| {name:<24} | {c:12,} | {d:12,} | {ratio:5.2f}× | {held:<14} |")
+row("store (git: gc'd repo)", store, repo, 1.2)
+row("cache (git: gc'd repo)", cache, repo, 1.2)
+row("clone received", cclone, dclone, 1.1)
+row("one-line fetch received", cfetch, dfetch, 2)
+EOF
     kill "$cpid"; wait "$cpid" || true
 }
 

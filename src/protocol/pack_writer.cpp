@@ -2,6 +2,7 @@
 
 #include <sys/socket.h>
 
+#include <cstring>
 #include <limits>
 
 #include "base/error.h"
@@ -17,8 +18,8 @@ constexpr std::uint8_t kEmptyStream[] = {0x78, 0x9c, 0x03, 0x00, 0x00, 0x00, 0x0
 
 }  // namespace
 
-PackWriter::PackWriter(GitSocket& socket, ObjectReader read, unsigned workers)
-    : socket_(socket), read_(std::move(read)) {
+PackWriter::PackWriter(GitSocket& socket, ObjectReader read, unsigned workers, bool ofsDeltas)
+    : socket_(socket), read_(std::move(read)), ofsDeltas_(ofsDeltas) {
     workers_.emplace("pack-writer", workers);
 }
 
@@ -97,14 +98,65 @@ void PackWriter::write(const std::string& id) {
         return;
     }
     std::lock_guard lock(writeMutex_);
+    emit(digestOfId(id), header, compressed);
+}
+
+void PackWriter::emit(const Digest& id, ByteView header, ByteView rest) {
     if (failed_) return;
     try {
         socket_.writeSideBandData(header);
-        socket_.writeSideBandData(compressed);
+        socket_.writeSideBandData(rest);
     } catch (const std::exception&) {
         // The connection is gone; finish() reports it when it writes the trailer.
         failed_ = true;
+        return;
     }
+    written_.emplace(id, offset_);
+    offset_ += header.size() + rest.size();
+}
+
+std::size_t PackWriter::DigestHash::operator()(const Digest& id) const {
+    std::size_t hash;
+    std::memcpy(&hash, id.data(), sizeof hash);  // ids are already uniformly spread
+    return hash;
+}
+
+bool PackWriter::holds(const Digest& id) {
+    std::lock_guard lock(writeMutex_);
+    return written_.contains(id);
+}
+
+void PackWriter::addStored(const std::string& id, const CachedStoredPack& pack,
+                           const StoredPackEntry& entry) {
+    Bytes bytes;
+    StoredEntryView view;
+    try {
+        bytes = pack.readEntry(entry);
+        view = viewEntry(bytes, entry);
+    } catch (const Error&) {
+        add(id);  // a damaged copy: the object is read, and its pack fetched again, the usual way
+        return;
+    }
+    std::unique_lock lock(writeMutex_);
+    if (entry.kind == StoredEntryKind::whole) {
+        emit(entry.id, view.header, view.stream);
+        return;
+    }
+    auto base = written_.find(*entry.base);
+    if (base == written_.end()) {
+        lock.unlock();
+        add(id);
+        return;
+    }
+    Bytes header;
+    if (ofsDeltas_) {
+        header = entryHeader(ObjectType::ofsDelta, view.size);
+        appendOffsetDistance(header, offset_ - base->second);
+    } else {
+        header = entryHeader(ObjectType::refDelta, view.size);
+        header.insert(header.end(), entry.base->begin(), entry.base->end());
+    }
+    emit(entry.id, header, view.stream);
 }
 
 void PackWriter::fail(const std::string& message) {

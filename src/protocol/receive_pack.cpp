@@ -7,18 +7,11 @@
 
 #include "base/error.h"
 #include "objects/delta.h"
-#include "storage/object_writer.h"
 #include "storage/stored_pack.h"
 
 namespace corvane {
 
 namespace {
-
-// Both cores compress; the reader waits when this much is read but not yet written.
-constexpr unsigned kWriterThreads = 2;
-constexpr std::size_t kMaxUnwrittenBytes = 16 << 20;
-// A pack this large goes into the cache as one file rather than a file per object.
-constexpr std::uint32_t kPackedWriteObjects = 256;
 
 constexpr Capability kOffered[] = {Capability::reportStatus, Capability::deleteRefs,
                                    Capability::sideBand64k, Capability::quiet, Capability::atomic};
@@ -27,6 +20,9 @@ std::optional<std::string> unlessZero(std::string_view id) {
     if (id == zeroId) return std::nullopt;
     return std::string(id);
 }
+
+// The objects a push keeps at hand as bases for the deltas that follow them.
+constexpr std::size_t kRecentObjectBytes = 32 << 20;
 
 // A push that keeps meeting pushes from elsewhere gives up and lets its client fetch first.
 constexpr int kSaveAttempts = 5;
@@ -171,39 +167,54 @@ std::vector<RefUpdate> ReceivePack::readCommands() {
     return commands;
 }
 
+void ReceivePack::RecentObjects::keep(std::shared_ptr<const Object> object) {
+    bytes_ += object->data().size();
+    byId_.insert_or_assign(object->id(), object);
+    order_.push_back(std::move(object));
+    while (bytes_ > kRecentObjectBytes && order_.size() > 1) {
+        const auto& oldest = order_.front();
+        bytes_ -= oldest->data().size();
+        auto kept = byId_.find(oldest->id());
+        if (kept != byId_.end() && kept->second == oldest) byId_.erase(kept);
+        order_.pop_front();
+    }
+}
+
+std::shared_ptr<const Object> ReceivePack::RecentObjects::find(const std::string& id) const {
+    auto found = byId_.find(id);
+    return found == byId_.end() ? nullptr : found->second;
+}
+
 void ReceivePack::readPack(RepositoryContent& received) {
     std::uint32_t count = socket_.readPackHeader();
     if (count < 1) return;  // no objects, and no trailer either
-    // Objects are compressed into the cache on other cores while this thread reads on. The
-    // count is the client's word: nothing is sized by it before the objects arrive.
-    auto layout = count >= kPackedWriteObjects ? ObjectWriter::Layout::packed
-                                               : ObjectWriter::Layout::looseFiles;
-    ObjectWriter writer(backend_.store(), kWriterThreads, kMaxUnwrittenBytes, layout);
-    // The objects are kept as they came, deltas and all, in stored packs of a bounded size.
+    // The objects are kept as they came, deltas and all, in stored packs of a bounded size that
+    // go into the cache as they fill; nothing else of them is written. The count is the
+    // client's word: nothing is sized by it before the objects arrive.
     StoredPackBuilder builder;
+    RecentObjects recent;
     auto seal = [&] {
         auto built = builder.finish();
         storedPacks_.push_back(
             backend_.store().storedPacks().place(built.name, built.data, built.index));
     };
     for (std::uint32_t i = 0; i < count; ++i) {
-        auto object = std::make_shared<const Object>(readObject(writer, builder));
+        auto object = std::make_shared<const Object>(readObject(builder, recent));
         summarise(*object, received);
-        writer.put(std::move(object));
+        recent.keep(std::move(object));
         if (builder.dataSize() >= kStoredPackLimit) seal();
     }
-    writer.finish();
     socket_.readRawBytes(20);  // trailer: every object was checked by its own id
     if (builder.count() > 0) seal();
 }
 
-Object ReceivePack::readObject(const ObjectWriter& writer, StoredPackBuilder& builder) {
+Object ReceivePack::readObject(StoredPackBuilder& builder, const RecentObjects& recent) {
     auto [type, size] = socket_.readObjectHeader();
     Bytes stream;
     if (type == ObjectType::refDelta) {
         std::string source = hexString(socket_.readRawBytes(20));
         RefDelta delta{source, socket_.inflateObject(size, &stream)};
-        Object object = apply(loadBase(source, writer), delta);
+        Object object = apply(loadBase(source, builder, recent), delta);
         builder.addDelta(digestOfId(object.id()), digestOfId(source), size, stream);
         return object;
     }
@@ -213,11 +224,16 @@ Object ReceivePack::readObject(const ObjectWriter& writer, StoredPackBuilder& bu
     return object;
 }
 
-Object ReceivePack::loadBase(const std::string& id, const ObjectWriter& writer) {
-    // A base from earlier in this pack is on its way to the cache or already there; one the
-    // client assumes we have may have to come from the cloud.
-    if (auto pending = writer.find(id)) return *pending;
-    return backend_.fetcher().readObject(id, *repository_);
+Object ReceivePack::loadBase(const std::string& id, const StoredPackBuilder& builder,
+                             const RecentObjects& recent) {
+    // Most bases came just before their deltas; others earlier in this pack are rebuilt from
+    // what it holds so far; one the client assumes we have is in the cache or the cloud.
+    if (auto kept = recent.find(id)) return *kept;
+    auto outside = [&](const std::string& base) {
+        return backend_.fetcher().readObject(base, *repository_);
+    };
+    if (builder.contains(digestOfId(id))) return builder.read(digestOfId(id), outside);
+    return outside(id);
 }
 
 void ReceivePack::upload(std::size_t newObjects, std::map<std::string, std::int64_t>& packSizes) {

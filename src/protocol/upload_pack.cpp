@@ -1,7 +1,10 @@
 #include "protocol/upload_pack.h"
 
 #include <algorithm>
+#include <cstring>
 #include <thread>
+#include <tuple>
+#include <unordered_map>
 #include <unordered_set>
 
 #include "base/error.h"
@@ -277,6 +280,67 @@ std::vector<std::string> UploadPack::selectObjects(
     return output;
 }
 
+namespace {
+
+// An object to send that a stored pack in the cache holds.
+struct StoredObject {
+    std::string id;
+    StoredPackCache::Found found;
+};
+
+struct DigestHash {
+    std::size_t operator()(const Digest& id) const {
+        std::size_t hash;
+        std::memcpy(&hash, id.data(), sizeof hash);
+        return hash;
+    }
+};
+
+// Copies stored entries so that each delta follows its base when both are sent, and can point
+// back at it: in their packs' order (a pack puts bases first), a delta whose base is still to
+// come waiting for it. What still waits at the end (a base the workers wrote whole, or none)
+// goes last, as a delta where its base is written by then, else whole.
+void sendStored(PackWriter& writer, std::vector<StoredObject>& stored) {
+    std::sort(stored.begin(), stored.end(), [](const StoredObject& a, const StoredObject& b) {
+        return std::tie(a.found.pack->name(), a.found.entry.offset) <
+               std::tie(b.found.pack->name(), b.found.entry.offset);
+    });
+    std::unordered_set<Digest, DigestHash> sending;
+    for (const auto& object : stored)
+        sending.insert(object.found.entry.id);
+    std::unordered_map<Digest, std::vector<std::size_t>, DigestHash> waiting;
+    auto send = [&](std::size_t first) {
+        std::vector<std::size_t> work{first};
+        while (!work.empty()) {
+            auto& object = stored[work.back()];
+            work.pop_back();
+            writer.addStored(object.id, *object.found.pack, object.found.entry);
+            auto dependents = waiting.find(object.found.entry.id);
+            if (dependents == waiting.end()) continue;
+            work.insert(work.end(), dependents->second.begin(), dependents->second.end());
+            waiting.erase(dependents);
+        }
+    };
+    for (std::size_t i = 0; i < stored.size(); ++i) {
+        const auto& base = stored[i].found.entry.base;
+        if (base && sending.contains(*base) && !writer.holds(*base)) {
+            waiting[*base].push_back(i);
+        } else {
+            send(i);
+        }
+    }
+    writer.waitForRoom(1);
+    std::vector<std::size_t> rest;
+    for (const auto& [base, dependents] : waiting)
+        rest.insert(rest.end(), dependents.begin(), dependents.end());
+    waiting.clear();
+    std::sort(rest.begin(), rest.end());
+    for (auto i : rest)
+        send(i);
+}
+
+}  // namespace
+
 void UploadPack::sendPack(const RepositoryContent& content, const std::vector<std::string>& wants,
                           const std::vector<std::string>& haves, const Capabilities& capabilities,
                           const std::unordered_set<std::string>& boundaries,
@@ -294,14 +358,31 @@ void UploadPack::sendPack(const RepositoryContent& content, const std::vector<st
         [this](const std::string& id, std::optional<Bytes>* stream) {
             return fetcher_.readObject(id, *repository_, stream);
         },
-        workers);
+        workers, capabilities.contains(Capability::ofsDelta));
     writer.begin(ids.size());
+
+    // Objects of stored packs are copied as they are stored, deltas and all; the others are read
+    // and compressed whole, first, so that stored deltas on them find them sent.
+    try {
+        fetcher_.fetchStoredPacks(*repository_);
+    } catch (const std::exception&) {
+        // Each object then fails on its own, with the download's error.
+    }
+    std::vector<StoredObject> stored;
+    std::vector<std::string> others;
+    for (auto& id : ids) {
+        if (auto found = fetcher_.store().storedPacks().find(digestOfId(id))) {
+            stored.push_back({std::move(id), std::move(*found)});
+        } else {
+            others.push_back(std::move(id));
+        }
+    }
     // A batch at a time, each asked for once the writer is nearly through the one before: the
     // requests and queued work of a whole history would take hundreds of megabytes.
-    for (std::size_t start = 0; start < ids.size(); start += kFetchBatch) {
-        auto end =
-            ids.begin() + static_cast<std::ptrdiff_t>(std::min(ids.size(), start + kFetchBatch));
-        std::vector<std::string> batch(ids.begin() + static_cast<std::ptrdiff_t>(start), end);
+    for (std::size_t start = 0; start < others.size(); start += kFetchBatch) {
+        auto end = others.begin() +
+                   static_cast<std::ptrdiff_t>(std::min(others.size(), start + kFetchBatch));
+        std::vector<std::string> batch(others.begin() + static_cast<std::ptrdiff_t>(start), end);
         writer.waitForRoom(kFetchBatch / 4);
         fetcher_.fetchObjects(batch, *repository_,
                               [&](const std::string& id, const std::optional<std::string>& error) {
@@ -312,6 +393,8 @@ void UploadPack::sendPack(const RepositoryContent& content, const std::vector<st
                                   }
                               });
     }
+    writer.waitForRoom(1);
+    sendStored(writer, stored);
     writer.finish();
     socket_.writePktLine(kFlush);
 }

@@ -71,16 +71,20 @@ class ObjectFetcher {
     Object readObject(const std::string& id, const Repository& repository,
                       std::optional<Bytes>* dataStream = nullptr);
 
+    Store& store() { return store_; }
+
     // For tests: the requests waiting, front first.
     SyncArray<FetchRequest>& pendingRequests() { return pendingRequests_; }
     // For tests: holds the thread before its next pass until resumed.
     void pause();
     void resume();
 
-  private:
     // Downloads the repository's stored packs that the cache lacks: an object of a stored pack
-    // is found only through its pack's index. Throws the download's error.
+    // is found only through its pack's index. Every fetch does it first; a pack writer that
+    // copies stored entries does it before it looks. Throws the download's error.
     void fetchStoredPacks(const Repository& repository);
+
+  private:
     Object readCached(const std::string& id, const Repository& repository,
                       std::optional<Bytes>* dataStream);
     void enqueue(std::vector<FetchRequest> requests);

@@ -38,8 +38,9 @@ Bytes entryHeader(std::uint8_t typeCode, std::uint64_t size) {
     return header;
 }
 
-// Git's ofs-delta distance: 7 bits a byte, most significant first, each continuation adding one.
-void appendDistance(Bytes& out, std::uint64_t distance) {
+}  // namespace
+
+void appendOffsetDistance(Bytes& out, std::uint64_t distance) {
     std::uint8_t bytes[10];
     int at = 9;
     bytes[at] = static_cast<std::uint8_t>(distance & 0x7f);
@@ -49,8 +50,6 @@ void appendDistance(Bytes& out, std::uint64_t distance) {
     }
     out.insert(out.end(), bytes + at, bytes + 10);
 }
-
-}  // namespace
 
 bool isStoredPackName(std::string_view name) {
     return name.size() == 41 && name[0] == 'P' && isObjectId(name.substr(1));
@@ -66,17 +65,27 @@ void StoredPackBuilder::append(const Digest& id, StoredEntryKind kind, std::opti
     data_.insert(data_.end(), stream.begin(), stream.end());
     entries_.push_back({id, static_cast<std::uint32_t>(start), static_cast<std::uint32_t>(length),
                         crc32Of(ByteView(data_).subspan(start)), kind, base});
-    byId_.emplace_back(id, entries_.size() - 1);
-    sorted_ = false;
+    byId_.emplace(id, entries_.size() - 1);
+}
+
+std::size_t StoredPackBuilder::DigestHash::operator()(const Digest& id) const {
+    std::size_t hash;
+    std::memcpy(&hash, id.data(), sizeof hash);  // ids are already uniformly spread
+    return hash;
 }
 
 bool StoredPackBuilder::contains(const Digest& id) const {
-    if (!sorted_) {
-        std::sort(byId_.begin(), byId_.end());
-        sorted_ = true;
-    }
-    auto found = std::lower_bound(byId_.begin(), byId_.end(), std::pair{id, std::size_t{0}});
-    return found != byId_.end() && found->first == id;
+    return byId_.contains(id);
+}
+
+Object StoredPackBuilder::read(const Digest& id, const OutsideBase& outside) const {
+    auto find = [&](const Digest& wanted) -> std::optional<StoredPackEntry> {
+        auto found = byId_.find(wanted);
+        if (found == byId_.end()) return std::nullopt;
+        return entries_[found->second];
+    };
+    return readStoredObject("being received", find, entriesOf("being received", data_), id,
+                            outside);
 }
 
 void StoredPackBuilder::addWhole(const Digest& id, ObjectType type, std::uint64_t size,
@@ -87,10 +96,9 @@ void StoredPackBuilder::addWhole(const Digest& id, ObjectType type, std::uint64_
 
 void StoredPackBuilder::addDelta(const Digest& id, const Digest& base, std::uint64_t deltaSize,
                                  ByteView stream) {
-    if (contains(base)) {
-        auto found = std::lower_bound(byId_.begin(), byId_.end(), std::pair{base, std::size_t{0}});
+    if (auto found = byId_.find(base); found != byId_.end()) {
         auto header = entryHeader(static_cast<std::uint8_t>(ObjectType::ofsDelta), deltaSize);
-        appendDistance(header, data_.size() - entries_[found->second].offset);
+        appendOffsetDistance(header, data_.size() - entries_[found->second].offset);
         append(id, StoredEntryKind::ofsDelta, base, header, stream);
         return;
     }
@@ -295,6 +303,12 @@ StoredEntryView viewEntry(ByteView bytes, const StoredPackEntry& entry) {
 
 Object readStoredObject(const std::string& name, const StoredPackIndex& index,
                         const EntryReader& read, const Digest& id, const OutsideBase& outside) {
+    return readStoredObject(
+        name, [&](const Digest& wanted) { return index.find(wanted); }, read, id, outside);
+}
+
+Object readStoredObject(const std::string& name, const EntryFinder& find, const EntryReader& read,
+                        const Digest& id, const OutsideBase& outside) {
     // The chain from the object down to a whole one (or one from outside), then back up.
     std::vector<StoredPackEntry> chain;
     std::optional<Object> object;
@@ -303,7 +317,7 @@ Object readStoredObject(const std::string& name, const StoredPackIndex& index,
         if (chain.size() > static_cast<std::size_t>(kMaxDeltaDepth))
             throw CorruptedPack(name,
                                 "the delta chain of " + hexString(id) + " loops or runs too deep");
-        auto entry = index.find(next);
+        auto entry = find(next);
         if (!entry) {
             if (chain.empty()) throw CorruptedPack(name, "it does not hold " + hexString(id));
             object = outside(hexString(next));

@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "base/bytes.h"
@@ -29,6 +30,10 @@ inline constexpr int kMaxDeltaDepth = 4096;
 // version 1 or 2 (three hexadecimal digits).
 bool isStoredPackName(std::string_view name);
 
+// Git's ofs-delta distance back to the base's entry: 7 bits a byte, most significant first, each
+// continuation adding one.
+void appendOffsetDistance(Bytes& out, std::uint64_t distance);
+
 enum class StoredEntryKind : std::uint8_t { whole = 0, ofsDelta = 6, refDelta = 7 };
 
 // One object of a stored pack, as the index gives it.
@@ -41,6 +46,8 @@ struct StoredPackEntry {
     std::optional<Digest> base;  // a delta's base
 };
 
+using OutsideBase = std::function<Object(const std::string& id)>;
+
 class StoredPackBuilder {
   public:
     // A whole object: its type, its data's size and the zlib stream of its data.
@@ -50,6 +57,8 @@ class StoredPackBuilder {
     void addDelta(const Digest& id, const Digest& base, std::uint64_t deltaSize, ByteView stream);
 
     bool contains(const Digest& id) const;
+    // Rebuilds an object added before, its bases outside this builder from `outside`.
+    Object read(const Digest& id, const OutsideBase& outside) const;
     std::size_t count() const { return entries_.size(); }
     std::uint64_t dataSize() const { return data_.size(); }
 
@@ -66,9 +75,11 @@ class StoredPackBuilder {
                 ByteView stream);
 
     Bytes data_;
-    std::vector<StoredPackEntry> entries_;                      // in data order
-    mutable std::vector<std::pair<Digest, std::size_t>> byId_;  // sorted lazily by contains()
-    mutable bool sorted_ = true;
+    std::vector<StoredPackEntry> entries_;  // in data order
+    struct DigestHash {
+        std::size_t operator()(const Digest& id) const;
+    };
+    std::unordered_map<Digest, std::size_t, DigestHash> byId_;  // id → entries_ position
 };
 
 class StoredPackIndex {
@@ -124,8 +135,11 @@ StoredEntryView viewEntry(ByteView entryBytes, const StoredPackEntry& entry);
 // `outside` (older packs, the cache), whose failures pass unchanged. Fails with CorruptedPack
 // ("Corrupted pack <name>: …") for an object the data does not rebuild into the object its id
 // names, a chain that loops or runs deeper than kMaxDeltaDepth, or an id the index lacks.
-using OutsideBase = std::function<Object(const std::string& id)>;
 Object readStoredObject(const std::string& name, const StoredPackIndex& index,
                         const EntryReader& read, const Digest& id, const OutsideBase& outside);
+// The same over any way of finding a pack's entries by id.
+using EntryFinder = std::function<std::optional<StoredPackEntry>(const Digest& id)>;
+Object readStoredObject(const std::string& name, const EntryFinder& find, const EntryReader& read,
+                        const Digest& id, const OutsideBase& outside);
 
 }  // namespace corvane
