@@ -17,17 +17,13 @@ namespace {
 
 // Wants by id are served (a partial clone fetches what it left out that way), so both kinds of
 // unadvertised wants are allowed.
-constexpr Capability kOffered[] = {Capability::sideBand,
-                                   Capability::sideBand64k,
-                                   Capability::noProgress,
-                                   Capability::includeTag,
-                                   Capability::shallow,
-                                   Capability::deepenRelative,
-                                   Capability::deepenNot,
-                                   Capability::deepenSince,
-                                   Capability::filter,
-                                   Capability::allowTipSha1InWant,
-                                   Capability::allowReachableSha1InWant};
+constexpr Capability kOffered[] = {
+    Capability::sideBand,           Capability::sideBand64k,
+    Capability::ofsDelta,           Capability::noProgress,
+    Capability::includeTag,         Capability::shallow,
+    Capability::deepenRelative,     Capability::deepenNot,
+    Capability::deepenSince,        Capability::filter,
+    Capability::allowTipSha1InWant, Capability::allowReachableSha1InWant};
 
 // Objects asked of the fetcher at a time while a pack is written.
 constexpr std::size_t kFetchBatch = 4096;
