@@ -1,6 +1,8 @@
 // Clone, fetch and push through the built `corvane serve` with the real git client.
 #include <gtest/gtest.h>
 
+#include <csignal>
+#include <filesystem>
 #include <future>
 
 #include "e2e/corvane_server.h"
@@ -33,6 +35,19 @@ TEST_F(ServeGit, PushWholeHistoryThenCloneAndFetchIncrementally) {
 
     std::string clone = dir("clone");
     sh(clone, "git clone -q " + server.url("lz4") + " . && git fsck --full --no-progress");
+    // Git's economy all the way: the store, the cache and the clone hold the deltas as they
+    // were pushed, no more bytes than git's own pack; a clone with a cold cache as well.
+    auto kib = [&](const std::string& where, const std::string& command) {
+        return std::stol(trimmed(sh(where, command)));
+    };
+    auto packKiB = [&](const std::string& repository) {
+        return kib(repository, "git count-objects -v | sed -n 's/^size-pack: //p'");
+    };
+    long gitPack = packKiB(source);
+    EXPECT_LE(packKiB(clone), gitPack * 11 / 10);
+    EXPECT_LE(kib(server.home(), "du -sk cache/corvane/Objects | cut -f1"), gitPack * 12 / 10);
+    EXPECT_LE(kib(server.home(), "du -sk data/corvane/cloud.sqlite | cut -f1"),
+              gitPack * 12 / 10 + 1024);
     EXPECT_EQ(sh(clone,
                  "git for-each-ref --format='%(objectname) %(refname:lstrip=3)' "
                  "refs/remotes/origin | grep -v HEAD"),
@@ -68,6 +83,14 @@ TEST_F(ServeGit, PushWholeHistoryThenCloneAndFetchIncrementally) {
        "git push -q origin dev");
     sh(older, "git fetch -q origin && git merge -q --no-edit origin/dev && git fsck --no-progress");
     EXPECT_EQ(trimmed(sh(older, "cat remote.txt")), "remote");
+
+    // A cold cache fetches the stored packs, and a clone gets the same economy.
+    server.process().stop(SIGTERM);
+    std::filesystem::remove_all(server.home() + "/cache/corvane");
+    server.restart(SIGTERM);
+    std::string cold = dir("cold");
+    sh(cold, "git clone -q --bare " + server.url("lz4") + " . && git fsck --strict --no-progress");
+    EXPECT_LE(packKiB(cold), gitPack * 11 / 10);
 }
 
 TEST_F(ServeGit, ReferencesTagsDeletionsAndStalePushes) {
