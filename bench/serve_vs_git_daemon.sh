@@ -143,14 +143,14 @@ bench_history() {
     commit=$(git -C "$source" commit-tree -p "refs/heads/$branch" -m "one more line" "$tree")
     git -C "$source" update-ref refs/bench/one "$commit"
     measure push_one git -C "$source" push -q URL "refs/bench/one:refs/heads/$branch"
-    # Kept as a pack, however small, so that its size is what came over the wire.
-    touch "$work/before_fetch"
-    measure fetch_one git -C "$work/fetcher_SIDE" -c fetch.unpackLimit=1 fetch -q URL "$branch"
+    # The pack as it came over the wire (a client completes a thin pack before it keeps it).
+    measure fetch_one env GIT_TRACE_PACKFILE="$work/fetched_SIDE.pack" \
+        git -C "$work/fetcher_SIDE" fetch -q URL "$branch"
     git -C "$source" update-ref -d refs/bench/one
 
     # Bytes kept, and received.
     pack_bytes() {
-        find "$1/objects/pack" -name '*.pack' "${@:2}" -printf '%s\n' | awk '{s += $1} END {print s + 0}'
+        find "$1/objects/pack" -name '*.pack' -printf '%s\n' | awk '{s += $1} END {print s + 0}'
     }
     local c_store c_cache d_repo c_clone d_clone c_fetch d_fetch
     c_store=$(du -sb "$work/data/corvane" | cut -f1)
@@ -159,8 +159,8 @@ bench_history() {
     d_repo=$(du -sb "$work/daemon/bench/objects" | cut -f1)
     c_clone=$(pack_bytes "$work/warm_c")
     d_clone=$(pack_bytes "$work/warm_d")
-    c_fetch=$(pack_bytes "$work/fetcher_c" -newer "$work/before_fetch")
-    d_fetch=$(pack_bytes "$work/fetcher_d" -newer "$work/before_fetch")
+    c_fetch=$(stat -c %s "$work/fetched_c.pack")
+    d_fetch=$(stat -c %s "$work/fetched_d.pack")
 
     local size
     size=$(du -sh "$source" | cut -f1)

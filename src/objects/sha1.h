@@ -5,6 +5,7 @@
 
 #include <array>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -15,6 +16,15 @@
 namespace corvane {
 
 using Digest = std::array<std::uint8_t, 20>;
+
+// Hashes a digest for unordered containers: its first bytes, already uniformly spread.
+struct DigestHash {
+    std::size_t operator()(const Digest& id) const {
+        std::size_t hash;
+        std::memcpy(&hash, id.data(), sizeof hash);
+        return hash;
+    }
+};
 
 bool isObjectId(std::string_view text);
 

@@ -21,7 +21,8 @@ constexpr Capability kAll[] = {Capability::allowReachableSha1InWant,
                                Capability::reportStatus,
                                Capability::shallow,
                                Capability::sideBand,
-                               Capability::sideBand64k};
+                               Capability::sideBand64k,
+                               Capability::thinPack};
 
 }  // namespace
 
@@ -59,6 +60,8 @@ std::string_view capabilityName(Capability capability) {
             return "side-band";
         case Capability::sideBand64k:
             return "side-band-64k";
+        case Capability::thinPack:
+            return "thin-pack";
     }
     return "";
 }

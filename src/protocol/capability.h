@@ -25,6 +25,7 @@ enum class Capability {
     shallow,
     sideBand,
     sideBand64k,
+    thinPack,
 };
 
 using Capabilities = std::set<Capability>;

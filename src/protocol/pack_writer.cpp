@@ -18,8 +18,8 @@ constexpr std::uint8_t kEmptyStream[] = {0x78, 0x9c, 0x03, 0x00, 0x00, 0x00, 0x0
 
 }  // namespace
 
-PackWriter::PackWriter(GitSocket& socket, ObjectReader read, unsigned workers, bool ofsDeltas)
-    : socket_(socket), read_(std::move(read)), ofsDeltas_(ofsDeltas) {
+PackWriter::PackWriter(GitSocket& socket, ObjectReader read, unsigned workers, DeltaRules rules)
+    : socket_(socket), read_(std::move(read)), rules_(std::move(rules)) {
     workers_.emplace("pack-writer", workers);
 }
 
@@ -115,12 +115,6 @@ void PackWriter::emit(const Digest& id, ByteView header, ByteView rest) {
     offset_ += header.size() + rest.size();
 }
 
-std::size_t PackWriter::DigestHash::operator()(const Digest& id) const {
-    std::size_t hash;
-    std::memcpy(&hash, id.data(), sizeof hash);  // ids are already uniformly spread
-    return hash;
-}
-
 bool PackWriter::holds(const Digest& id) {
     std::lock_guard lock(writeMutex_);
     return written_.contains(id);
@@ -143,13 +137,14 @@ void PackWriter::addStored(const std::string& id, const CachedStoredPack& pack,
         return;
     }
     auto base = written_.find(*entry.base);
-    if (base == written_.end()) {
+    bool thin = base == written_.end() && rules_.clientHas.contains(*entry.base);
+    if (base == written_.end() && !thin) {
         lock.unlock();
         add(id);
         return;
     }
     Bytes header;
-    if (ofsDeltas_) {
+    if (!thin && rules_.ofsDeltas) {
         header = entryHeader(ObjectType::ofsDelta, view.size);
         appendOffsetDistance(header, offset_ - base->second);
     } else {

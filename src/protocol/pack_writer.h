@@ -15,6 +15,7 @@
 #include <optional>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 
 #include "base/queues.h"
 #include "objects/object.h"
@@ -29,8 +30,13 @@ class PackWriter {
     // has one (see Store::getObject). Called on the workers.
     using ObjectReader = std::function<Object(const std::string& id, std::optional<Bytes>* stream)>;
 
-    // `ofsDeltas`: the client takes deltas that point back at their base (ofs-delta).
-    PackWriter(GitSocket& socket, ObjectReader read, unsigned workers, bool ofsDeltas);
+    // What the client takes: deltas that point back at their base (ofs-delta), and deltas on
+    // bases it holds already and is not sent (a thin pack): those of `clientHas`.
+    struct DeltaRules {
+        bool ofsDeltas = false;
+        std::unordered_set<Digest, DigestHash> clientHas;
+    };
+    PackWriter(GitSocket& socket, ObjectReader read, unsigned workers, DeltaRules rules);
 
     // The pack header; fails before anything is sent when the count exceeds 32 bits.
     void begin(std::size_t objectCount);
@@ -57,17 +63,13 @@ class PackWriter {
     static Bytes entryHeader(ObjectType type, std::uint64_t size);
 
   private:
-    struct DigestHash {
-        std::size_t operator()(const Digest& id) const;
-    };
-
     void write(const std::string& id);
     // Sends one entry and notes where it starts; writeMutex_ held.
     void emit(const Digest& id, ByteView header, ByteView rest);
 
     GitSocket& socket_;
     ObjectReader read_;
-    const bool ofsDeltas_;
+    const DeltaRules rules_;
     std::mutex writeMutex_;  // one entry at a time on the wire; guards what follows
     bool failed_ = false;
     std::uint64_t offset_ = 12;  // of the next entry, from the pack's start

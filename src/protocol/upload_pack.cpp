@@ -17,13 +17,19 @@ namespace {
 
 // Wants by id are served (a partial clone fetches what it left out that way), so both kinds of
 // unadvertised wants are allowed.
-constexpr Capability kOffered[] = {
-    Capability::sideBand,           Capability::sideBand64k,
-    Capability::ofsDelta,           Capability::noProgress,
-    Capability::includeTag,         Capability::shallow,
-    Capability::deepenRelative,     Capability::deepenNot,
-    Capability::deepenSince,        Capability::filter,
-    Capability::allowTipSha1InWant, Capability::allowReachableSha1InWant};
+constexpr Capability kOffered[] = {Capability::sideBand,
+                                   Capability::sideBand64k,
+                                   Capability::ofsDelta,
+                                   Capability::thinPack,
+                                   Capability::noProgress,
+                                   Capability::includeTag,
+                                   Capability::shallow,
+                                   Capability::deepenRelative,
+                                   Capability::deepenNot,
+                                   Capability::deepenSince,
+                                   Capability::filter,
+                                   Capability::allowTipSha1InWant,
+                                   Capability::allowReachableSha1InWant};
 
 // Objects asked of the fetcher at a time while a pack is written.
 constexpr std::size_t kFetchBatch = 4096;
@@ -278,18 +284,37 @@ std::vector<std::string> UploadPack::selectObjects(
 
 namespace {
 
+// The commits whose trees a thin pack's bases are looked for in: git looks at its boundary
+// commits in the same way. Enough for the fetches people make; a walk of every have would cost
+// more than it saves.
+constexpr std::size_t kThinBaseCommits = 16;
+
+// What the client takes: ofs-deltas as it asked, and for a thin pack the objects below the trees
+// of the commits it has, which deltas may lean on without their bases being sent.
+PackWriter::DeltaRules deltaRules(const RepositoryContent& content,
+                                  const std::vector<std::string>& haves,
+                                  const Capabilities& capabilities) {
+    PackWriter::DeltaRules rules;
+    rules.ofsDeltas = capabilities.contains(Capability::ofsDelta);
+    if (!capabilities.contains(Capability::thinPack)) return rules;
+    std::unordered_set<std::string> held;
+    std::size_t walked = 0;
+    for (const auto& have : haves) {
+        const PartialCommit* commit = content.commits.find(have);
+        if (!commit) continue;
+        markTreeSeen(content, commit->tree, held);
+        if (++walked == kThinBaseCommits) break;
+    }
+    for (const auto& id : held) {
+        if (isObjectId(id)) rules.clientHas.insert(digestOfId(id));
+    }
+    return rules;
+}
+
 // An object to send that a stored pack in the cache holds.
 struct StoredObject {
     std::string id;
     StoredPackCache::Found found;
-};
-
-struct DigestHash {
-    std::size_t operator()(const Digest& id) const {
-        std::size_t hash;
-        std::memcpy(&hash, id.data(), sizeof hash);
-        return hash;
-    }
 };
 
 // Copies stored entries so that each delta follows its base when both are sent, and can point
@@ -354,7 +379,12 @@ void UploadPack::sendPack(const RepositoryContent& content, const std::vector<st
         [this](const std::string& id, std::optional<Bytes>* stream) {
             return fetcher_.readObject(id, *repository_, stream);
         },
-        workers, capabilities.contains(Capability::ofsDelta));
+        workers,
+        // A partial clone may lack blobs below the commits it has.
+        deltaRules(
+            content,
+            filter.kind == ObjectFilter::Kind::everything ? haves : std::vector<std::string>{},
+            capabilities));
     writer.begin(ids.size());
 
     // Objects of stored packs are copied as they are stored, deltas and all; the others are read

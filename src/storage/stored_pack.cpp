@@ -68,12 +68,6 @@ void StoredPackBuilder::append(const Digest& id, StoredEntryKind kind, std::opti
     byId_.emplace(id, entries_.size() - 1);
 }
 
-std::size_t StoredPackBuilder::DigestHash::operator()(const Digest& id) const {
-    std::size_t hash;
-    std::memcpy(&hash, id.data(), sizeof hash);  // ids are already uniformly spread
-    return hash;
-}
-
 bool StoredPackBuilder::contains(const Digest& id) const {
     return byId_.contains(id);
 }

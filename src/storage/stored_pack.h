@@ -75,10 +75,7 @@ class StoredPackBuilder {
                 ByteView stream);
 
     Bytes data_;
-    std::vector<StoredPackEntry> entries_;  // in data order
-    struct DigestHash {
-        std::size_t operator()(const Digest& id) const;
-    };
+    std::vector<StoredPackEntry> entries_;                      // in data order
     std::unordered_map<Digest, std::size_t, DigestHash> byId_;  // id → entries_ position
 };
 
