@@ -120,7 +120,13 @@ bench_history() {
 
     measure push git -C "$source" push -q URL 'refs/heads/*:refs/heads/*' 'refs/tags/*:refs/tags/*'
     measure clone_warm git clone -q --bare URL "$work/warm_SIDE"
+    # Cold: a daemon started afresh on an empty cache (a running one still holds the packs it
+    # opened, deleted or not).
+    kill "$cpid"; wait "$cpid" || true
     rm -rf "$work/cache/corvane"
+    "$corvane" serve --port "$cport" 2>> "$work/corvane.log" &
+    cpid=$!
+    wait_port "$cport"
     measure clone_cold git clone -q --bare URL "$work/cold_SIDE"
     measure ls_remote git ls-remote URL
     for side in c d; do
@@ -153,6 +159,9 @@ bench_history() {
         find "$1/objects/pack" -name '*.pack' -printf '%s\n' | awk '{s += $1} END {print s + 0}'
     }
     local c_store c_cache d_repo c_clone d_clone c_fetch d_fetch
+    # The store as its own checkpoints leave it: the write-ahead log folded into the file.
+    python3 -c "import sqlite3, sys; sqlite3.connect(sys.argv[1]).execute('PRAGMA wal_checkpoint(TRUNCATE)')" \
+        "$work/data/corvane/cloud.sqlite"
     c_store=$(du -sb "$work/data/corvane" | cut -f1)
     c_cache=$(du -sb "$work/cache/corvane/Objects" | cut -f1)
     git -C "$work/daemon/bench" gc -q
