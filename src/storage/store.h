@@ -1,11 +1,11 @@
 // Store: the local object cache, shared by all repositories and by every process of the user.
-// An object's cache file is a zlib-compressed git loose object. Most live one per object under
-// root/<first 3 id characters>/<id>; the objects of a large push live in a cache pack under
-// root/packs (cache_pack.h), written as one file; objects of stored packs (pack records of
-// version 3) live in those packs under root/stored (stored_pack_cache.h), deltas and all. Files
-// and packs unused for a week expire.
-// Nothing is held in memory but the packs' indexes (mapped, not read): a long history's parsed
-// objects would grow without bound, and the repository summaries answer what the daemon asks.
+// Objects of stored packs (pack records of version 3) live in those packs under root/stored
+// (stored_pack_cache.h), deltas and all. Other objects have a cache file, a zlib-compressed git
+// loose object: one per object under root/<first 3 id characters>/<id>, or many in a cache pack
+// under root/packs (cache_pack.h; pushes wrote these before they were kept as stored packs).
+// Files and packs unused for a week expire. Nothing is held in memory but the packs' indexes: a
+// long history's parsed objects would grow without bound, and the repository summaries answer
+// what the daemon asks.
 //
 // Thread safety: every operation may run on any thread. Object files are written atomically
 // (temporary file, then rename), so a reader sees no file or a whole one; a pack is found by

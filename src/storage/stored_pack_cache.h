@@ -1,8 +1,9 @@
 // StoredPackCache: stored packs (stored_pack.md) kept in the object cache as the store keeps
 // them, so that a cache filled from the store holds no more than the store's packs:
-// FOLDER/NAME.data beside FOLDER/NAME.idx. The data is mapped, not read; an index is read once and
-// kept. A pack without its index is one still being placed, or abandoned; the index is written
-// last.
+// FOLDER/NAME.data beside FOLDER/NAME.idx. An index is read once and kept; the data is read an
+// entry at a time, each checked against its CRC-32 (not mapped: a file damaged under a mapping
+// would end the process). A pack without its index is one still being placed, or abandoned; the
+// index is written last. A pack found damaged when read is dropped, to be downloaded again.
 //
 // Thread safety: every operation may run on any thread; other processes' packs are found once
 // their index is there. A pack found stays readable by whoever holds it, even once expired.
@@ -21,7 +22,7 @@
 
 namespace corvane {
 
-// One stored pack in the cache: its name, index and mapped data.
+// One stored pack in the cache: its name, its index, and its data file held open.
 class CachedStoredPack {
   public:
     // Opens NAME.data and reads NAME.idx; throws when either is missing or damaged, or when the
