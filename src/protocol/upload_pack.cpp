@@ -225,13 +225,15 @@ std::vector<std::string> UploadPack::selectObjects(
     std::vector<std::string> pendingCommits;
     std::vector<std::string> pendingTrees;
     std::vector<std::string> blobs;
-    std::unordered_set<std::string> blobSet;
+    // A blob is met once per tree that lists it (millions of times in a long history): one
+    // look each, and its size only where the filter asks about sizes.
     auto addBlob = [&](const std::string& blob) {
-        if (!seen.contains(blob) && blobSet.insert(blob).second) blobs.push_back(blob);
+        if (seen.insert(blob).second) blobs.push_back(blob);
     };
-    auto blobSize = [&](const std::string& blob) {
+    auto keepsBlob = [&](const std::string& blob) {
+        if (filter.kind == ObjectFilter::Kind::everything) return true;
         const std::int64_t* size = content.blobs.find(blob);
-        return size ? *size : std::int64_t{-1};
+        return filter.keepsBlob(size ? *size : std::int64_t{-1});
     };
     for (const auto& want : wants) {
         if (const PartialTag* tag = content.tags.find(want)) {
@@ -239,8 +241,7 @@ std::vector<std::string> UploadPack::selectObjects(
             if (tag->type == ObjectType::commit) pendingCommits.push_back(tag->target);
             if (tag->type == ObjectType::tree && filter.keepsTrees())
                 pendingTrees.push_back(tag->target);
-            if (tag->type == ObjectType::blob && filter.keepsBlob(blobSize(tag->target)))
-                addBlob(tag->target);
+            if (tag->type == ObjectType::blob && keepsBlob(tag->target)) addBlob(tag->target);
         } else if (content.trees.contains(want)) {
             pendingTrees.push_back(want);  // asked for by id: sent whatever the filter
         } else if (content.blobs.contains(want)) {
@@ -274,7 +275,7 @@ std::vector<std::string> UploadPack::selectObjects(
         }
         for (auto link : tree->blobs) {
             auto blob = linkedId(link);
-            if (filter.keepsBlob(blobSize(blob))) addBlob(blob);
+            if (keepsBlob(blob)) addBlob(blob);
         }
         output.push_back(id);
     }
