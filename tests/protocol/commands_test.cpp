@@ -2,6 +2,8 @@
 // real store and object cache.
 #include <gtest/gtest.h>
 
+#include <zlib.h>
+
 #include <future>
 
 #include "objects/sha1.h"
@@ -12,6 +14,7 @@
 #include "socket_pair.h"
 #include "storage/cloud_fixture.h"
 #include "storage/stored_pack.h"
+#include "support/deltas.h"
 #include "support/error_message.h"
 #include "support/process.h"
 #include "support/tcp_client.h"
@@ -162,6 +165,100 @@ TEST_F(Commands, ReceivePackAdvertisesReportsAndRefusesStalePushes) {
                                    pktLine("0123 4567 refs/heads/x") + "0000");
     EXPECT_EQ(offered, pktLine(zeroId + " capabilities^{}" + '\0' + capabilities + "\n") + "0000");
     EXPECT_EQ(bad, "Invalid receive-pack command");
+}
+
+// The entries of a pack as (type, the base a ref-delta names), read the way a client does.
+std::vector<std::pair<int, std::string>> packEntries(const std::string& pack) {
+    std::vector<std::pair<int, std::string>> entries;
+    auto bytes = asBytes(pack);
+    std::size_t at = 12;
+    for (std::uint32_t count = (bytes[8] << 24) | (bytes[9] << 16) | (bytes[10] << 8) | bytes[11];
+         count > 0; --count) {
+        std::uint8_t byte = bytes[at++];
+        int type = (byte >> 4) & 7;
+        while (byte & 0x80)
+            byte = bytes[at++];
+        std::string base;
+        if (type == 6) {
+            while (bytes[at++] & 0x80) {
+            }
+        } else if (type == 7) {
+            base = hexString(bytes.subspan(at, 20));
+            at += 20;
+        }
+        z_stream stream{};
+        inflateInit(&stream);
+        std::uint8_t out[4096];
+        stream.next_in = const_cast<std::uint8_t*>(bytes.data() + at);
+        stream.avail_in = static_cast<uInt>(bytes.size() - at);
+        int status = Z_OK;
+        while (status == Z_OK) {
+            stream.next_out = out;
+            stream.avail_out = sizeof out;
+            status = inflate(&stream, Z_NO_FLUSH);
+        }
+        EXPECT_EQ(status, Z_STREAM_END);
+        at += stream.total_in;
+        inflateEnd(&stream);
+        entries.emplace_back(type, base);
+    }
+    return entries;
+}
+
+TEST_F(Commands, StoredDeltasGoOutAsTheClientAsked) {
+    // A push whose new blob is a delta on the blob the repository has (a thin pack).
+    auto repository = storedRepository();
+    Object changed(ObjectType::blob, toBytes("hello\nworld\n"));
+    Object changedTree(ObjectType::tree, treeWith(changed));
+    Object next(ObjectType::commit,
+                toBytes("tree " + changedTree.id() + "\nparent " + commit.id() +
+                        "\nauthor A <a@x> 2 +0000\ncommitter A <a@x> 2 +0000\n\nsecond\n"));
+    std::string pack("PACK\0\0\0\2\0\0\0\3", 12);
+    for (const auto* object : {&next, &changedTree}) {
+        pack += asText(PackWriter::entryHeader(object->type(), object->data().size()));
+        pack += asText(zlibDeflate(object->data()));
+    }
+    Bytes delta = testing::makeDelta(blob, changed);
+    pack += asText(PackWriter::entryHeader(ObjectType::refDelta, delta.size()));
+    pack += asText(digestOfId(blob.id()));
+    pack += asText(zlibDeflate(delta));
+    pack += std::string(20, '\0');
+    auto [pushed, refused] = exchange(
+        receivePack(repository),
+        pktLine(commit.id() + " " + next.id() + " refs/heads/main" + '\0' + "report-status") +
+            "0000" + pack);
+    ASSERT_EQ(refused, "");
+    auto stored = backend.fetchRepository("tools", "__defaultOwner__");
+
+    auto fetch = [&](const std::string& capabilities, bool withHave) {
+        std::string client = pktLine("want " + next.id() + " " + capabilities + "\n") + "0000";
+        if (withHave) client += pktLine("have " + commit.id() + "\n");
+        auto [sent, error] = exchange(uploadPack(stored), client + pktLine("done\n"));
+        EXPECT_EQ(error, "");
+        auto start = sent.find("PACK");
+        return start == std::string::npos ? decltype(packEntries(sent)){}
+                                          : packEntries(sent.substr(start));
+    };
+    auto deltaOf = [](const auto& entries) {
+        std::pair<int, std::string> found{0, ""};
+        for (const auto& entry : entries) {
+            if (entry.first >= 6) found = entry;
+        }
+        return found;
+    };
+    // A whole clone: the delta follows its base, pointing back at it, or naming it.
+    auto clone = fetch("ofs-delta", false);
+    EXPECT_EQ(clone.size(), 6u);
+    EXPECT_EQ(deltaOf(clone).first, 6);
+    EXPECT_EQ(deltaOf(fetch("", false)), (std::pair<int, std::string>{7, blob.id()}));
+    // A fetch from the first commit: thin, the delta names the base the client has; not thin,
+    // the blob goes whole.
+    auto thin = fetch("ofs-delta thin-pack", true);
+    EXPECT_EQ(thin.size(), 3u);
+    EXPECT_EQ(deltaOf(thin), (std::pair<int, std::string>{7, blob.id()}));
+    auto whole = fetch("ofs-delta", true);
+    EXPECT_EQ(whole.size(), 3u);
+    EXPECT_EQ(deltaOf(whole).first, 0);
 }
 
 TEST_F(Commands, ReceivePackReportsTheUploadOnBandTwo) {
