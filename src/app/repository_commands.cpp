@@ -97,6 +97,9 @@ int listRepositories() {
     }
     for (const auto& repository : repositories) {
         std::printf("%s\t%s\n", shownPath(*repository).c_str(), repository->url().c_str());
+        if (repository->loadError())
+            std::fprintf(stderr, "corvane: %s: %s\n", shownPath(*repository).c_str(),
+                         repository->loadError()->c_str());
     }
     return 0;
 }

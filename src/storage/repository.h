@@ -77,6 +77,11 @@ class Repository {
     // The current references and summaries; stays valid and unchanged for the holder.
     std::shared_ptr<const RepositoryContent> content() const;
 
+    // Why the stored records could not be read (a newer layout, damage): such a repository is
+    // listed with its error and empty; set once, before the object is shared.
+    const std::optional<std::string>& loadError() const { return loadError_; }
+    void setLoadError(std::string error) { loadError_ = std::move(error); }
+
     std::int64_t metaSize() const;
     void setMetaSize(std::int64_t size);
     // metaSize plus the stored size of every pack.
@@ -125,6 +130,7 @@ class Repository {
     std::optional<std::string> shareURL_;
     std::vector<Participant> participants_;
     std::optional<cloud::Record> share_;
+    std::optional<std::string> loadError_;
 
     std::mutex updateMutex_;  // held by the one ContentUpdate at a time
 

@@ -1,5 +1,6 @@
 #include "storage/repository_listing.h"
 
+#include "base/error.h"
 #include "base/trace.h"
 #include "storage/stored_records.h"
 
@@ -51,7 +52,21 @@ std::vector<std::shared_ptr<Repository>> RepositoryListing::list(cloud::Database
                       "Missing share record for repository " + (name ? *name : zone.zoneName));
                 continue;
             }
-            now.emplace(zone, Listed{version, decodeRepositoryRecord(*record, *share)});
+            // One repository that cannot be read (a newer Corvane's, a damaged one) is listed
+            // with its error; the others are listed as they are.
+            std::shared_ptr<Repository> repository;
+            try {
+                repository = decodeRepositoryRecord(*record, *share);
+            } catch (const Error& failure) {
+                const auto* name = record->get<std::string>("name");
+                repository = std::make_shared<Repository>(zone.zoneName, zone.ownerName,
+                                                          name ? *name : zone.zoneName, record,
+                                                          share, RepositoryContent{}, 0);
+                repository->setLoadError(failure.what());
+                trace(TraceModule::error,
+                      "Failed to read repository " + repository->name() + ": " + failure.what());
+            }
+            now.emplace(zone, Listed{version, std::move(repository)});
         }
     }
 

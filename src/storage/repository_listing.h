@@ -22,7 +22,8 @@ namespace corvane {
 class RepositoryListing {
   public:
     // The database's repositories, oldest zone first. A zone without its repository or share
-    // record is left out (and said in the log); a record that cannot be decoded fails the list.
+    // record is left out (and said in the log); one whose records cannot be read is listed
+    // empty, with its error (Repository::loadError).
     std::vector<std::shared_ptr<Repository>> list(cloud::Database& database);
 
   private:

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "storage/cloud_fixture.h"
+#include "storage/file_io.h"
 #include "support/error_message.h"
 #include "support/trace_capture.h"
 
@@ -31,6 +32,26 @@ TEST_F(BackendTest, CreateFetchListDelete) {
     EXPECT_TRUE(log.contains("Missing repository record for zone leftover"));
     EXPECT_TRUE(log.contains("<< Fetched 2 private repositories: tools, other") ||
                 log.contains("<< Fetched 2 private repositories: other, tools"));
+
+    // One that a newer Corvane wrote is listed with its error, beside the others as they are.
+    auto& database = container->privateCloudDatabase();
+    auto newer = create("newer");
+    auto record = *newer->record();
+    writeFileAtomically(dir.path() + "/meta", toBytes("not for this version"));
+    record.set("meta", cloud::Asset{dir.path() + "/meta"});
+    record.set("version", std::int64_t{99});
+    cloud::ModifyRecordsOperation operation;
+    operation.recordsToSave = {record};
+    operation.savePolicy = cloud::SavePolicy::allKeys;
+    database.modifyRecords(operation);
+    std::map<std::string, std::optional<std::string>> errors;
+    for (const auto& repository : list())
+        errors[repository->name()] = repository->loadError();
+    EXPECT_EQ(errors, (std::map<std::string, std::optional<std::string>>{
+                          {"newer", "Unsupported repository version. Try updating Corvane."},
+                          {"other", std::nullopt},
+                          {"tools", std::nullopt}}));
+    wait<Done>([&](auto done) { backend.deleteRepository(newer, done); });
 
     auto fetched = backend.fetchRepository("tools", "__defaultOwner__");
     EXPECT_EQ(fetched->id(), created->id());

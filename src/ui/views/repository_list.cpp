@@ -122,9 +122,13 @@ QVariant RepositoryListModel::data(const QModelIndex& index, int role) const {
     const auto& repository = *repositories_[row];
     switch (role) {
         case Qt::DisplayRole:
-        case Qt::ToolTipRole:
             return toQString(repository.name());
+        case Qt::ToolTipRole:
+            // An error is cut short in the row: whole here.
+            return toQString(repository.name() +
+                             (repository.loadError() ? "\n" + *repository.loadError() : ""));
         case statusRole:
+            if (repository.loadError()) return toQString(*repository.loadError());
             // Without participants it has no share yet: it is still being created.
             if (repository.participants().empty()) return QStringLiteral("Creating…");
             return toQString(dateFormatter_.string(repository.modificationDate()));
