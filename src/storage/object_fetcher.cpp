@@ -151,7 +151,9 @@ void ObjectFetcher::fetchObjects(
 
 Object ObjectFetcher::readObject(const std::string& id, const Repository& repository,
                                  std::optional<Bytes>* dataStream) {
-    fetchStoredPacks(repository);
+    // Called for every object a pack writer compresses: the look at the repository's packs is
+    // only for one the cache lacks.
+    if (!store_.hasObject(id)) fetchStoredPacks(repository);
     // A delta of a stored pack may lean on an object of another pack the cache lacks.
     for (int fetched = 0;; ++fetched) {
         try {
