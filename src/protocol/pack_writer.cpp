@@ -23,20 +23,6 @@ PackWriter::PackWriter(GitSocket& socket, ObjectReader read, unsigned workers, D
     workers_.emplace("pack-writer", workers);
 }
 
-Bytes PackWriter::entryHeader(ObjectType type, std::uint64_t size) {
-    Bytes header;
-    std::uint8_t byte =
-        static_cast<std::uint8_t>((static_cast<unsigned>(type) << 4) | (size & 0x0f));
-    size >>= 4;
-    while (size > 0) {
-        header.push_back(byte | 0x80);
-        byte = static_cast<std::uint8_t>(size & 0x7f);
-        size >>= 7;
-    }
-    header.push_back(byte);
-    return header;
-}
-
 void PackWriter::begin(std::size_t objectCount) {
     if (objectCount > std::numeric_limits<std::uint32_t>::max()) {
         throw Error("Too many objects for one pack: " + std::to_string(objectCount));
@@ -85,7 +71,7 @@ void PackWriter::write(const std::string& id) {
     try {
         std::optional<Bytes> stream;
         Object object = read_(id, &stream);
-        header = entryHeader(object.type(), object.data().size());
+        header = packEntryHeader(object.type(), object.data().size());
         if (stream) {
             compressed = std::move(*stream);
         } else if (object.data().empty()) {
@@ -145,10 +131,10 @@ void PackWriter::addStored(const std::string& id, const CachedStoredPack& pack,
     }
     Bytes header;
     if (!thin && rules_.ofsDeltas) {
-        header = entryHeader(ObjectType::ofsDelta, view.size);
+        header = packEntryHeader(ObjectType::ofsDelta, view.size);
         appendOffsetDistance(header, offset_ - base->second);
     } else {
-        header = entryHeader(ObjectType::refDelta, view.size);
+        header = packEntryHeader(ObjectType::refDelta, view.size);
         header.insert(header.end(), entry.base->begin(), entry.base->end());
     }
     emit(entry.id, header, view.stream);

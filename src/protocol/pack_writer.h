@@ -58,10 +58,6 @@ class PackWriter {
     // Waits for the queued objects, then writes the trailer and drains the side-band buffer.
     void finish();
 
-    // The entry header: type in bits 4-6 and size bits 0-3 in the first byte, then 7 size
-    // bits per byte, bit 7 marking that another byte follows.
-    static Bytes entryHeader(ObjectType type, std::uint64_t size);
-
   private:
     void write(const std::string& id);
     // Sends one entry and notes where it starts; writeMutex_ held.

@@ -24,10 +24,11 @@ Error corruptIndex(const std::string& why) {
     return Error("Corrupted pack index: " + why);
 }
 
-// Git's entry header: type and size.
-Bytes entryHeader(std::uint8_t typeCode, std::uint64_t size) {
+}  // namespace
+
+Bytes packEntryHeader(ObjectType type, std::uint64_t size) {
     Bytes header;
-    auto byte = static_cast<std::uint8_t>((typeCode << 4) | (size & 0x0f));
+    auto byte = static_cast<std::uint8_t>((static_cast<unsigned>(type) << 4) | (size & 0x0f));
     size >>= 4;
     while (size > 0) {
         header.push_back(byte | 0x80);
@@ -37,8 +38,6 @@ Bytes entryHeader(std::uint8_t typeCode, std::uint64_t size) {
     header.push_back(byte);
     return header;
 }
-
-}  // namespace
 
 void appendOffsetDistance(Bytes& out, std::uint64_t distance) {
     std::uint8_t bytes[10];
@@ -84,19 +83,19 @@ Object StoredPackBuilder::read(const Digest& id, const OutsideBase& outside) con
 
 void StoredPackBuilder::addWhole(const Digest& id, ObjectType type, std::uint64_t size,
                                  ByteView stream) {
-    auto header = entryHeader(static_cast<std::uint8_t>(type), size);
+    auto header = packEntryHeader(type, size);
     append(id, StoredEntryKind::whole, std::nullopt, header, stream);
 }
 
 void StoredPackBuilder::addDelta(const Digest& id, const Digest& base, std::uint64_t deltaSize,
                                  ByteView stream) {
     if (auto found = byId_.find(base); found != byId_.end()) {
-        auto header = entryHeader(static_cast<std::uint8_t>(ObjectType::ofsDelta), deltaSize);
+        auto header = packEntryHeader(ObjectType::ofsDelta, deltaSize);
         appendOffsetDistance(header, data_.size() - entries_[found->second].offset);
         append(id, StoredEntryKind::ofsDelta, base, header, stream);
         return;
     }
-    auto header = entryHeader(static_cast<std::uint8_t>(ObjectType::refDelta), deltaSize);
+    auto header = packEntryHeader(ObjectType::refDelta, deltaSize);
     header.insert(header.end(), base.begin(), base.end());
     append(id, StoredEntryKind::refDelta, base, header, stream);
 }

@@ -30,6 +30,10 @@ inline constexpr int kMaxDeltaDepth = 4096;
 // version 1 or 2 (three hexadecimal digits).
 bool isStoredPackName(std::string_view name);
 
+// Git's pack entry header: the type in bits 4-6 and size bits 0-3 of the first byte, then 7 size
+// bits per byte, bit 7 marking that another byte follows.
+Bytes packEntryHeader(ObjectType type, std::uint64_t size);
+
 // Git's ofs-delta distance back to the base's entry: 7 bits a byte, most significant first, each
 // continuation adding one.
 void appendOffsetDistance(Bytes& out, std::uint64_t distance);

@@ -215,11 +215,11 @@ TEST_F(Commands, StoredDeltasGoOutAsTheClientAsked) {
                         "\nauthor A <a@x> 2 +0000\ncommitter A <a@x> 2 +0000\n\nsecond\n"));
     std::string pack("PACK\0\0\0\2\0\0\0\3", 12);
     for (const auto* object : {&next, &changedTree}) {
-        pack += asText(PackWriter::entryHeader(object->type(), object->data().size()));
+        pack += asText(packEntryHeader(object->type(), object->data().size()));
         pack += asText(zlibDeflate(object->data()));
     }
     Bytes delta = testing::makeDelta(blob, changed);
-    pack += asText(PackWriter::entryHeader(ObjectType::refDelta, delta.size()));
+    pack += asText(packEntryHeader(ObjectType::refDelta, delta.size()));
     pack += asText(digestOfId(blob.id()));
     pack += asText(zlibDeflate(delta));
     pack += std::string(20, '\0');
@@ -265,7 +265,7 @@ TEST_F(Commands, ReceivePackReportsTheUploadOnBandTwo) {
     auto repository = storedRepository();
     Object added(ObjectType::blob, toBytes("new content\n"));
     std::string pack("PACK\0\0\0\2\0\0\0\1", 12);
-    pack += asText(PackWriter::entryHeader(ObjectType::blob, added.data().size()));
+    pack += asText(packEntryHeader(ObjectType::blob, added.data().size()));
     pack += asText(zlibDeflate(added.data()));
     pack += std::string(20, '\0');  // the trailer is not checked: every object is, by its id
     auto [written, error] =
