@@ -65,12 +65,6 @@ fs::path indexPathFor(const fs::path& packPath) {
     return fs::path(packPath).replace_extension(".idx");
 }
 
-std::size_t CachePackWriter::DigestHash::operator()(const Digest& id) const {
-    std::size_t hash = 0;
-    std::memcpy(&hash, id.data(), sizeof hash);  // ids are uniformly distributed already
-    return hash;
-}
-
 CachePackWriter::CachePackWriter(const fs::path& folder) {
     fs::create_directories(folder);
     for (;;) {
@@ -200,12 +194,7 @@ Bytes CachePackIndex::read(const CachePackEntry& entry) const {
 }
 
 void CachePackIndex::noteUse() const {
-    auto now = std::chrono::duration_cast<std::chrono::seconds>(
-                   std::chrono::system_clock::now().time_since_epoch())
-                   .count();
-    auto last = lastUse_.load(std::memory_order_relaxed);
-    if (now - last < 3600 || !lastUse_.compare_exchange_strong(last, now)) return;
-    ::futimens(packFd_, nullptr);
+    if (useNoteDue(lastUse_)) ::futimens(packFd_, nullptr);
 }
 
 }  // namespace corvane

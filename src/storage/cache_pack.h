@@ -58,10 +58,6 @@ class CachePackWriter {
     const std::filesystem::path& path() const { return path_; }
 
   private:
-    struct DigestHash {
-        std::size_t operator()(const Digest& id) const;
-    };
-
     std::filesystem::path path_;
     int fd_ = -1;
     std::atomic<std::uint64_t> end_{0};

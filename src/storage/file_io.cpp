@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 
 #include "base/error.h"
@@ -150,6 +151,14 @@ bool copyFileIfAbsent(const fs::path& source, const fs::path& target) {
     }
     ::unlink(temporary.c_str());
     return placed;
+}
+
+bool useNoteDue(std::atomic<std::int64_t>& lastUse) {
+    auto now = std::chrono::duration_cast<std::chrono::seconds>(
+                   std::chrono::system_clock::now().time_since_epoch())
+                   .count();
+    auto last = lastUse.load(std::memory_order_relaxed);
+    return now - last >= 3600 && lastUse.compare_exchange_strong(last, now);
 }
 
 }  // namespace corvane

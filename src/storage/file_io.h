@@ -3,6 +3,8 @@
 
 #include <sys/types.h>
 
+#include <atomic>
+#include <cstdint>
 #include <filesystem>
 
 #include "base/bytes.h"
@@ -24,5 +26,9 @@ void writeFileAtomically(const std::filesystem::path& path, ByteView data);
 // copy that lands under a temporary name first, so a target is never seen half-written. True
 // when it placed the file.
 bool copyFileIfAbsent(const std::filesystem::path& source, const std::filesystem::path& target);
+
+// Whether a pack's use is to be recorded in its file time now: at most once an hour for each
+// `lastUse` (seconds since the epoch, updated here), so that reads do not write on every call.
+bool useNoteDue(std::atomic<std::int64_t>& lastUse);
 
 }  // namespace corvane

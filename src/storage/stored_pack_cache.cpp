@@ -68,12 +68,7 @@ Bytes CachedStoredPack::readEntry(const StoredPackEntry& entry) const {
 }
 
 void CachedStoredPack::noteUse() const {
-    auto now = std::chrono::duration_cast<std::chrono::seconds>(
-                   std::chrono::system_clock::now().time_since_epoch())
-                   .count();
-    auto last = lastUse_.load(std::memory_order_relaxed);
-    if (now - last < 3600 || !lastUse_.compare_exchange_strong(last, now)) return;
-    ::utimensat(AT_FDCWD, dataPath_.c_str(), nullptr, 0);
+    if (useNoteDue(lastUse_)) ::futimens(fd_, nullptr);
 }
 
 StoredPackCache::StoredPackCache(fs::path folder) : folder_(std::move(folder)) {}
