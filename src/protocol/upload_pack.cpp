@@ -397,8 +397,15 @@ void UploadPack::sendPack(const RepositoryContent& content, const std::vector<st
     }
     std::vector<StoredObject> stored;
     std::vector<std::string> others;
+    // A repository of whole objects only (pushed before stored packs) is not looked up object by
+    // object: each miss would look at the cache's folder again.
+    bool holdsStoredPacks =
+        std::any_of(content.packs.begin(), content.packs.end(),
+                    [](const auto& pack) { return isStoredPackName(pack.first); });
     for (auto& id : ids) {
-        if (auto found = fetcher_.store().storedPacks().find(digestOfId(id))) {
+        auto found =
+            holdsStoredPacks ? fetcher_.store().storedPacks().find(digestOfId(id)) : std::nullopt;
+        if (found) {
             stored.push_back({std::move(id), std::move(*found)});
         } else {
             others.push_back(std::move(id));

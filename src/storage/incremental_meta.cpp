@@ -18,11 +18,6 @@ bool isVersion3(const cloud::Record& record) {
     return version && (*version == 3 || *version == 4);
 }
 
-bool holdsStoredPacks(const RepositoryContent& content) {
-    return std::any_of(content.packs.begin(), content.packs.end(),
-                       [](const auto& pack) { return isStoredPackName(pack.first); });
-}
-
 std::vector<cloud::Asset> listOf(const cloud::Record& record, const char* key) {
     const auto* assets = record.get<std::vector<cloud::Asset>>(key);
     return assets ? *assets : std::vector<cloud::Asset>{};

@@ -54,6 +54,11 @@ bool isStoredPackName(std::string_view name) {
     return name.size() == 41 && name[0] == 'P' && isObjectId(name.substr(1));
 }
 
+bool holdsStoredPacks(const RepositoryContent& content) {
+    return std::any_of(content.packs.begin(), content.packs.end(),
+                       [](const auto& pack) { return isStoredPackName(pack.first); });
+}
+
 void StoredPackBuilder::append(const Digest& id, StoredEntryKind kind, std::optional<Digest> base,
                                ByteView header, ByteView stream) {
     std::uint64_t length = header.size() + stream.size();

@@ -18,6 +18,7 @@
 #include "base/error.h"
 #include "objects/object.h"
 #include "objects/sha1.h"
+#include "storage/summaries.h"
 
 namespace corvane {
 
@@ -29,6 +30,8 @@ inline constexpr int kMaxDeltaDepth = 4096;
 // True for the name of a stored pack ("P" and 40 hexadecimal digits), false for a pack record of
 // version 1 or 2 (three hexadecimal digits).
 bool isStoredPackName(std::string_view name);
+// Whether any of the repository's packs is a stored pack.
+bool holdsStoredPacks(const RepositoryContent& content);
 
 // Git's pack entry header: the type in bits 4-6 and size bits 0-3 of the first byte, then 7 size
 // bits per byte, bit 7 marking that another byte follows.
