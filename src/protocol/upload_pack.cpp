@@ -1,7 +1,6 @@
 #include "protocol/upload_pack.h"
 
 #include <algorithm>
-#include <cstring>
 #include <thread>
 #include <tuple>
 #include <unordered_map>

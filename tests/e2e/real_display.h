@@ -149,6 +149,15 @@ class Probe {
     std::string waitFor(const std::string& request, const std::string& expected) const {
         return waitFor(request, [&](const std::string& answer) { return answer == expected; });
     }
+    // Waits for a dialog whose title or text holds `text`.
+    ::testing::AssertionResult showsDialog(const std::string& text) const {
+        auto shown = waitFor("dialogs", [&](const std::string& dialogs) {
+            return dialogs.find(text) != std::string::npos;
+        });
+        if (shown.find(text) != std::string::npos) return ::testing::AssertionSuccess();
+        return ::testing::AssertionFailure() << "no dialog with \"" << text << "\": " << shown;
+    }
+
     // Waits until the widget is shown and stays where it is: a window manager may still move a
     // window it has just mapped, and a click computed before would land beside its target.
     void settle(const std::string& name) const {
