@@ -115,6 +115,7 @@ CommitsInfo::CommitsInfo(AppState& state, ObjectLoader& loader, QWidget* parent)
     top->addWidget(refPopUp_);
     top->addSpacing(8);
     top->addWidget(commitHeadLabel_);
+    top->addSpacing(8);
     top->addWidget(backButton_);
     top->addStretch(1);
     auto* layout = new QVBoxLayout(this);
