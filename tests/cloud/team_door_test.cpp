@@ -100,6 +100,14 @@ TEST_F(TeamDoorTest, PeopleTouchNoTableAndReachNoZoneOfAnother) {
             refused("SELECT corvane.delete_zone(?, ?, ?)", {scope, ownerName, kZone.zoneName}),
             kZoneNotFound);
     }
+    // Nor in anyone's list of zones, whatever scope is asked for.
+    for (std::int64_t scope : {1, 2, 3, 4}) {
+        int listed = 0;
+        sam->execute("SELECT zone FROM corvane.zone_versions(?, ?)",
+                     {scope, TextList(std::vector<std::string>{"REPOSITORY", "SHARE"})},
+                     [&](const SqlRow&) { ++listed; });
+        EXPECT_EQ(listed, 0) << scope;
+    }
     std::vector<std::string> secret{secretHash};
     EXPECT_EQ(refused("SELECT * FROM corvane.read_contents(3, '', '', ?, ?)",
                       {std::string_view(token), TextList(secret)}),
