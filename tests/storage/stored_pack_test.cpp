@@ -107,7 +107,7 @@ TEST_F(StoredPackTest, ObjectsComeBackThroughTheirDeltaChainsAndTheIndexNamesEac
               "Object " + outside.id() + " is not here");
 }
 
-TEST_F(StoredPackTest, DamagedIndexesAndDataAreRefused) {
+TEST_F(StoredPackTest, DamagedIndexesDataAndLoopingChainsAreRefused) {
     auto built = build();
     auto indexError = [](Bytes bytes) {
         return testing::errorMessage([&] { StoredPackIndex index(std::move(bytes)); });
@@ -158,21 +158,19 @@ TEST_F(StoredPackTest, DamagedIndexesAndDataAreRefused) {
                                    digestOf(fourth), [&](const std::string&) { return first; });
               }),
               prefix + "Invalid ref_delta");
-}
 
-TEST_F(StoredPackTest, ADeltaChainThatLoopsEndsInAnError) {
-    // second names third as its base, and third names second: nothing ever rebuilds.
-    StoredPackBuilder builder;
-    addDelta(builder, second, third);
-    addDelta(builder, third, second);
-    auto built = builder.finish();
-    StoredPackIndex index(built.index);
+    // Deltas that name each other as bases: nothing ever rebuilds.
+    StoredPackBuilder looping;
+    addDelta(looping, second, third);
+    addDelta(looping, third, second);
+    auto loop = looping.finish();
+    StoredPackIndex loopIndex(loop.index);
     EXPECT_EQ(testing::errorMessage([&] {
                   readStoredObject(
-                      built.name, index, entriesOf(built.name, built.data), digestOf(second),
+                      loop.name, loopIndex, entriesOf(loop.name, loop.data), digestOf(second),
                       [](const std::string& id) -> Object { throw Error("no " + id); });
               }),
-              "Corrupted pack " + built.name + ": the delta chain of " + second.id() +
+              "Corrupted pack " + loop.name + ": the delta chain of " + second.id() +
                   " loops or runs too deep");
 }
 
