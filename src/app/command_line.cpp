@@ -29,6 +29,7 @@ constexpr const char* kUsage =
     "       corvane create NAME\n"
     "       corvane list\n"
     "       corvane delete NAME\n"
+    "       corvane repack NAME|OWNER/NAME     keep the repository in as few packs as fit\n"
     "       corvane share NAME|OWNER/NAME      print the link that invited people open\n"
     "       corvane invite NAME EMAIL          invite a person and print the link\n"
     "       corvane contributors NAME|OWNER/NAME\n"
@@ -190,6 +191,7 @@ int runCommandLine(int argc, char** argv) {
         if (command == "create") return createRepository(oneArgument(args, kName));
         if (command == "list" && args.empty()) return listRepositories();
         if (command == "delete") return deleteRepository(oneArgument(args, kName));
+        if (command == "repack") return repack(oneArgument(args, kPath));
         if (command == "share") return printShareLink(oneArgument(args, kPath));
         if (command == "invite") {
             const auto& nameAndEmail = twoArguments(args, "NAME EMAIL");

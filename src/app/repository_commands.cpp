@@ -10,6 +10,7 @@
 #include "cloud/account.h"
 #include "cloud/record_id.h"
 #include "cloud/share_url.h"
+#include "storage/pack_consolidator.h"
 #include "storage/repository_name.h"
 
 namespace corvane {
@@ -115,6 +116,23 @@ int deleteRepository(const std::string& name) {
         session.await<Done>([&](auto done) { backend.deleteRepository(repository, done); });
     } catch (const std::exception&) {
         throw described("Failed to delete " + quotedName(name));
+    }
+    return 0;
+}
+
+int repack(const std::string& path) {
+    CommandSession session;
+    auto where = parsePath(path);
+    try {
+        auto outcome = session.backend().consolidator().consolidate(where.name, where.owner, true);
+        if (outcome.packsRetired == 0) {
+            std::printf("Nothing to repack: %zu pack%s\n", outcome.packsBefore,
+                        outcome.packsBefore == 1 ? "" : "s");
+        } else {
+            std::printf("Repacked %zu packs into %zu\n", outcome.packsRetired, outcome.packsAfter);
+        }
+    } catch (const std::exception&) {
+        throw described("Failed to repack " + quotedName(path));
     }
     return 0;
 }

@@ -14,6 +14,9 @@ int createRepository(const std::string& name);
 // Own repositories by name, then shared ones as OWNER/NAME, each with its clone URL.
 int listRepositories();
 int deleteRepository(const std::string& name);
+// Consolidates every pack of the repository into as few as their size allows (what a push
+// does in the background once packs pile up, done now and whole).
+int repack(const std::string& path);
 
 // The share link of the repository, to send to the people invited.
 int printShareLink(const std::string& path);

@@ -7,6 +7,7 @@
 
 #include "base/error.h"
 #include "objects/delta.h"
+#include "storage/pack_consolidator.h"
 #include "storage/stored_pack.h"
 
 namespace corvane {
@@ -98,8 +99,11 @@ void ReceivePack::run() {
             upload(newIds.size(), packSizes);
             packsSaved = true;
         }
-        for (const auto& [packId, size] : packSizes)
+        for (const auto& [packId, size] : packSizes) {
+            // The same objects pushed again make a pack of the same name: live once more.
             content.packs[packId] = size;
+            content.retiredPacks.erase(packId);
+        }
 
         for (const auto& command : commands) {
             auto current = content.refs.find(command.ref);
@@ -128,6 +132,7 @@ void ReceivePack::run() {
     }
     report(commands);
     socket_.writePktLine(kFlush);
+    if (packsSaved) backend_.consolidator().consider(repository_->name(), repository_->owner());
 }
 
 void ReceivePack::advertiseRefs(const RepositoryContent& content) {

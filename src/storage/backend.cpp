@@ -12,6 +12,7 @@
 #include "objects/sha1.h"
 #include "storage/file_io.h"
 #include "storage/incremental_meta.h"
+#include "storage/pack_consolidator.h"
 #include "storage/repository_meta.h"
 #include "storage/stored_records.h"
 
@@ -69,9 +70,11 @@ Backend::Backend(cloud::Container& container, Store& store, MainQueue& mainQueue
             }
         });
     queue_ = std::make_unique<WorkQueue>("backend", 4);
+    consolidator_ = std::make_unique<PackConsolidator>(*this);
 }
 
 Backend::~Backend() {
+    consolidator_.reset();
     queue_.reset();
     fetcher_.reset();
 }
@@ -455,8 +458,30 @@ std::unique_lock<std::mutex> Backend::lockPushes(const Repository& repository) {
     return std::unique_lock(*lock);
 }
 
+std::vector<cloud::Record> Backend::emptiedPackRecords(const Repository& repository,
+                                                       const std::vector<std::string>& names) {
+    auto& database = databaseFor(repository.owner());
+    cloud::ZoneId zone{repository.id(), repository.owner()};
+    std::vector<cloud::RecordId> ids;
+    for (const auto& name : names)
+        ids.push_back({name, zone});
+    std::vector<cloud::Record> emptied;
+    for (auto& [id, result] : fetchRecords(database, ids)) {
+        if (result.error && result.error->code() == cloud::kUnknownItem) continue;
+        if (result.error) throw *result.error;
+        if (!result.record) continue;
+        cloud::Record record(kPackRecordType, id);
+        record.setParent({kRepositoryRecordName, zone});
+        record.set("version", std::int64_t{3});
+        record.recordChangeTag = result.record->recordChangeTag;
+        emptied.push_back(std::move(record));
+    }
+    return emptied;
+}
+
 void Backend::saveRepository(const std::shared_ptr<Repository>& repository,
-                             Repository::ContentUpdate& update) {
+                             Repository::ContentUpdate& update,
+                             const std::vector<cloud::Record>& alongside) {
     auto stored = repository->record();
     if (!stored) throw Error("Failed to save repository " + repository->name());
     // Working files are named per process as well: two daemons may share a cache.
@@ -498,6 +523,8 @@ void Backend::saveRepository(const std::shared_ptr<Repository>& repository,
     trace(TraceModule::request, "saving repository " + repository->name());
     cloud::ModifyRecordsOperation operation;
     operation.recordsToSave = {record};
+    operation.recordsToSave.insert(operation.recordsToSave.end(), alongside.begin(),
+                                   alongside.end());
     operation.savePolicy = cloud::SavePolicy::ifServerRecordUnchanged;
     operation.atomic = true;
     auto& database = databaseFor(repository->owner());
@@ -520,7 +547,7 @@ void Backend::saveRepository(const std::shared_ptr<Repository>& repository,
         // The next push reads back this save's increments: as fetched, they are files of the
         // asset cache, not the working files about to go. A failed read only costs that push a
         // new base.
-        if (plan.version == 3) {
+        if (plan.version >= 3) {
             try {
                 auto again = fetchRecords(database, {saved.front().recordId});
                 auto& fetched = again[saved.front().recordId].record;

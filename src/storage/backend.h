@@ -30,6 +30,8 @@
 
 namespace corvane {
 
+class PackConsolidator;
+
 class Backend {
   public:
     // How the backend reaches the application state (always called on the main queue).
@@ -92,11 +94,19 @@ class Backend {
         const Repository& repository,
         const std::vector<std::shared_ptr<const CachedStoredPack>>& packs);
 
-    // Saves the repository record with the metadata of the update's content; on success
-    // publishes the update, sets metaSize and tells the application state. Fails with Conflict
-    // when the record changed since the repository was read.
+    // Saves the repository record with the metadata of the update's content, and `alongside`
+    // in the same transaction; on success publishes the update, sets metaSize and tells the
+    // application state. Fails with Conflict when any of them changed since it was read.
     void saveRepository(const std::shared_ptr<Repository>& repository,
-                        Repository::ContentUpdate& update);
+                        Repository::ContentUpdate& update,
+                        const std::vector<cloud::Record>& alongside = {});
+
+    // The pack records of `names` emptied of their data and index, over the change tags they are
+    // stored with: saved with the metadata that forgets them, their contents are freed, and a
+    // push that saves one of them again meanwhile makes that save a conflict. A record that is
+    // not there is left out.
+    std::vector<cloud::Record> emptiedPackRecords(const Repository& repository,
+                                                  const std::vector<std::string>& names);
 
     // The picture every new repository's share carries (none: only its title).
     void setShareThumbnail(Bytes image) { shareThumbnail_ = std::move(image); }
@@ -115,6 +125,7 @@ class Backend {
 
     ObjectFetcher& fetcher() { return *fetcher_; }
     Store& store() { return store_; }
+    PackConsolidator& consolidator() { return *consolidator_; }
 
   private:
     template <typename T, typename Work>
@@ -169,6 +180,9 @@ class Backend {
     // One per repository (owner, id) pushed to; few enough to keep for the process's life.
     std::map<std::pair<std::string, std::string>, std::unique_ptr<std::mutex>>
         pushLocks_;  // guarded by pushLocksMutex_
+
+    // Last: it stops before anything it uses goes.
+    std::unique_ptr<PackConsolidator> consolidator_;
 };
 
 }  // namespace corvane

@@ -86,6 +86,19 @@ RepositoryContent incrementBetween(const RepositoryContent& before,
         auto old = before.packs.find(packId);
         if (old == before.packs.end() || old->second != size) increment.packs[packId] = size;
     }
+    // A pack leaves "packs" by being retired; a retired pack whose record is gone is forgotten.
+    for (const auto& [packId, time] : after.retiredPacks) {
+        auto old = before.retiredPacks.find(packId);
+        if (old == before.retiredPacks.end() || old->second != time)
+            increment.retiredPacks[packId] = time;
+    }
+    for (const auto& [packId, time] : before.retiredPacks) {
+        if (!after.retiredPacks.contains(packId)) increment.retiredPacks[packId] = kForgottenPack;
+    }
+    for (const auto& [packId, size] : before.packs) {
+        if (!after.packs.contains(packId) && !after.retiredPacks.contains(packId))
+            throw Error("Pack " + packId + " left the repository without being retired");
+    }
     auto copyAdded = [](const auto& from, auto& into) {
         from.forEachAdded(
             [&](const std::string& id, const auto& summary) { into.add(id, summary); });
@@ -103,6 +116,15 @@ void applyIncrement(const RepositoryContent& increment, RepositoryContent& conte
             content.refs.erase(name);
         } else {
             content.refs[name] = id;
+        }
+    }
+    // Retirements first: a pack pushed again in the same increment is live once more.
+    for (const auto& [packId, time] : increment.retiredPacks) {
+        content.packs.erase(packId);
+        if (time == kForgottenPack && !verbatim) {
+            content.retiredPacks.erase(packId);
+        } else {
+            content.retiredPacks[packId] = time;
         }
     }
     for (const auto& [packId, size] : increment.packs)

@@ -26,9 +26,12 @@ inline constexpr std::size_t kMaxIncrements = 32;
 inline constexpr std::size_t kBasePartJsonBytes = 8 << 20;
 // An increment's value for a reference that was deleted.
 inline const std::string kDeletedRef(40, '0');
+// An increment's retirement time for a retired pack whose record was deleted.
+inline constexpr std::int64_t kForgottenPack = 0;
 
 // What `after`, a copy of `before` with a push's changes, changed: the references that differ,
-// the pack sizes that differ, and the summaries added to the copy.
+// the pack sizes that differ, the packs retired or forgotten, and the summaries added to the
+// copy. Fails when a pack left "packs" without being retired.
 RepositoryContent incrementBetween(const RepositoryContent& before, const RepositoryContent& after);
 
 // Applies an increment to a state. `verbatim` keeps a kDeletedRef value as it stands: when two

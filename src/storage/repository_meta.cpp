@@ -161,6 +161,11 @@ void writeContent(PartWriter& parts, const RepositoryContent& content) {
     writeMap(
         writer, "packs", content.packs, [&](std::int64_t size) { writer.Int64(size); },
         parts.entryDone());
+    if (!content.retiredPacks.empty()) {
+        writeMap(
+            writer, "retired", content.retiredPacks, [&](std::int64_t time) { writer.Int64(time); },
+            parts.entryDone());
+    }
     parts.finish();
 }
 
@@ -253,7 +258,7 @@ class MetaReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, MetaRe
     }
 
   private:
-    enum class Section { unknown, head, refs, tags, commits, trees, blobs, packs };
+    enum class Section { unknown, head, refs, tags, commits, trees, blobs, packs, retired };
     enum class Field { unknown, id, target, type, tree, parents, trees, blobs };
 
     static Section sectionFor(std::string_view key) {
@@ -263,6 +268,7 @@ class MetaReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, MetaRe
         if (key == "trees") return Section::trees;
         if (key == "blobs") return Section::blobs;
         if (key == "packs") return Section::packs;
+        if (key == "retired") return Section::retired;
         if (key == "HEAD") return Section::head;
         return Section::unknown;
     }
@@ -335,6 +341,10 @@ class MetaReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, MetaRe
         }
         if (depth_ == 2 && section_ == Section::packs && version_ == 2) {
             content_.packs[entry_] = value;
+            return true;
+        }
+        if (depth_ == 2 && section_ == Section::retired && version_ == 2) {
+            content_.retiredPacks[entry_] = value;
             return true;
         }
         if (depth_ == 3 && section_ == Section::tags && field_ == Field::type && version_ == 2) {

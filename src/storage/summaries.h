@@ -51,6 +51,9 @@ struct RepositoryContent {
     SummaryMap<PartialTree> trees;
     SummaryMap<std::int64_t> blobs;                       // id → size in bytes
     std::unordered_map<std::string, std::int64_t> packs;  // pack id → stored size in bytes
+    // Stored packs whose objects another pack now holds: pack id → when they left `packs`
+    // (seconds since 1970). Their records stay a while for readers of an older state.
+    std::map<std::string, std::int64_t> retiredPacks;
 
     bool contains(const std::string& id) const {
         return commits.contains(id) || trees.contains(id) || blobs.contains(id) ||

@@ -41,6 +41,7 @@ class CorvaneServer {
     CommandResult run(const std::vector<std::string>& argv, const std::string& cwd = "") const {
         return runCommand(argv, env_, cwd);
     }
+    const std::map<std::string, std::string>& environment() const { return env_; }
     std::uint16_t port() const { return static_cast<std::uint16_t>(port_); }
     BackgroundProcess& process() { return *process_; }
     const std::string& home() const { return home_.path(); }

@@ -1,10 +1,12 @@
 // Nothing pushed is lost: racing pushes, a daemon killed in the middle of a push, damaged cache
-// files, and repositories made by another process, each checked with the real git client
-// against a daemon whose object cache starts empty.
+// files, repositories made by another process, and packs consolidated in the background or by a
+// repack killed on its way, each checked with the real git client against a daemon whose object
+// cache starts empty.
 #include <gtest/gtest.h>
 #include <signal.h>
 
 #include <future>
+#include <sstream>
 
 #include "e2e/corvane_server.h"
 #include "e2e/git_test_repo.h"
@@ -140,6 +142,55 @@ TEST_F(PushSafety, ADaemonKilledInAPushLosesNothing) {
     }
     EXPECT_GE(interrupted, 1);
     RecordProperty("pushes interrupted", interrupted);
+}
+
+TEST_F(PushSafety, PacksConsolidateAfterPushesAndARepackKilledAnywhereLosesNothing) {
+    std::string source = dir("source");
+    sh(source, "git clone -q --mirror " + sharedDir() + "/testdata/lz4.bundle .");
+    create("team");
+    // A team's pushes of a few dozen commits each: small packs, whose deltas lean on earlier ones.
+    std::istringstream steps(
+        sh(source, "git rev-list --first-parent --reverse dev | awk 'NR % 60 == 0' | head -n 9"));
+    std::string tip;
+    for (std::string commit; std::getline(steps, commit); tip = commit)
+        sh(source, "git push -q " + server.url("team") + " " + commit + ":refs/heads/dev");
+    EXPECT_TRUE(server.process().waitForOutput(" packs retired", std::chrono::seconds(60)));
+    restartCold(SIGTERM);
+    EXPECT_EQ(cloneAndCheck("team", "dev"), tip);
+    std::string clone = dir("fetching");
+    sh(clone, "git clone -q " + server.url("team") + " . && git checkout -q dev");
+
+    // A repack killed while it uploads, after it uploaded, and while it switches the metadata
+    // over: the repository as before or as after, whole either way. Each starts after a push,
+    // so that there are packs to take whichever way the kill before went.
+    auto push = [&](int commit) {
+        tip = trimmed(sh(source, "git rev-list --first-parent --reverse dev | sed -n " +
+                                     std::to_string(commit) + "p"));
+        sh(source, "git push -q " + server.url("team") + " " + tip + ":refs/heads/dev");
+    };
+    int commit = 570;
+    for (const char* moment : {">> saving pack P", "<< saved pack P", ">> saving repository"}) {
+        push(commit += 10);
+        BackgroundProcess repack({CORVANE_BINARY, "--verbose", "repack", "team"},
+                                 server.environment());
+        EXPECT_TRUE(repack.waitForOutput(moment, std::chrono::seconds(60))) << repack.output();
+        repack.stop(SIGKILL);
+        restartCold(SIGTERM);
+        EXPECT_EQ(cloneAndCheck("team", "dev"), tip) << moment;
+    }
+    push(commit += 10);
+    auto repacked = server.run({CORVANE_BINARY, "repack", "team"});
+    EXPECT_EQ(repacked.status, 0) << repacked.out;
+    EXPECT_TRUE(repacked.out.starts_with("Repacked ")) << repacked.out;
+    EXPECT_EQ(trimmed(server.run({CORVANE_BINARY, "repack", "team"}).out),
+              "Nothing to repack: 1 pack");
+    restartCold(SIGTERM);
+    EXPECT_EQ(cloneAndCheck("team", "dev"), tip);
+    // A clone made before fetches the next commit: a thin pack on the repacked deltas.
+    push(commit += 10);
+    sh(clone,
+       "git pull -q --ff-only " + server.url("team") + " dev && git fsck --strict --no-progress");
+    EXPECT_EQ(trimmed(sh(clone, "git rev-parse HEAD")), tip);
 }
 
 }  // namespace

@@ -1,6 +1,9 @@
 // Ref-delta application: hand-made deltas for each instruction form, and every bound a malformed
 // or hostile delta must hit. Deltas git writes are applied in the protocol suite's pack reading.
+// Delta encoding: what it writes rebuilds the target exactly, and is small when the two are alike.
 #include "objects/delta.h"
+
+#include "objects/delta_encoder.h"
 
 #include <gtest/gtest.h>
 
@@ -133,6 +136,55 @@ TEST(Delta, RefusesMalformedDeltas) {
         EXPECT_EQ(testing::errorMessage([&] { apply(against, delta); }), "Invalid ref_delta")
             << what;
     }
+}
+
+Bytes textOf(std::string_view text) {
+    return Bytes(text.begin(), text.end());
+}
+
+TEST(DeltaEncoder, RebuildsTheTargetAndStaysSmallForLikeData) {
+    auto base = patternBlob(300000);
+    auto edited = base.data();
+    // An insert in the middle, a removal, a replaced run, and bytes past the old end.
+    edited.insert(edited.begin() + 1000, 37, 'x');
+    edited.erase(edited.begin() + 50000, edited.begin() + 50100);
+    std::fill(edited.begin() + 120000, edited.begin() + 120010, std::uint8_t{0});
+    edited.insert(edited.end(), 300, 'y');
+    Bytes reordered(base.data().begin() + 150000, base.data().end());
+    reordered.insert(reordered.end(), base.data().begin(), base.data().begin() + 150000);
+    struct Case {
+        const char* what;
+        Bytes target;
+        std::size_t atMost;  // bytes the delta may take
+    };
+    std::vector<Case> cases = {
+        {"the same data", base.data(), 64},
+        {"edited", edited, 1000},
+        {"halves swapped", reordered, 64},
+        {"nothing", {}, 8},
+        {"shorter than a block", textOf("short"), 16},
+        // A copy of more than 16 MiB takes two instructions.
+        {"a long copy", Bytes(17 << 20, 'z'), 64},
+    };
+    for (const auto& [what, target, atMost] : cases) {
+        const Object& from = std::string_view(what) == "a long copy"
+                                 ? Object(ObjectType::blob, Bytes(17 << 20, 'z'))
+                                 : base;
+        auto delta = encodeDelta(from.data(), target, 1 << 30);
+        ASSERT_TRUE(delta) << what;
+        EXPECT_LE(delta->size(), atMost) << what;
+        EXPECT_EQ(apply(from, {from.id(), *delta}).data(), target) << what;
+    }
+    // Unlike data makes a delta of all literals, refused at the limit; a base shorter than a
+    // block gives none.
+    Bytes unlike(5000);
+    for (std::size_t i = 0; i < unlike.size(); ++i)
+        unlike[i] = static_cast<std::uint8_t>((i * 2654435761u) >> 13);
+    EXPECT_FALSE(encodeDelta(base.data(), unlike, 2500));
+    auto literal = encodeDelta(base.data(), unlike, 6000);
+    ASSERT_TRUE(literal);
+    EXPECT_EQ(apply(base, {base.id(), *literal}).data(), unlike);
+    EXPECT_FALSE(encodeDelta(textOf("fifteen bytes!!"), textOf("fifteen bytes!!"), 100));
 }
 
 }  // namespace

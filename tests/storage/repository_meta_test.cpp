@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "objects/lzfse_compression.h"
+#include "storage/incremental_meta.h"
 #include "support/error_message.h"
 #include "support/git_objects.h"
 #include "support/process.h"
@@ -26,10 +27,52 @@ TEST(RepositoryMeta, RoundTripsTheSummariesOfARealHistory) {
     content.refs["refs/tags/v1.0"] = commit;
     content.tags.add(std::string(40, 'a'), {commit, ObjectType::commit});
     content.packs["abc"] = 123456;
+    content.retiredPacks["P" + std::string(40, 'b')] = 1764000000;
 
     Bytes document = encodeRepositoryMeta(content);
     EXPECT_LT(document.size(), encodeRepositoryMetaJson(content).size() / 2);
     EXPECT_EQ(decodeRepositoryMeta(document, 2), content);
+}
+
+// Packs retired, forgotten once emptied, and pushed again: the same state whether increments are
+// applied one by one or merged first, as saves merge them.
+TEST(RepositoryMeta, IncrementsRetireForgetAndRevivePacksInAnyMergeOrder) {
+    RepositoryContent before;
+    before.packs = {{"PA", 1}, {"PB", 2}};
+    RepositoryContent retired = before;
+    retired.packs.erase("PA");
+    retired.retiredPacks["PA"] = 5;
+    retired.packs["PC"] = 3;
+    RepositoryContent forgotten = retired;
+    forgotten.retiredPacks.erase("PA");
+    forgotten.packs.erase("PB");
+    forgotten.retiredPacks["PB"] = 6;
+    RepositoryContent revived = forgotten;
+    revived.packs["PB"] = 2;
+    revived.retiredPacks.erase("PB");
+    std::vector<RepositoryContent> increments = {incrementBetween(before, retired),
+                                                 incrementBetween(retired, forgotten),
+                                                 incrementBetween(forgotten, revived)};
+    RepositoryContent oneByOne = before;
+    for (const auto& increment : increments)
+        applyIncrement(increment, oneByOne);
+    EXPECT_EQ(oneByOne, revived);
+    for (std::size_t first = 0; first < increments.size(); ++first) {
+        RepositoryContent merged;
+        for (std::size_t i = first; i < increments.size(); ++i)
+            applyIncrement(increments[i], merged, true);
+        RepositoryContent state = before;
+        for (std::size_t i = 0; i < first; ++i)
+            applyIncrement(increments[i], state);
+        applyIncrement(merged, state);
+        EXPECT_EQ(state, revived) << "merged from " << first;
+        // An increment survives its document.
+        EXPECT_EQ(decodeRepositoryMeta(encodeRepositoryMeta(merged), 2), merged);
+    }
+    RepositoryContent lost = before;
+    lost.packs.erase("PA");
+    EXPECT_EQ(testing::errorMessage([&] { incrementBetween(before, lost); }),
+              "Pack PA left the repository without being retired");
 }
 
 TEST(RepositoryMeta, ReadsVersionOneDocuments) {
