@@ -110,7 +110,8 @@ class DeltaWriter {
 }  // namespace
 
 std::optional<Bytes> encodeDelta(ByteView base, ByteView target, std::size_t limit) {
-    if (base.size() < kBlock || base.size() > kMaxBase) return std::nullopt;
+    // An empty target's delta would be shorter than the four bytes git takes for a delta.
+    if (base.size() < kBlock || base.size() > kMaxBase || target.empty()) return std::nullopt;
     RollingHash hasher;
 
     // Each block of the base in a table of chains: heads by hash bucket, then the previous
@@ -130,8 +131,8 @@ std::optional<Bytes> encodeDelta(ByteView base, ByteView target, std::size_t lim
         std::uint32_t blockHash = hasher.of(bytes);
         // Of a run of equal blocks only the first is kept: it offers the longest match, and a
         // run of one byte would otherwise fill a chain with blocks near the run's end.
-        bool repeat = block > 0 && blockHash == previous &&
-                      std::equal(bytes, bytes + kBlock, bytes - kBlock);
+        bool repeat =
+            block > 0 && blockHash == previous && std::equal(bytes, bytes + kBlock, bytes - kBlock);
         previous = blockHash;
         if (repeat) continue;
         auto bucket = bucketOf(blockHash);

@@ -11,7 +11,7 @@ namespace corvane {
 
 // The delta (apply() in delta.h reads it) that rebuilds `target` from `base`, or none when it
 // would be larger than `limit` bytes: the caller keeps the object whole then. Matches are found
-// on 16-byte blocks of the base, so bases shorter than that give none.
+// on 16-byte blocks of the base, so bases shorter than that give none; so does an empty target.
 std::optional<Bytes> encodeDelta(ByteView base, ByteView target, std::size_t limit);
 
 }  // namespace corvane
