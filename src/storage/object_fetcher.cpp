@@ -56,9 +56,15 @@ void ObjectFetcher::enqueue(std::vector<FetchRequest> requests) {
 }
 
 void ObjectFetcher::fetchStoredPacks(const Repository& repository) {
+    // A retired pack's objects are in the pack that replaced it; a copy left in the cache would
+    // be found first and kept alive by the use.
+    auto content = repository.content();
+    for (const auto& [name, time] : content->retiredPacks) {
+        if (store_.storedPacks().pack(name)) store_.storedPacks().discard(name);
+    }
     auto missing = [&] {
         std::set<std::string> names;
-        for (const auto& [name, size] : repository.content()->packs) {
+        for (const auto& [name, size] : content->packs) {
             if (isStoredPackName(name) && !store_.storedPacks().pack(name)) names.insert(name);
         }
         return names;

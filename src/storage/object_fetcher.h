@@ -81,7 +81,8 @@ class ObjectFetcher {
 
     // Downloads the repository's stored packs that the cache lacks: an object of a stored pack
     // is found only through its pack's index. Every fetch does it first; a pack writer that
-    // copies stored entries does it before it looks. Throws the download's error.
+    // copies stored entries does it before it looks. Drops the repository's retired packs from
+    // the cache. Throws the download's error.
     void fetchStoredPacks(const Repository& repository);
 
   private:

@@ -184,6 +184,13 @@ TEST_F(PushSafety, PacksConsolidateAfterPushesAndARepackKilledAnywhereLosesNothi
     EXPECT_TRUE(repacked.out.starts_with("Repacked ")) << repacked.out;
     EXPECT_EQ(trimmed(server.run({CORVANE_BINARY, "repack", "team"}).out),
               "Nothing to repack: 1 pack");
+    // The daemon's next clone drops the retired packs from its cache: the cache keeps one copy.
+    cloneAndCheck("team", "dev");
+    std::size_t cachedPacks = 0;
+    for (const auto& file :
+         std::filesystem::directory_iterator(server.home() + "/cache/corvane/Objects/stored"))
+        cachedPacks += file.path().extension() == ".idx";
+    EXPECT_EQ(cachedPacks, 1u);
     restartCold(SIGTERM);
     EXPECT_EQ(cloneAndCheck("team", "dev"), tip);
     // A clone made before fetches the next commit: a thin pack on the repacked deltas.
