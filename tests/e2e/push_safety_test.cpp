@@ -200,5 +200,41 @@ TEST_F(PushSafety, PacksConsolidateAfterPushesAndARepackKilledAnywhereLosesNothi
     EXPECT_EQ(trimmed(sh(clone, "git rev-parse HEAD")), tip);
 }
 
+TEST_F(PushSafety, AVersion2RepositoryIsServedThenConvertedByItsNextPush) {
+    std::string source = dir("source");
+    sh(source, "git clone -q --mirror " + sharedDir() + "/testdata/lz4.bundle .");
+    auto nth = [&](int commit) {
+        return trimmed(sh(source, "git rev-list --first-parent --reverse dev | sed -n " +
+                                      std::to_string(commit) + "p"));
+    };
+    std::string old = nth(300);
+    sh(source, "git branch -f part " + old);
+    std::string legacy = dir("legacy");
+    sh(legacy, "git clone -q --bare --no-local --single-branch -b part " + source + " .");
+    create("old");
+    auto written = server.run({CORVANE_LEGACY_REPOSITORY, "old", legacy}, legacy);
+    ASSERT_EQ(written.status, 0) << written.out;
+    restartCold(SIGTERM);
+    EXPECT_EQ(cloneAndCheck("old", "part"), old);
+    std::string clone = dir("fetching");
+    sh(clone, "git clone -q " + server.url("old") + " .");
+
+    // Its next push converts it in the background: whole objects become deltas, the pushed
+    // pack's deltas lean on them, and git reads it all back.
+    std::string tip = nth(400);
+    sh(source, "git push -q " + server.url("old") + " " + tip + ":refs/heads/part");
+    EXPECT_TRUE(server.process().waitForOutput(" packs retired", std::chrono::seconds(120)));
+    restartCold(SIGTERM);
+    EXPECT_EQ(cloneAndCheck("old", "part"), tip);
+    sh(clone,
+       "git pull -q --ff-only " + server.url("old") + " part && git fsck --strict --no-progress");
+    EXPECT_EQ(trimmed(sh(clone, "git rev-parse HEAD")), tip);
+    // Two packs remain, the converted one and the pushed one; a repack makes them one.
+    auto repacked = server.run({CORVANE_BINARY, "repack", "old"});
+    EXPECT_EQ(trimmed(repacked.out), "Repacked 2 packs into 1");
+    restartCold(SIGTERM);
+    EXPECT_EQ(cloneAndCheck("old", "part"), tip);
+}
+
 }  // namespace
 }  // namespace corvane::testing
