@@ -196,13 +196,10 @@ void ReceivePack::readPack(RepositoryContent& received) {
     // The objects are kept as they came, deltas and all, in stored packs of a bounded size that
     // go into the cache as they fill; nothing else of them is written. The count is the
     // client's word: nothing is sized by it before the objects arrive.
-    StoredPackBuilder builder;
+    Store& store = backend_.store();
+    StoredPackBuilder builder([&store] { return store.uniqueWorkingFile("pack"); });
     RecentObjects recent;
-    auto seal = [&] {
-        auto built = builder.finish();
-        storedPacks_.push_back(
-            backend_.store().storedPacks().place(built.name, built.data, built.index));
-    };
+    auto seal = [&] { storedPacks_.push_back(store.storedPacks().place(builder.finish())); };
     for (std::uint32_t i = 0; i < count; ++i) {
         auto object = std::make_shared<const Object>(readObject(builder, recent));
         summarise(*object, received);

@@ -64,7 +64,8 @@ class Consolidation {
         : fetcher_(fetcher),
           repository_(repository),
           content_(repository.content()),
-          stopping_(stopping) {}
+          stopping_(stopping),
+          builder_([&fetcher] { return fetcher.store().uniqueWorkingFile("pack"); }) {}
 
     std::vector<std::shared_ptr<const CachedStoredPack>> run(
         const std::vector<std::string>& packs) {
@@ -314,10 +315,7 @@ class Consolidation {
         if (builder_.dataSize() >= kStoredPackLimit) seal();
     }
 
-    void seal() {
-        auto built = builder_.finish();
-        built_.push_back(fetcher_.store().storedPacks().place(built.name, built.data, built.index));
-    }
+    void seal() { built_.push_back(fetcher_.store().storedPacks().place(builder_.finish())); }
 
     ObjectFetcher& fetcher_;
     const Repository& repository_;

@@ -1,5 +1,7 @@
 #include "storage/store.h"
 
+#include <atomic>
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -352,6 +354,11 @@ fs::path Store::workingFile(const std::string& name) const {
     std::error_code ignored;
     fs::create_directories(root_ / kWorkingFolder, ignored);
     return root_ / kWorkingFolder / name;
+}
+
+fs::path Store::uniqueWorkingFile(const std::string& prefix) const {
+    static std::atomic<std::uint64_t> next{0};
+    return workingFile(prefix + "." + std::to_string(::getpid()) + "." + std::to_string(++next));
 }
 
 std::size_t Store::expire(Clock::time_point now) {

@@ -109,6 +109,8 @@ class Store {
     void placeObjectFile(const std::string& id, const std::filesystem::path& file);
     // A path in the working folder root/zzz, for the caller to write and remove.
     std::filesystem::path workingFile(const std::string& name) const;
+    // A path there that no other call, here or in another process, hands out.
+    std::filesystem::path uniqueWorkingFile(const std::string& prefix) const;
     // The loose file's path.
     std::filesystem::path objectPath(const std::string& id) const;
 

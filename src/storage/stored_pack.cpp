@@ -1,5 +1,8 @@
 #include "storage/stored_pack.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstring>
 #include <limits>
@@ -59,17 +62,48 @@ bool holdsStoredPacks(const RepositoryContent& content) {
                        [](const auto& pack) { return isStoredPackName(pack.first); });
 }
 
+StoredPackBuilder::StoredPackBuilder(std::function<std::filesystem::path()> newDataFile)
+    : newDataFile_(std::move(newDataFile)) {}
+
+StoredPackBuilder::~StoredPackBuilder() {
+    if (fd_ < 0) return;
+    closeFile();
+    std::error_code ignored;
+    std::filesystem::remove(dataFile_, ignored);
+}
+
+void StoredPackBuilder::closeFile() {
+    ::close(fd_);
+    fd_ = -1;
+}
+
 void StoredPackBuilder::append(const Digest& id, StoredEntryKind kind, std::optional<Digest> base,
                                ByteView header, ByteView stream) {
     std::uint64_t length = header.size() + stream.size();
-    if (data_.size() + length > std::numeric_limits<std::uint32_t>::max())
+    if (size_ + length > std::numeric_limits<std::uint32_t>::max())
         throw Error("A stored pack holds at most 4 GiB");
-    auto start = data_.size();
-    data_.insert(data_.end(), header.begin(), header.end());
-    data_.insert(data_.end(), stream.begin(), stream.end());
-    entries_.push_back({id, static_cast<std::uint32_t>(start), static_cast<std::uint32_t>(length),
-                        crc32Of(ByteView(data_).subspan(start)), kind, base});
+    Bytes entry(header.begin(), header.end());
+    entry.insert(entry.end(), stream.begin(), stream.end());
+    if (newDataFile_) {
+        if (fd_ < 0) {
+            dataFile_ = newDataFile_();
+            fd_ = ::open(dataFile_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+            if (fd_ < 0) throw Error("Failed to create " + dataFile_.string());
+        }
+        for (std::size_t written = 0; written < entry.size();) {
+            auto done = ::pwrite(fd_, entry.data() + written, entry.size() - written,
+                                 static_cast<off_t>(size_ + written));
+            if (done <= 0) throw Error("Failed to write " + dataFile_.string());
+            written += static_cast<std::size_t>(done);
+        }
+    } else {
+        data_.insert(data_.end(), entry.begin(), entry.end());
+    }
+    hash_.update(entry);
+    entries_.push_back({id, static_cast<std::uint32_t>(size_), static_cast<std::uint32_t>(length),
+                        crc32Of(entry), kind, base});
     byId_.emplace(id, entries_.size() - 1);
+    size_ += length;
 }
 
 bool StoredPackBuilder::contains(const Digest& id) const {
@@ -82,8 +116,20 @@ Object StoredPackBuilder::read(const Digest& id, const OutsideBase& outside) con
         if (found == byId_.end()) return std::nullopt;
         return entries_[found->second];
     };
-    return readStoredObject("being received", find, entriesOf("being received", data_), id,
-                            outside);
+    if (fd_ < 0)
+        return readStoredObject("being received", find, entriesOf("being received", data_), id,
+                                outside);
+    auto readEntry = [&](const StoredPackEntry& entry) {
+        Bytes bytes(entry.length);
+        for (std::size_t done = 0; done < bytes.size();) {
+            auto got = ::pread(fd_, bytes.data() + done, bytes.size() - done,
+                               static_cast<off_t>(entry.offset + done));
+            if (got <= 0) throw Error("Failed to read " + dataFile_.string());
+            done += static_cast<std::size_t>(got);
+        }
+        return bytes;
+    };
+    return readStoredObject("being received", find, readEntry, id, outside);
 }
 
 void StoredPackBuilder::addWhole(const Digest& id, ObjectType type, std::uint64_t size,
@@ -96,7 +142,7 @@ void StoredPackBuilder::addDelta(const Digest& id, const Digest& base, std::uint
                                  ByteView stream) {
     if (auto found = byId_.find(base); found != byId_.end()) {
         auto header = packEntryHeader(ObjectType::ofsDelta, deltaSize);
-        appendOffsetDistance(header, data_.size() - entries_[found->second].offset);
+        appendOffsetDistance(header, size_ - entries_[found->second].offset);
         append(id, StoredEntryKind::ofsDelta, base, header, stream);
         return;
     }
@@ -107,7 +153,7 @@ void StoredPackBuilder::addDelta(const Digest& id, const Digest& base, std::uint
 
 StoredPackBuilder::Built StoredPackBuilder::finish() {
     Built built;
-    Digest hash = sha1(data_);
+    Digest hash = hash_.finish();
     built.name = "P" + hexString(hash);
 
     // Entries by id, each base by its place: in this pack, or among the outside ones.
@@ -133,7 +179,7 @@ StoredPackBuilder::Built StoredPackBuilder::finish() {
     putBigEndian(index, kVersion, 4);
     putBigEndian(index, order.size(), 4);
     putBigEndian(index, external.size(), 4);
-    putBigEndian(index, data_.size(), 8);
+    putBigEndian(index, size_, 8);
     index.insert(index.end(), hash.begin(), hash.end());
     for (auto i : order) {
         const auto& entry = entries_[i];
@@ -158,7 +204,17 @@ StoredPackBuilder::Built StoredPackBuilder::finish() {
         index.insert(index.end(), id.begin(), id.end());
 
     built.data = std::move(data_);
-    *this = StoredPackBuilder();
+    if (fd_ >= 0) {
+        closeFile();
+        built.dataFile = std::move(dataFile_);
+    }
+    data_.clear();
+    dataFile_.clear();
+    size_ = 0;
+    const SHA1Context fresh;
+    hash_ = fresh;
+    entries_.clear();
+    byId_.clear();
     return built;
 }
 

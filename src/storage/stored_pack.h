@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstdint>
+#include <filesystem>
 #include <functional>
 #include <optional>
 #include <string>
@@ -57,6 +58,16 @@ using OutsideBase = std::function<Object(const std::string& id)>;
 
 class StoredPackBuilder {
   public:
+    // A builder that keeps the data in memory.
+    StoredPackBuilder() = default;
+    // A builder that writes the data to a new file as it comes, named by `newDataFile` for each
+    // pack, so that a pack of hundreds of megabytes is not held in memory. A file not finished
+    // is removed with the builder.
+    explicit StoredPackBuilder(std::function<std::filesystem::path()> newDataFile);
+    ~StoredPackBuilder();
+    StoredPackBuilder(const StoredPackBuilder&) = delete;
+    StoredPackBuilder& operator=(const StoredPackBuilder&) = delete;
+
     // A whole object: its type, its data's size and the zlib stream of its data.
     void addWhole(const Digest& id, ObjectType type, std::uint64_t size, ByteView stream);
     // A delta against `base`: the delta's size and the zlib stream of the delta. A base added
@@ -67,11 +78,12 @@ class StoredPackBuilder {
     // Rebuilds an object added before, its bases outside this builder from `outside`.
     Object read(const Digest& id, const OutsideBase& outside) const;
     std::size_t count() const { return entries_.size(); }
-    std::uint64_t dataSize() const { return data_.size(); }
+    std::uint64_t dataSize() const { return size_; }
 
     struct Built {
-        std::string name;  // the record name: "P" and the data's SHA-1
-        Bytes data;
+        std::string name;                // the record name: "P" and the data's SHA-1
+        Bytes data;                      // the data, when kept in memory
+        std::filesystem::path dataFile;  // else the file that holds it, now the caller's
         Bytes index;
     };
     // The data and its index; the builder is empty again.
@@ -80,8 +92,14 @@ class StoredPackBuilder {
   private:
     void append(const Digest& id, StoredEntryKind kind, std::optional<Digest> base, ByteView header,
                 ByteView stream);
+    void closeFile();
 
-    Bytes data_;
+    std::function<std::filesystem::path()> newDataFile_;
+    std::filesystem::path dataFile_;  // the file being written, when there is one
+    int fd_ = -1;
+    Bytes data_;  // the data, when kept in memory
+    std::uint64_t size_ = 0;
+    SHA1Context hash_;
     std::vector<StoredPackEntry> entries_;                      // in data order
     std::unordered_map<Digest, std::size_t, DigestHash> byId_;  // id → entries_ position
 };

@@ -89,6 +89,30 @@ std::shared_ptr<const CachedStoredPack> StoredPackCache::place(const std::string
     return packs_.try_emplace(name, placed).first->second;
 }
 
+std::shared_ptr<const CachedStoredPack> StoredPackCache::place(StoredPackBuilder::Built built) {
+    if (built.dataFile.empty()) return place(built.name, built.data, built.index);
+    struct Leftover {
+        const fs::path& path;
+        ~Leftover() {
+            std::error_code ignored;
+            fs::remove(path, ignored);
+        }
+    } leftover{built.dataFile};
+    if (auto known = pack(built.name)) return known;
+    fs::create_directories(folder_);
+    // The builder hashed the data as it wrote it; its entries are checked whenever read.
+    StoredPackIndex checked(built.index);
+    if (checked.dataSize() != fs::file_size(built.dataFile) ||
+        "P" + hexString(checked.dataHash()) != built.name)
+        throw Error("Corrupted pack " + built.name +
+                    ": its data is not the data its index describes");
+    fs::rename(built.dataFile, dataPathOf(folder_, built.name));
+    writeFileAtomically(indexPathOf(folder_, built.name), built.index);
+    auto placed = std::make_shared<const CachedStoredPack>(folder_, built.name);
+    std::unique_lock lock(mutex_);
+    return packs_.try_emplace(built.name, placed).first->second;
+}
+
 std::shared_ptr<const CachedStoredPack> StoredPackCache::pack(const std::string& name) const {
     {
         std::shared_lock lock(mutex_);

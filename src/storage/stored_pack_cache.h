@@ -58,6 +58,9 @@ class StoredPackCache {
     // file-system errors and on an index that does not describe the data.
     std::shared_ptr<const CachedStoredPack> place(const std::string& name, ByteView data,
                                                   const Bytes& index);
+    // Places what a builder made: its data file moved in (it must lie on the cache's file
+    // system), or its data written.
+    std::shared_ptr<const CachedStoredPack> place(StoredPackBuilder::Built built);
     // The pack of that name, if the cache holds it whole.
     std::shared_ptr<const CachedStoredPack> pack(const std::string& name) const;
 

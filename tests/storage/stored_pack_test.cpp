@@ -6,8 +6,10 @@
 
 #include "base/error.h"
 #include "objects/zlib.h"
+#include "storage/file_io.h"
 #include "support/deltas.h"
 #include "support/error_message.h"
+#include "support/process.h"
 
 namespace corvane {
 namespace {
@@ -105,6 +107,38 @@ TEST_F(StoredPackTest, ObjectsComeBackThroughTheirDeltaChainsAndTheIndexNamesEac
                                    });
               }),
               "Object " + outside.id() + " is not here");
+}
+
+TEST_F(StoredPackTest, ABuilderWritingToFilesMakesTheSamePacksAndLeavesNoFileBehind) {
+    auto inMemory = build();
+    testing::TempDir folder;
+    int files = 0;
+    auto newFile = [&] { return folder.path() + "/data" + std::to_string(++files); };
+    std::vector<StoredPackBuilder::Built> made;
+    {
+        StoredPackBuilder builder(newFile);
+        for (int pack = 0; pack < 2; ++pack) {
+            addWhole(builder, first);
+            addDelta(builder, second, first);
+            addDelta(builder, third, second);
+            addDelta(builder, fourth, outside);
+            // Bases are read back from the file as it is written.
+            EXPECT_EQ(builder.read(digestOf(third),
+                                   [&](const std::string& id) { return fromOutside(id); }),
+                      third);
+            made.push_back(builder.finish());
+        }
+        addWhole(builder, fourth);  // a third pack, never finished
+        EXPECT_TRUE(std::filesystem::exists(folder.path() + "/data3"));
+    }
+    EXPECT_FALSE(std::filesystem::exists(folder.path() + "/data3"));
+    for (const auto& built : made) {
+        EXPECT_EQ(built.name, inMemory.name);
+        EXPECT_EQ(built.index, inMemory.index);
+        EXPECT_TRUE(built.data.empty());
+        EXPECT_EQ(readFile(built.dataFile), inMemory.data);
+    }
+    EXPECT_NE(made[0].dataFile, made[1].dataFile);
 }
 
 TEST_F(StoredPackTest, DamagedIndexesDataAndLoopingChainsAreRefused) {
