@@ -1,5 +1,7 @@
 #include "storage/pack_consolidator.h"
 
+#include <algorithm>
+
 #include "base/error.h"
 #include "base/trace.h"
 #include "storage/backend.h"
@@ -79,9 +81,12 @@ PackConsolidator::Outcome PackConsolidator::consolidate(const std::string& name,
             content.packs[pack] = size;
             content.retiredPacks.erase(pack);
         }
+        // Packs retired by this save get their grace whatever it is.
         std::vector<std::string> expired;
         for (const auto& [pack, time] : content.retiredPacks) {
-            if (time <= now - grace_.load().count()) expired.push_back(pack);
+            if (time <= now - grace_.load().count() &&
+                std::find(packs.begin(), packs.end(), pack) == packs.end())
+                expired.push_back(pack);
         }
         auto emptied = backend_.emptiedPackRecords(*repository, expired);
         for (const auto& pack : expired)

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstring>
 #include <limits>
+#include <list>
 
 #include "base/big_endian.h"
 #include "base/error.h"
@@ -26,6 +27,50 @@ constexpr std::uint32_t kExternal = 0x80000000;
 Error corruptIndex(const std::string& why) {
     return Error("Corrupted pack index: " + why);
 }
+
+// Objects of one pack rebuilt lately on this thread, the most recent first. Reads in the order
+// of a pack's data walk the same chains again and again (each version of a tree on the one
+// before), and a chain is rebuilt from the nearest object kept instead of from its whole object.
+// Only the pack read last is kept: a chain that loops through a damaged index still ends in the
+// error, whatever other packs held.
+class RecentObjects {
+  public:
+    static constexpr std::size_t kBytes = 8 << 20;
+
+    void usePack(const std::string& name) {
+        if (name == pack_) return;
+        order_.clear();
+        byId_.clear();
+        bytes_ = 0;
+        pack_ = name;
+    }
+
+    const Object* find(const Digest& id) {
+        auto found = byId_.find(id);
+        if (found == byId_.end()) return nullptr;
+        order_.splice(order_.begin(), order_, found->second);
+        return &found->second->second;
+    }
+    void keep(const Digest& id, const Object& object) {
+        if (object.data().size() > kBytes / 4 || byId_.contains(id)) return;
+        order_.emplace_front(id, object);
+        byId_.emplace(id, order_.begin());
+        bytes_ += object.data().size();
+        while (bytes_ > kBytes) {
+            bytes_ -= order_.back().second.data().size();
+            byId_.erase(order_.back().first);
+            order_.pop_back();
+        }
+    }
+
+  private:
+    std::string pack_;
+    std::list<std::pair<Digest, Object>> order_;
+    std::unordered_map<Digest, std::list<std::pair<Digest, Object>>::iterator, DigestHash> byId_;
+    std::size_t bytes_ = 0;
+};
+
+thread_local RecentObjects recentObjects;
 
 }  // namespace
 
@@ -364,6 +409,7 @@ Object readStoredObject(const std::string& name, const StoredPackIndex& index,
 Object readStoredObject(const std::string& name, const EntryFinder& find, const EntryReader& read,
                         const Digest& id, const OutsideBase& outside) {
     // The chain from the object down to a whole one (or one from outside), then back up.
+    recentObjects.usePack(name);
     std::vector<StoredPackEntry> chain;
     std::optional<Object> object;
     Digest next = id;
@@ -371,10 +417,17 @@ Object readStoredObject(const std::string& name, const EntryFinder& find, const 
         if (chain.size() > static_cast<std::size_t>(kMaxDeltaDepth))
             throw CorruptedPack(name,
                                 "the delta chain of " + hexString(id) + " loops or runs too deep");
+        if (!chain.empty()) {
+            if (const Object* kept = recentObjects.find(next)) {
+                object = *kept;
+                break;
+            }
+        }
         auto entry = find(next);
         if (!entry) {
             if (chain.empty()) throw CorruptedPack(name, "it does not hold " + hexString(id));
             object = outside(hexString(next));
+            recentObjects.usePack(name);  // the outside read may have been of another pack
             break;
         }
         chain.push_back(*entry);
@@ -398,6 +451,7 @@ Object readStoredObject(const std::string& name, const EntryFinder& find, const 
         if (object->id() != hexString(entry->id))
             throw CorruptedPack(name,
                                 "object " + hexString(entry->id) + " does not match its data");
+        recentObjects.keep(entry->id, *object);
     }
     return *object;
 }
