@@ -1,5 +1,7 @@
 #include "objects/sha1.h"
 
+#include <array>
+
 #include <openssl/evp.h>
 
 #include <stdexcept>
@@ -30,6 +32,28 @@ Digest digestOfId(std::string_view id) {
     Digest digest{};
     for (std::size_t i = 0; i < digest.size(); ++i)
         digest[i] = static_cast<std::uint8_t>(value(id[2 * i]) << 4 | value(id[2 * i + 1]));
+    return digest;
+}
+
+std::optional<Digest> parseObjectId(std::string_view text) {
+    if (text.size() != 40) return std::nullopt;
+    // Lower-case hexadecimal digits only, as git writes ids; anything else is not a digit.
+    static constexpr auto kValues = [] {
+        std::array<std::int8_t, 256> values{};
+        values.fill(-1);
+        for (int c = '0'; c <= '9'; ++c)
+            values[static_cast<std::size_t>(c)] = static_cast<std::int8_t>(c - '0');
+        for (int c = 'a'; c <= 'f'; ++c)
+            values[static_cast<std::size_t>(c)] = static_cast<std::int8_t>(c - 'a' + 10);
+        return values;
+    }();
+    Digest digest{};
+    for (std::size_t i = 0; i < digest.size(); ++i) {
+        auto high = kValues[static_cast<unsigned char>(text[2 * i])];
+        auto low = kValues[static_cast<unsigned char>(text[2 * i + 1])];
+        if ((high | low) < 0) return std::nullopt;
+        digest[i] = static_cast<std::uint8_t>(high << 4 | low);
+    }
     return digest;
 }
 

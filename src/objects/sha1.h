@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -33,6 +34,8 @@ std::string hexString(ByteView bytes);
 
 // The 20 bytes an object id spells; the text must be an object id (isObjectId).
 Digest digestOfId(std::string_view id);
+// The digest an object id names, or none when the text is not one (isObjectId), in one pass.
+std::optional<Digest> parseObjectId(std::string_view text);
 
 Digest sha1(ByteView data);
 

@@ -203,6 +203,15 @@ class MetaReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, MetaRe
 
     bool String(const char* text, rapidjson::SizeType length, bool) {
         if (skipping()) return true;
+        // Tree links are most of a history's strings: read in place, checked and decoded at once.
+        if (depth_ == 4 && section_ == Section::trees &&
+            (field_ == Field::trees || field_ == Field::blobs)) {
+            auto digest = parseObjectId(std::string_view(text, length));
+            if (!digest) return fail("bad id in tree " + entry_);
+            auto link = ObjectIdTable::process().number(*digest);
+            (field_ == Field::trees ? tree_.trees : tree_.blobs).push_back(link);
+            return true;
+        }
         std::string value(text, length);
         if (depth_ == 1) return section_ == Section::head || section_ == Section::unknown || fail();
         if (depth_ == 2 && section_ == Section::refs) {
@@ -225,12 +234,6 @@ class MetaReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, MetaRe
                 commit_.parents.push_back(std::move(value));
             else if (field_ == Field::trees && section_ == Section::commits && version_ == 1)
                 v1CommitTrees_.push_back(std::move(value));
-            else if (field_ == Field::trees && section_ == Section::trees)
-                return isObjectId(value) ? (tree_.trees.push_back(treeLink(value)), true)
-                                         : fail("bad id in tree " + entry_);
-            else if (field_ == Field::blobs && section_ == Section::trees)
-                return isObjectId(value) ? (tree_.blobs.push_back(treeLink(value)), true)
-                                         : fail("bad id in tree " + entry_);
             else
                 return fail();
             return true;

@@ -7,14 +7,22 @@ namespace {
 
 TEST(ObjectId, RecognisesOnlyFortyLowercaseHexDigits) {
     const std::string id = "0123456789abcdef0123456789abcdef01234567";
-    EXPECT_TRUE(isObjectId(std::string(40, '0')));
-    EXPECT_TRUE(isObjectId(id));
-    EXPECT_FALSE(isObjectId(std::string(39, 'a')));
-    EXPECT_FALSE(isObjectId(std::string(41, 'a')));
-    EXPECT_FALSE(isObjectId("0123456789ABCDEF0123456789abcdef01234567"));
-    EXPECT_FALSE(isObjectId("0123456789abcdef0123456789abcdef0123456g"));
-    EXPECT_FALSE(isObjectId("0123456789abcdef 123456789abcdef01234567"));
-    EXPECT_FALSE(isObjectId(""));
+    // The check alone and the check that decodes agree on every case.
+    auto both = [](const std::string& text) {
+        bool parsed = parseObjectId(text).has_value();
+        EXPECT_EQ(parsed, isObjectId(text)) << text;
+        return parsed;
+    };
+    EXPECT_TRUE(both(std::string(40, '0')));
+    EXPECT_TRUE(both(id));
+    EXPECT_FALSE(both(std::string(39, 'a')));
+    EXPECT_FALSE(both(std::string(41, 'a')));
+    EXPECT_FALSE(both("0123456789ABCDEF0123456789abcdef01234567"));
+    EXPECT_FALSE(both("0123456789abcdef0123456789abcdef0123456g"));
+    EXPECT_FALSE(both("0123456789abcdef 123456789abcdef01234567"));
+    EXPECT_FALSE(both("0123456789abcdef0123456789abcdef0123456\xff"));
+    EXPECT_FALSE(both(""));
+    EXPECT_EQ(parseObjectId(id), digestOfId(id));
     const std::uint8_t bytes[] = {0x00, 0x0f, 0xa0, 0xff};
     EXPECT_EQ(hexString(bytes), "000fa0ff");
     EXPECT_EQ(hexString({}), "");
