@@ -262,6 +262,15 @@ std::vector<std::string> UploadPack::selectObjects(
         if (filter.keepsTrees()) pendingTrees.push_back(commit->tree);
         output.push_back(id);
     }
+    // Trees link to the same objects millions of times over: a link followed once is passed
+    // over by its number, before its id is even spelled out.
+    std::vector<bool> followed(ObjectIdTable::process().size());
+    auto firstTime = [&](TreeLink link) {
+        if (link >= followed.size()) followed.resize(link + std::size_t{1});
+        if (followed[link]) return false;
+        followed[link] = true;
+        return true;
+    };
     while (!pendingTrees.empty()) {
         std::string id = std::move(pendingTrees.back());
         pendingTrees.pop_back();
@@ -269,10 +278,12 @@ std::vector<std::string> UploadPack::selectObjects(
         const PartialTree* tree = content.trees.find(id);
         if (!tree) throw Error("Tree " + id + " not found on server");
         if (filter.keepsTrees()) {
-            for (auto subtree : tree->trees)
-                pendingTrees.push_back(linkedId(subtree));
+            for (auto subtree : tree->trees) {
+                if (firstTime(subtree)) pendingTrees.push_back(linkedId(subtree));
+            }
         }
         for (auto link : tree->blobs) {
+            if (!firstTime(link)) continue;
             auto blob = linkedId(link);
             if (keepsBlob(blob)) addBlob(blob);
         }
