@@ -1,9 +1,13 @@
 #include "storage/incremental_meta.h"
 
 #include <algorithm>
+#include <deque>
 #include <filesystem>
+#include <future>
+#include <thread>
 
 #include "base/error.h"
+#include "base/queues.h"
 #include "storage/file_io.h"
 #include "storage/repository_meta.h"
 #include "storage/stored_pack.h"
@@ -150,11 +154,31 @@ StoredState readIncrementalMeta(const cloud::Record& record, const Repository* k
         auto base = baseOf(record);
         if (base.empty())
             throw Error("Corrupted repository record: a metadata document is missing");
+        // Parts decode on every core while the ones before are joined, in order; at most one
+        // part per core waits.
+        using Decoded = std::pair<std::int64_t, RepositoryContent>;
+        const unsigned threads = std::max(1u, std::thread::hardware_concurrency());
+        std::deque<std::future<Decoded>> decoded;
+        WorkQueue decoders("meta_decode", threads);
+        auto joinFirst = [&] {
+            auto [size, content] = decoded.front().get();
+            decoded.pop_front();
+            state.size += size;
+            applyIncrement(content, state.content, true);
+        };
         for (const auto& part : base) {
-            Bytes document = readDocument(part);
-            state.size += static_cast<std::int64_t>(document.size());
-            applyIncrement(decodeRepositoryMeta(document, 2), state.content, true);
+            auto task = std::make_shared<std::packaged_task<Decoded()>>([part] {
+                Bytes document = readDocument(part);
+                auto size = static_cast<std::int64_t>(document.size());
+                return Decoded{size, decodeRepositoryMeta(document, 2)};
+            });
+            decoded.push_back(task->get_future());
+            decoders.async([task] { (*task)(); });
+            while (decoded.size() > threads)
+                joinFirst();
         }
+        while (!decoded.empty())
+            joinFirst();
     }
     for (; next < increments.size(); ++next) {
         Bytes document = readDocument(increments[next]);

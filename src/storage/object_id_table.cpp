@@ -24,6 +24,16 @@ ObjectIdTable& ObjectIdTable::process() {
 
 ObjectIdTable::Number ObjectIdTable::number(const Digest& digest) {
     std::lock_guard lock(mutex_);
+    return numberLocked(digest);
+}
+
+void ObjectIdTable::number(std::span<const Digest> digests, std::vector<Number>& out) {
+    std::lock_guard lock(mutex_);
+    for (const auto& digest : digests)
+        out.push_back(numberLocked(digest));
+}
+
+ObjectIdTable::Number ObjectIdTable::numberLocked(const Digest& digest) {
     if (2 * (size_ + 1) > slots_.size()) grow();
     std::size_t mask = slots_.size() - 1;
     std::size_t slot = slotOf(digest, mask);

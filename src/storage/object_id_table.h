@@ -15,6 +15,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <span>
 #include <vector>
 
 #include "objects/sha1.h"
@@ -30,6 +31,9 @@ class ObjectIdTable {
 
     // The id's number, handing out the next one for an id not met before.
     Number number(const Digest& digest);
+    // The numbers of several ids, appended to `out` in order, under one lock: a tree's links
+    // are numbered together.
+    void number(std::span<const Digest> digests, std::vector<Number>& out);
     const Digest& digest(Number number) const {
         return chunks_[number >> kChunkBits][number & (kChunkSize - 1)];
     }
@@ -41,6 +45,7 @@ class ObjectIdTable {
     static constexpr std::size_t kChunks = std::size_t{1} << (32 - kChunkBits);
 
     void grow();
+    Number numberLocked(const Digest& digest);  // mutex_ held
 
     mutable std::mutex mutex_;
     // Digests by number, in chunks that never move once allocated: readers need no lock.

@@ -208,8 +208,7 @@ class MetaReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, MetaRe
             (field_ == Field::trees || field_ == Field::blobs)) {
             auto digest = parseObjectId(std::string_view(text, length));
             if (!digest) return fail("bad id in tree " + entry_);
-            auto link = ObjectIdTable::process().number(*digest);
-            (field_ == Field::trees ? tree_.trees : tree_.blobs).push_back(link);
+            (field_ == Field::trees ? treeDigests_ : blobDigests_).push_back(*digest);
             return true;
         }
         std::string value(text, length);
@@ -374,8 +373,13 @@ class MetaReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, MetaRe
                 content_.commits.add(entry_, std::move(commit_));
                 break;
             case Section::trees:
-                tree_.trees.shrink_to_fit();
-                tree_.blobs.shrink_to_fit();
+                // Numbered together: one lock for the tree, not one for each link.
+                tree_.trees.reserve(treeDigests_.size());
+                tree_.blobs.reserve(blobDigests_.size());
+                ObjectIdTable::process().number(treeDigests_, tree_.trees);
+                ObjectIdTable::process().number(blobDigests_, tree_.blobs);
+                treeDigests_.clear();
+                blobDigests_.clear();
                 content_.trees.add(entry_, std::move(tree_));
                 break;
             default:
@@ -399,6 +403,8 @@ class MetaReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, MetaRe
     PartialTag tag_;
     PartialCommit commit_;
     PartialTree tree_;
+    std::vector<Digest> treeDigests_;  // the tree's links as read, numbered when it ends
+    std::vector<Digest> blobDigests_;
     std::vector<std::string> v1CommitTrees_;
     std::string error_;
 };
