@@ -9,12 +9,7 @@
 namespace corvane {
 
 bool isObjectId(std::string_view text) {
-    if (text.size() != 40) return false;
-    for (char c : text) {
-        bool digit = (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f');
-        if (!digit) return false;
-    }
-    return true;
+    return parseObjectId(text).has_value();
 }
 
 std::string hexString(ByteView bytes) {

@@ -317,7 +317,7 @@ PackWriter::DeltaRules deltaRules(const RepositoryContent& content,
         if (++walked == kThinBaseCommits) break;
     }
     for (const auto& id : held) {
-        if (isObjectId(id)) rules.clientHas.insert(digestOfId(id));
+        if (auto digest = parseObjectId(id)) rules.clientHas.insert(*digest);
     }
     return rules;
 }
@@ -409,12 +409,9 @@ void UploadPack::sendPack(const RepositoryContent& content, const std::vector<st
     std::vector<std::string> others;
     // A repository of whole objects only (pushed before stored packs) is not looked up object by
     // object: each miss would look at the cache's folder again.
-    bool holdsStoredPacks =
-        std::any_of(content.packs.begin(), content.packs.end(),
-                    [](const auto& pack) { return isStoredPackName(pack.first); });
+    const bool anyStored = holdsStoredPacks(content);
     for (auto& id : ids) {
-        auto found =
-            holdsStoredPacks ? fetcher_.store().storedPacks().find(digestOfId(id)) : std::nullopt;
+        auto found = anyStored ? fetcher_.store().storedPacks().find(digestOfId(id)) : std::nullopt;
         if (found) {
             stored.push_back({std::move(id), std::move(*found)});
         } else {

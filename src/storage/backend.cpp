@@ -470,9 +470,7 @@ std::vector<cloud::Record> Backend::emptiedPackRecords(const Repository& reposit
         if (result.error && result.error->code() == cloud::kUnknownItem) continue;
         if (result.error) throw *result.error;
         if (!result.record) continue;
-        cloud::Record record(kPackRecordType, id);
-        record.setParent({kRepositoryRecordName, zone});
-        record.set("version", std::int64_t{3});
+        cloud::Record record = emptiedPackRecord(id);
         record.recordChangeTag = result.record->recordChangeTag;
         emptied.push_back(std::move(record));
     }

@@ -60,7 +60,9 @@ void ObjectFetcher::fetchStoredPacks(const Repository& repository) {
     // be found first and kept alive by the use.
     auto content = repository.content();
     for (const auto& [name, time] : content->retiredPacks) {
-        if (store_.storedPacks().pack(name)) store_.storedPacks().discard(name);
+        // A converted repository retires thousands of packs of version 1 or 2, never cached here.
+        if (isStoredPackName(name) && store_.storedPacks().pack(name))
+            store_.storedPacks().discard(name);
     }
     auto missing = [&] {
         std::set<std::string> names;

@@ -33,7 +33,7 @@ Error corruptIndex(const std::string& why) {
 // before), and a chain is rebuilt from the nearest object kept instead of from its whole object.
 // Only the pack read last is kept: a chain that loops through a damaged index still ends in the
 // error, whatever other packs held.
-class RecentObjects {
+class RebuiltObjects {
   public:
     static constexpr std::size_t kBytes = 8 << 20;
 
@@ -70,7 +70,7 @@ class RecentObjects {
     std::size_t bytes_ = 0;
 };
 
-thread_local RecentObjects recentObjects;
+thread_local RebuiltObjects rebuiltObjects;
 
 }  // namespace
 
@@ -409,7 +409,7 @@ Object readStoredObject(const std::string& name, const StoredPackIndex& index,
 Object readStoredObject(const std::string& name, const EntryFinder& find, const EntryReader& read,
                         const Digest& id, const OutsideBase& outside) {
     // The chain from the object down to a whole one (or one from outside), then back up.
-    recentObjects.usePack(name);
+    rebuiltObjects.usePack(name);
     std::vector<StoredPackEntry> chain;
     std::optional<Object> object;
     Digest next = id;
@@ -418,7 +418,7 @@ Object readStoredObject(const std::string& name, const EntryFinder& find, const 
             throw CorruptedPack(name,
                                 "the delta chain of " + hexString(id) + " loops or runs too deep");
         if (!chain.empty()) {
-            if (const Object* kept = recentObjects.find(next)) {
+            if (const Object* kept = rebuiltObjects.find(next)) {
                 object = *kept;
                 break;
             }
@@ -427,7 +427,7 @@ Object readStoredObject(const std::string& name, const EntryFinder& find, const 
         if (!entry) {
             if (chain.empty()) throw CorruptedPack(name, "it does not hold " + hexString(id));
             object = outside(hexString(next));
-            recentObjects.usePack(name);  // the outside read may have been of another pack
+            rebuiltObjects.usePack(name);  // the outside read may have been of another pack
             break;
         }
         chain.push_back(*entry);
@@ -451,7 +451,7 @@ Object readStoredObject(const std::string& name, const EntryFinder& find, const 
         if (object->id() != hexString(entry->id))
             throw CorruptedPack(name,
                                 "object " + hexString(entry->id) + " does not match its data");
-        recentObjects.keep(entry->id, *object);
+        rebuiltObjects.keep(entry->id, *object);
     }
     return *object;
 }

@@ -137,10 +137,15 @@ std::set<std::string> decodePackRecord(const cloud::Record& record, Store& store
     return placed;
 }
 
-cloud::Record storedPackRecord(const CachedStoredPack& pack, const cloud::ZoneId& zone) {
-    cloud::Record record(kPackRecordType, {pack.name(), zone});
-    record.setParent({kRepositoryRecordName, zone});
+cloud::Record emptiedPackRecord(const cloud::RecordId& id) {
+    cloud::Record record(kPackRecordType, id);
+    record.setParent({kRepositoryRecordName, id.zoneId});
     record.set("version", std::int64_t{3});
+    return record;
+}
+
+cloud::Record storedPackRecord(const CachedStoredPack& pack, const cloud::ZoneId& zone) {
+    cloud::Record record = emptiedPackRecord({pack.name(), zone});
     record.set("data", cloud::Asset{pack.dataPath()});
     record.set("index", cloud::Asset{pack.indexPath()});
     record.set("size", storedPackSize(pack));

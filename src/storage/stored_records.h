@@ -45,6 +45,8 @@ std::set<std::string> decodePackRecord(const cloud::Record& record, Store& store
 // The record of a stored pack (stored_pack.md), its assets the cache's own files, and its "size":
 // the data's and the index's bytes.
 cloud::Record storedPackRecord(const CachedStoredPack& pack, const cloud::ZoneId& zone);
+// A retired pack's record emptied of its data and index (stored_pack.md, Consolidation).
+cloud::Record emptiedPackRecord(const cloud::RecordId& id);
 std::int64_t storedPackSize(const CachedStoredPack& pack);
 
 // For each pack id, the sorted ids of the content's objects that start with it; one pass over
